@@ -1,0 +1,38 @@
+# Locates MuPDF (the PDF engine) and its libraries as the imported target zpdf::mupdf.
+# Natively this is Debian's libmupdf-dev, a static library linked with the system's copies
+# of its third-party libraries. Cross builds point ZPDF_MUPDF_PREFIX at their own build.
+if(TARGET zpdf::mupdf)
+    return()
+endif()
+
+set(ZPDF_MUPDF_PREFIX "" CACHE PATH "Prefix of a MuPDF build to use instead of the system's")
+
+if(ZPDF_MUPDF_PREFIX)
+    add_library(zpdf::mupdf INTERFACE IMPORTED)
+    set_target_properties(zpdf::mupdf PROPERTIES
+        INTERFACE_INCLUDE_DIRECTORIES "${ZPDF_MUPDF_PREFIX}/include"
+        INTERFACE_LINK_DIRECTORIES "${ZPDF_MUPDF_PREFIX}/lib")
+    target_link_libraries(zpdf::mupdf INTERFACE ${ZPDF_MUPDF_LIBS})
+    return()
+endif()
+
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(ZPDF_MUPDF_PC REQUIRED mupdf)
+find_library(ZPDF_MUPDF_LIB NAMES mupdf HINTS ${ZPDF_MUPDF_PC_LIBRARY_DIRS} REQUIRED)
+find_library(ZPDF_MUPDF_THIRD_LIB NAMES mupdf-third HINTS ${ZPDF_MUPDF_PC_LIBRARY_DIRS} REQUIRED)
+pkg_check_modules(ZPDF_FREETYPE REQUIRED freetype2)
+pkg_check_modules(ZPDF_HARFBUZZ REQUIRED harfbuzz)
+find_library(ZPDF_MUJS_LIB mujs REQUIRED)
+find_library(ZPDF_GUMBO_LIB gumbo REQUIRED)
+find_library(ZPDF_OPENJP2_LIB openjp2 REQUIRED)
+find_library(ZPDF_JBIG2_LIB jbig2dec REQUIRED)
+find_library(ZPDF_JPEG_LIB jpeg REQUIRED)
+find_package(ZLIB REQUIRED)
+
+add_library(zpdf::mupdf INTERFACE IMPORTED)
+set_target_properties(zpdf::mupdf PROPERTIES
+    INTERFACE_INCLUDE_DIRECTORIES "${ZPDF_MUPDF_PC_INCLUDE_DIRS}")
+target_link_libraries(zpdf::mupdf INTERFACE
+    ${ZPDF_MUPDF_LIB} ${ZPDF_MUPDF_THIRD_LIB} ${ZPDF_MUJS_LIB} ${ZPDF_GUMBO_LIB}
+    ${ZPDF_OPENJP2_LIB} ${ZPDF_JBIG2_LIB} ${ZPDF_JPEG_LIB}
+    ${ZPDF_FREETYPE_LINK_LIBRARIES} ${ZPDF_HARFBUZZ_LINK_LIBRARIES} ZLIB::ZLIB m)

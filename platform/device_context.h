@@ -30,7 +30,7 @@ struct DeviceRect {
 };
 
 class DeviceContext {
-public:
+  public:
     virtual ~DeviceContext() = default;
 
     // Maps points from logical to device units in place.
@@ -42,8 +42,9 @@ public:
     virtual bool SetTextMapping() = 0;
     // The part of the device that drawing can change, when the context knows it.
     virtual std::optional<DeviceRect> ClipBox() = 0;
-    // Draws `width` x `height` opaque BGRA pixels, rows top-down and `stride` bytes apart, with
-    // their top-left corner at device position (`x`, `y`), one pixel per device unit.
+    // Draws `width` x `height` BGRA pixels with premultiplied alpha, rows top-down and `stride`
+    // bytes apart, over what the device shows, with their top-left corner at device position
+    // (`x`, `y`), one pixel per device unit. Pixels with alpha 0 leave the device unchanged.
     virtual bool DrawBgra(std::int32_t x, std::int32_t y, int width, int height,
                           const std::uint8_t* pixels, std::ptrdiff_t stride) = 0;
 };

@@ -16,39 +16,58 @@ std::atomic<bool> g_hook_set{false};
 
 int Win32ErrorFromErrno(int error) {
     switch (error) {
-        case 0: return 0;
-        case ENOENT: return kErrorFileNotFound;
-        case ENOTDIR: return kErrorPathNotFound;
+        case 0:
+            return 0;
+        case ENOENT:
+            return kErrorFileNotFound;
+        case ENOTDIR:
+            return kErrorPathNotFound;
         case EMFILE:
-        case ENFILE: return kErrorTooManyOpenFiles;
+        case ENFILE:
+            return kErrorTooManyOpenFiles;
         case EACCES:
         case EPERM:
-        case EISDIR: return kErrorAccessDenied;
-        case ENOMEM: return kErrorNotEnoughMemory;
-        case EROFS: return kErrorWriteProtect;
+        case EISDIR:
+            return kErrorAccessDenied;
+        case ENOMEM:
+            return kErrorNotEnoughMemory;
+        case EROFS:
+            return kErrorWriteProtect;
         case EBUSY:
-        case ETXTBSY: return kErrorSharingViolation;
-        case EEXIST: return kErrorFileExists;
+        case ETXTBSY:
+            return kErrorSharingViolation;
+        case EEXIST:
+            return kErrorFileExists;
         case ENOSPC:
 #ifdef EDQUOT
         case EDQUOT:
 #endif
             return kErrorDiskFull;
-        case ENAMETOOLONG: return kErrorFilenameTooLong;
-        case EIO: return kErrorWriteFault;
-        default: return kErrorGenFailure;
+        case ENAMETOOLONG:
+            return kErrorFilenameTooLong;
+        case EIO:
+            return kErrorWriteFault;
+        default:
+            return kErrorGenFailure;
     }
 }
 
 const char* FileOpName(FileOp op) {
     switch (op) {
-        case FileOp::Create: return "create";
-        case FileOp::Write: return "write";
-        case FileOp::Flush: return "flush";
-        case FileOp::Close: return "close";
-        case FileOp::Move: return "move";
-        case FileOp::Copy: return "copy";
-        case FileOp::Read: return "read";
+        case FileOp::Create:
+            return "create";
+        case FileOp::Write:
+            return "write";
+        case FileOp::Flush:
+            return "flush";
+        case FileOp::Close:
+            return "close";
+        case FileOp::Move:
+            return "move";
+        case FileOp::Copy:
+            return "copy";
+        case FileOp::Read:
+            return "read";
     }
     return "?";
 }
@@ -98,7 +117,9 @@ long long FileSize(const std::filesystem::path& path) {
     return ec ? -1 : static_cast<long long>(size);
 }
 
-OutputFile::~OutputFile() { Close(); }
+OutputFile::~OutputFile() {
+    Close();
+}
 
 int OutputFile::Open(const std::filesystem::path& path) {
     Close();

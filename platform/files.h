@@ -68,7 +68,7 @@ FILE* OpenFile(const std::filesystem::path& path, const char* mode);
 // A file being written: created with Open, filled with Write, made durable with Commit.
 // Destroying it without Commit closes the handle (the caller decides about the file).
 class OutputFile {
-public:
+  public:
     OutputFile() = default;
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
@@ -84,7 +84,7 @@ public:
     const std::filesystem::path& Path() const { return path_; }
     unsigned long long BytesWritten() const { return written_; }
 
-private:
+  private:
     FILE* file_ = nullptr;
     std::filesystem::path path_;
     unsigned long long written_ = 0;

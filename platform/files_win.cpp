@@ -1,8 +1,8 @@
 #include <windows.h>
 
+#include <io.h>
 #include <cerrno>
 #include <cstdio>
-#include <io.h>
 #include <string>
 
 #include "platform/files.h"
@@ -36,7 +36,8 @@ int CreateTempFile(std::filesystem::path* created) {
 
 int MoveReplace(const std::filesystem::path& from, const std::filesystem::path& to) {
     if (const int error = InjectedFault(FileOp::Move, to)) return error;
-    if (!MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
+    if (!MoveFileExW(from.c_str(), to.c_str(),
+                     MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
         return static_cast<int>(GetLastError());
     }
     return 0;

@@ -28,8 +28,12 @@ constexpr HResult FromWin32(std::int32_t error) {
     return static_cast<HResult>(0x80070000u | (static_cast<std::uint32_t>(error) & 0xFFFFu));
 }
 
-constexpr bool Succeeded(HResult h) { return h >= 0; }
-constexpr bool Failed(HResult h) { return h < 0; }
+constexpr bool Succeeded(HResult h) {
+    return h >= 0;
+}
+constexpr bool Failed(HResult h) {
+    return h < 0;
+}
 }  // namespace hr
 
 // "0x8000FFFF" style text of a result, for messages.

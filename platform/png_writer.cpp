@@ -10,8 +10,8 @@ namespace zpdf {
 struct PngWriter::State {
     z_stream zs{};
     bool zs_ready = false;
-    std::vector<std::uint8_t> row;   // filter byte + RGB
-    std::vector<std::uint8_t> out;   // compressed bytes waiting for an IDAT chunk
+    std::vector<std::uint8_t> row;  // filter byte + RGB
+    std::vector<std::uint8_t> out;  // compressed bytes waiting for an IDAT chunk
 };
 
 namespace {
@@ -31,6 +31,10 @@ PngWriter::PngWriter() : state_(std::make_unique<State>()) {}
 
 PngWriter::~PngWriter() {
     if (state_->zs_ready) deflateEnd(&state_->zs);
+    if (!finished_ && !target_.empty()) {
+        file_.Close();
+        fs::RemoveQuietly(file_.Path());
+    }
 }
 
 int PngWriter::Open(const std::filesystem::path& path, int width, int height, int dpi) {
@@ -38,7 +42,10 @@ int PngWriter::Open(const std::filesystem::path& path, int width, int height, in
     width_ = width;
     height_ = height;
     rows_written_ = 0;
-    if (const int error = file_.Open(path)) return error;
+    target_ = path;
+    std::filesystem::path side = path;
+    side += ".part";
+    if (const int error = file_.Open(side)) return error;
     static constexpr std::uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
     if (const int error = file_.Write(kSignature, sizeof kSignature)) return error;
     std::uint8_t ihdr[13];
@@ -142,7 +149,10 @@ int PngWriter::Finish() {
         state_->out.clear();
     }
     if (const int error = WriteChunk("IEND", nullptr, 0)) return error;
-    return file_.Commit();
+    if (const int error = file_.Commit()) return error;
+    if (const int error = fs::MoveReplace(file_.Path(), target_)) return error;
+    finished_ = true;
+    return 0;
 }
 
 }  // namespace zpdf

@@ -12,13 +12,15 @@
 namespace zpdf {
 
 class PngWriter {
-public:
+  public:
     PngWriter();
     ~PngWriter();
     PngWriter(const PngWriter&) = delete;
     PngWriter& operator=(const PngWriter&) = delete;
 
     // Each function returns a Win32 error number, 0 on success.
+    // The image is written beside `path` and moved there by Finish; an unfinished image leaves
+    // nothing behind.
     int Open(const std::filesystem::path& path, int width, int height, int dpi);
     // Appends `rows` rows of BGRA pixels (alpha ignored), `stride` bytes apart.
     int WriteBgraRows(const std::uint8_t* pixels, int rows, std::ptrdiff_t stride);
@@ -28,7 +30,7 @@ public:
     // Completes the image (all rows must have been written) and commits the file.
     int Finish();
 
-private:
+  private:
     int WriteRow(const std::uint8_t* rgb);
     int Deflate(const std::uint8_t* data, std::size_t size, bool finish);
     int WriteChunk(const char type[4], const std::uint8_t* data, std::size_t size);
@@ -36,6 +38,8 @@ private:
     struct State;
     std::unique_ptr<State> state_;
     fs::OutputFile file_;
+    std::filesystem::path target_;
+    bool finished_ = false;
     int width_ = 0;
     int height_ = 0;
     int rows_written_ = 0;

@@ -7,6 +7,21 @@
 
 namespace zpdf {
 
+void CompositeOver(std::uint8_t* dst, const std::uint8_t* src, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i, dst += 4, src += 4) {
+        const unsigned alpha = src[3];
+        if (alpha == 255) {
+            std::memcpy(dst, src, 4);
+        } else if (alpha != 0) {
+            const unsigned keep = 255 - alpha;
+            for (int c = 0; c < 3; ++c) {
+                dst[c] = static_cast<std::uint8_t>(src[c] + (dst[c] * keep + 127) / 255);
+            }
+            dst[3] = static_cast<std::uint8_t>(alpha + (dst[3] * keep + 127) / 255);
+        }
+    }
+}
+
 RasterDeviceContext::RasterDeviceContext(int width, int height)
     : width_(std::max(width, 0)),
       height_(std::max(height, 0)),
@@ -15,9 +30,7 @@ RasterDeviceContext::RasterDeviceContext(int width, int height)
 bool RasterDeviceContext::LogicalToDevice(DevicePoint* points, int count) {
     if (mapping_.window_extent.x == 0 || mapping_.window_extent.y == 0) return false;
     auto map = [](std::int64_t v, std::int64_t wo, std::int64_t vo, std::int64_t we,
-                  std::int64_t ve) {
-        return static_cast<std::int32_t>((v - wo) * ve / we + vo);
-    };
+                  std::int64_t ve) { return static_cast<std::int32_t>((v - wo) * ve / we + vo); };
     for (int i = 0; i < count; ++i) {
         points[i].x = map(points[i].x, mapping_.window_origin.x, mapping_.viewport_origin.x,
                           mapping_.window_extent.x, mapping_.viewport_extent.x);
@@ -61,12 +74,14 @@ bool RasterDeviceContext::DrawBgra(std::int32_t x, std::int32_t y, int width, in
     const DeviceRect target =
         DeviceRect::FromOriginSize(x, y, width, height).Intersect({0, 0, width_, height_});
     if (target.IsEmpty()) return true;
-    const auto row_bytes = static_cast<std::size_t>(target.Width()) * 4;
+    const auto row_pixels = static_cast<std::size_t>(target.Width());
     for (std::int32_t row = target.top; row < target.bottom; ++row) {
         const std::uint8_t* src = pixels + stride * (row - y) + std::ptrdiff_t{target.left - x} * 4;
-        std::uint8_t* dst = &pixels_[(static_cast<std::size_t>(row) * static_cast<std::size_t>(width_) +
-                                      static_cast<std::size_t>(target.left)) * 4];
-        std::memcpy(dst, src, row_bytes);
+        std::uint8_t* dst =
+            &pixels_[(static_cast<std::size_t>(row) * static_cast<std::size_t>(width_) +
+                      static_cast<std::size_t>(target.left)) *
+                     4];
+        CompositeOver(dst, src, row_pixels);
     }
     return true;
 }
@@ -74,8 +89,8 @@ bool RasterDeviceContext::DrawBgra(std::int32_t x, std::int32_t y, int width, in
 int RasterDeviceContext::WritePng(const std::filesystem::path& path) const {
     PngWriter png;
     if (const int error = png.Open(path, width_, height_, 0)) return error;
-    if (const int error = png.WriteBgraRows(pixels_.data(), height_,
-                                            static_cast<std::ptrdiff_t>(width_) * 4)) {
+    if (const int error =
+            png.WriteBgraRows(pixels_.data(), height_, static_cast<std::ptrdiff_t>(width_) * 4)) {
         return error;
     }
     return png.Finish();

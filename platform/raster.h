@@ -9,8 +9,11 @@
 
 namespace zpdf {
 
+// Composites `count` premultiplied BGRA pixels of `src` over `dst`.
+void CompositeOver(std::uint8_t* dst, const std::uint8_t* src, std::size_t count);
+
 class RasterDeviceContext final : public DeviceContext {
-public:
+  public:
     RasterDeviceContext(int width, int height);
 
     bool LogicalToDevice(DevicePoint* points, int count) override;
@@ -18,8 +21,8 @@ public:
     bool RestoreState(int token) override;
     bool SetTextMapping() override;
     std::optional<DeviceRect> ClipBox() override;
-    bool DrawBgra(std::int32_t x, std::int32_t y, int width, int height,
-                  const std::uint8_t* pixels, std::ptrdiff_t stride) override;
+    bool DrawBgra(std::int32_t x, std::int32_t y, int width, int height, const std::uint8_t* pixels,
+                  std::ptrdiff_t stride) override;
 
     // Logical mapping: device = (logical - window_origin) * viewport_extent / window_extent +
     // viewport_origin, per axis.
@@ -37,7 +40,8 @@ public:
     int Height() const { return height_; }
     const std::uint8_t* Pixel(int x, int y) const {
         return &pixels_[(static_cast<std::size_t>(y) * static_cast<std::size_t>(width_) +
-                         static_cast<std::size_t>(x)) * 4];
+                         static_cast<std::size_t>(x)) *
+                        4];
     }
     const std::vector<std::uint8_t>& Pixels() const { return pixels_; }
     std::size_t DrawCalls() const { return draw_calls_; }
@@ -46,7 +50,7 @@ public:
     // Writes the raster as an 8-bit RGB PNG. Returns a Win32 error number, 0 on success.
     int WritePng(const std::filesystem::path& path) const;
 
-private:
+  private:
     int width_;
     int height_;
     std::vector<std::uint8_t> pixels_;

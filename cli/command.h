@@ -1,0 +1,61 @@
+// The pieces every zpdf subcommand shares: argument parsing, messages and exit codes.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/hresult.h"
+
+namespace zpdf::cli {
+
+enum ExitCode { kExitOk = 0, kExitFailed = 1, kExitUsage = 2 };
+
+struct Command {
+    const char* name;
+    const char* summary;  // one line for the command list
+    const char* help;     // the whole text of `zpdf NAME --help`
+    int (*run)(const std::vector<std::string>& args);
+};
+
+// Options of one command: those in `valued` take the next argument as their value; those in
+// `flags` stand alone. Anything else starting with "--" is an error.
+class Arguments {
+  public:
+    Arguments(std::set<std::string> valued, std::set<std::string> flags)
+        : valued_(std::move(valued)), flags_(std::move(flags)) {}
+    // False (and an error text) when the arguments do not parse.
+    bool Parse(const std::vector<std::string>& args);
+    const std::string& Error() const { return error_; }
+    const std::vector<std::string>& Positional() const { return positional_; }
+    bool Has(const std::string& name) const { return values_.count(name) != 0; }
+    std::optional<std::string> Value(const std::string& name) const;
+
+  private:
+    std::set<std::string> valued_;
+    std::set<std::string> flags_;
+    std::map<std::string, std::string> values_;
+    std::vector<std::string> positional_;
+    std::string error_;
+};
+
+// "zpdf NAME: message" on standard error; returns kExitUsage.
+int UsageError(const Command& command, const std::string& message);
+// "zpdf NAME: what: reason (0x...)" on standard error; returns kExitFailed.
+int Failure(const Command& command, const std::string& what, const std::string& reason,
+            HResult result);
+
+// Parses a whole number in [low, high].
+std::optional<long> ParseNumber(const std::string& text, long low, long high);
+
+// Formats points with at most two decimals ("595", "841.89").
+std::string FormatPoints(double value);
+std::string JsonString(const std::string& text);
+
+extern const Command kInfoCommand;
+extern const Command kRenderCommand;
+extern const Command kDemoCommand;
+
+}  // namespace zpdf::cli

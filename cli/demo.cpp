@@ -1,0 +1,101 @@
+// zpdf demo: the typical job of a print engine, on documents the program makes itself.
+#include <cstdio>
+#include <filesystem>
+
+#include "cli/command.h"
+#include "cli/sample_pdf.h"
+#include "content_object/content_object.h"
+#include "platform/png_device_context.h"
+
+namespace zpdf::cli {
+namespace {
+
+std::vector<samples::SamplePage> InvoicePages() {
+    std::vector<samples::SamplePage> pages;
+    for (int i = 1; i <= 3; ++i) {
+        samples::SamplePage page;
+        page.content = samples::TextContent(
+            {"Invoice 2026-" + std::to_string(1000 + i), "Customer: Example Print Shop",
+             "Amount due: " + std::to_string(120 * i) + ".00",
+             "Page " + std::to_string(i) + " of 3"},
+            page.height, 14);
+        page.content += samples::FilledRect(72, 600, 200, 20, 0.85);
+        pages.push_back(page);
+    }
+    return pages;
+}
+
+int Step(const char* what, HResult result, const CZPdfContentObject& object) {
+    if (hr::Succeeded(result)) return kExitOk;
+    return Failure(kDemoCommand, what, object.LastErrorText(), result);
+}
+
+int RunDemo(const std::vector<std::string>& args) {
+    Arguments parsed({}, {});
+    if (!parsed.Parse(args)) return UsageError(kDemoCommand, parsed.Error());
+    if (parsed.Positional().size() > 1) return UsageError(kDemoCommand, "expected at most one DIR");
+    const std::filesystem::path dir =
+        parsed.Positional().empty() ? "zpdf-demo" : parsed.Positional()[0];
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+    if (ec)
+        return Failure(kDemoCommand, dir.string(), "cannot create the folder", hr::FromWin32(5));
+
+    // 1. A document to work on.
+    const std::filesystem::path invoice = dir / "invoice.pdf";
+    if (!samples::WriteFile(invoice, samples::BuildPdf(InvoicePages()))) {
+        return Failure(kDemoCommand, invoice.string(), "cannot write the sample", hr::kFail);
+    }
+    std::printf("made the sample document %s\n", invoice.string().c_str());
+
+    // 2. The engine's first questions: how many pages, how large.
+    CZPdfContentObject object;
+    if (int rc = Step("set the document",
+                      object.SetPdfDocument(FromPath(invoice), 0, std::u16string()), object))
+        return rc;
+    std::int32_t pages = 0;
+    if (int rc = Step("count the pages", object.PageCount(&pages), object)) return rc;
+    double width = 0;
+    double height = 0;
+    if (int rc = Step("measure page 1", object.GetPageSize(1, &width, &height), object)) return rc;
+    std::printf("%d pages, page 1 is %s x %s pt\n", pages, FormatPoints(width).c_str(),
+                FormatPoints(height).c_str());
+
+    // 3. Drawing a page, as the layout does for a placed element.
+    const std::filesystem::path png_path = dir / "invoice-page1.png";
+    PngDeviceContext png;
+    const int w = static_cast<int>(width * 100 / 72 + 0.5);
+    const int h = static_cast<int>(height * 100 / 72 + 0.5);
+    if (const int error = png.Open(png_path, w, h, 100)) {
+        return Failure(kDemoCommand, png_path.string(), "cannot create the file",
+                       hr::FromWin32(error));
+    }
+    if (int rc =
+            Step("draw page 1", object.DrawPageToDC(png, 1, 0, 0, w, h, 0, 0, 0, 0, 0), object))
+        return rc;
+    if (const int error = png.Finish()) {
+        return Failure(kDemoCommand, png_path.string(), "cannot write the file",
+                       hr::FromWin32(error));
+    }
+    std::printf("drew page 1 at 100 dpi into %s\n", png_path.string().c_str());
+
+    // 4. Saving: the document is rewritten through a side file that replaces it when whole.
+    if (int rc = Step("save", object.Save(), object)) return rc;
+    std::printf("saved %s (%lld bytes)\n", invoice.string().c_str(),
+                static_cast<long long>(std::filesystem::file_size(invoice, ec)));
+    std::printf("demo finished: outputs are in %s\n", dir.string().c_str());
+    return kExitOk;
+}
+
+}  // namespace
+
+const Command kDemoCommand{
+    "demo", "run a typical print job on sample documents it makes itself",
+    "Usage: zpdf demo [DIR]\n"
+    "\n"
+    "Makes sample documents in DIR (default ./zpdf-demo) and runs the job a print\n"
+    "engine runs on them: open, count and measure the pages, draw page 1 into a PNG,\n"
+    "and save. It says what it wrote where. No input is needed.\n",
+    RunDemo};
+
+}  // namespace zpdf::cli

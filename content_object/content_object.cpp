@@ -1,0 +1,140 @@
+#include "content_object/content_object.h"
+
+#include <cstdio>
+#include <utility>
+
+#include "engine/engine.h"
+#include "platform/files.h"
+
+namespace zpdf {
+
+std::string LoadErrorText(long code) {
+    switch (code) {
+        case 0:
+            return "Success";
+        case 1:
+            return "Unknown error";
+        case 2:
+            return "File not found or could not be opened";
+        case 3:
+            return "File not in PDF format or corrupted";
+        case 4:
+            return "Password required or incorrect password";
+        case 5:
+            return "Unsupported security scheme";
+        case 6:
+            return "Page not found or content error";
+        default:
+            return "Unknown error " + std::to_string(code);
+    }
+}
+
+CZPdfContentObject::CZPdfContentObject() = default;
+
+CZPdfContentObject::~CZPdfContentObject() {
+    ResetDocument();
+    CloseStream();
+}
+
+HResult CZPdfContentObject::Fail(HResult result, std::string why) const {
+    last_error_ = std::move(why);
+    return result;
+}
+
+HResult CZPdfContentObject::SetPdfDocument(const OptionalText& PdfFile, VariantBool Embed,
+                                           const OptionalText& Password) {
+    if (!PdfFile) return Fail(hr::kInvalidArg, "No file name was given");
+    if (!fs::AnyFileMatches(ToPath(*PdfFile))) {
+        return Fail(hr::kInvalidArg, "No file matches " + Utf16ToUtf8(*PdfFile));
+    }
+    ResetDocument();
+    dirty_ = 1;
+    if (Embed != 0) {
+        std::filesystem::path copy;
+        if (const int error = fs::MakeTempCopy(ToPath(*PdfFile), &copy)) {
+            return Fail(hr::FromWin32(error),
+                        "Cannot make the private copy of " + Utf16ToUtf8(*PdfFile));
+        }
+        pdf_file_ = FromPath(copy);
+    } else {
+        pdf_file_ = PdfFile;
+    }
+    embed_ = Embed;
+    password_ = Password;
+    return hr::kOk;
+}
+
+HResult CZPdfContentObject::GetPdfDocument(OptionalText* PdfFile) const {
+    if (PdfFile == nullptr) return Fail(hr::kPointer, "No place for the result was given");
+    *PdfFile = pdf_file_;
+    return hr::kOk;
+}
+
+bool CZPdfContentObject::IsDocumentOpen() const {
+    return document_ && document_->IsOpen();
+}
+
+engine::Document& CZPdfContentObject::EngineDocument() {
+    return *document_;
+}
+
+void CZPdfContentObject::CloseStream() {
+    if (file_ != nullptr) {
+        std::fclose(file_);
+        file_ = nullptr;
+    }
+}
+
+HResult CZPdfContentObject::EnsurePdfDocument() {
+    if (IsDocumentOpen()) return hr::kOk;
+    CloseStream();
+    if (!HasPath()) return Fail(hr::kUnexpected, "No document is set");
+    file_ = fs::OpenFile(ToPath(*pdf_file_), "rb");
+    if (file_ == nullptr) {
+        return Fail(hr::kUnexpected, "Cannot open " + Utf16ToUtf8(*pdf_file_) + " for reading");
+    }
+
+    std::optional<std::string> password;
+    if (password_ && !password_->empty()) password = ToAnsi(*password_);
+
+    const bool linearized = engine::LooksLinearized(file_);
+    std::fputs(linearized ? "Linearized path...\n" : "Non-linearized path...\n", stderr);
+
+    try {
+        if (!document_) document_ = std::make_unique<engine::Document>();
+        document_->Open(file_, password);
+    } catch (const engine::EngineError& e) {
+        const long code = static_cast<long>(e.Category());
+        const std::string text = LoadErrorText(code);
+        std::fprintf(stderr, "Load pdf docs unsuccessful: %s.\n", text.c_str());
+        return Fail(hr::kUnexpected, text + " (" + e.what() + ")");
+    } catch (const std::bad_alloc&) {
+        return Fail(hr::kOutOfMemory, "Out of memory opening the document");
+    }
+    return hr::kOk;
+}
+
+HResult CZPdfContentObject::EnsureViewerDocument() {
+    if (viewer_ready_ && IsDocumentOpen()) return hr::kOk;
+    viewer_ready_ = false;
+    if (const HResult result = EnsurePdfDocument(); hr::Failed(result)) return result;
+    viewer_ready_ = true;
+    return hr::kOk;
+}
+
+void CZPdfContentObject::CloseDocuments() {
+    if (document_) document_->Close();
+    viewer_ready_ = false;
+    // The stream goes too, so that nothing holds the file once the documents are closed.
+    CloseStream();
+}
+
+void CZPdfContentObject::ResetDocument() {
+    CloseDocuments();
+    if (embed_ != 0 && HasPath()) fs::RemoveQuietly(ToPath(*pdf_file_));
+    pdf_file_ = std::u16string();
+    password_ = std::u16string();
+    embed_ = 0;
+}
+
+}  // namespace zpdf

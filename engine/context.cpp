@@ -1,0 +1,112 @@
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <mutex>
+
+#include "engine/engine_internal.h"
+
+namespace zpdf::engine {
+namespace {
+
+std::array<std::mutex, FZ_LOCK_MAX> g_locks;
+
+void LockEngine(void* /*user*/, int lock) {
+    g_locks[static_cast<std::size_t>(lock)].lock();
+}
+void UnlockEngine(void* /*user*/, int lock) {
+    g_locks[static_cast<std::size_t>(lock)].unlock();
+}
+
+fz_locks_context g_lock_context{nullptr, LockEngine, UnlockEngine};
+
+std::mutex g_start_mutex;
+fz_context* g_process_context = nullptr;
+std::atomic<DiagnosticSink> g_sink{nullptr};
+
+void ForwardError(void* /*user*/, const char* message) {
+    if (DiagnosticSink sink = g_sink.load()) sink(2, message);
+}
+
+void ForwardWarning(void* /*user*/, const char* message) {
+    if (DiagnosticSink sink = g_sink.load()) sink(3, message);
+}
+
+void RouteDiagnostics(fz_context* ctx) {
+    fz_set_error_callback(ctx, ForwardError, nullptr);
+    fz_set_warning_callback(ctx, ForwardWarning, nullptr);
+}
+
+// Started at load time as well, so the first document does not pay for it.
+const struct EagerStart {
+    EagerStart() { StartProcessEngine(); }
+} g_eager_start;
+
+}  // namespace
+
+void StartProcessEngine() {
+    std::lock_guard guard(g_start_mutex);
+    if (g_process_context != nullptr) return;
+    fz_context* ctx = fz_new_context(nullptr, &g_lock_context, FZ_STORE_DEFAULT);
+    if (ctx == nullptr) return;  // documents report the failure when they need the engine
+    RouteDiagnostics(ctx);
+    fz_try(ctx) {
+        fz_register_document_handlers(ctx);
+    }
+    fz_catch(ctx) {
+        fz_drop_context(ctx);
+        return;
+    }
+    g_process_context = ctx;
+}
+
+void StopProcessEngine() {
+    std::lock_guard guard(g_start_mutex);
+    if (g_process_context == nullptr) return;
+    fz_drop_context(g_process_context);
+    g_process_context = nullptr;
+}
+
+void SetDiagnosticSink(DiagnosticSink sink) {
+    g_sink.store(sink);
+}
+
+fz_context* ProcessContext() {
+    StartProcessEngine();
+    std::lock_guard guard(g_start_mutex);
+    return g_process_context;
+}
+
+fz_context* NewClonedContext() {
+    fz_context* base = ProcessContext();
+    if (base == nullptr) throw EngineError(ErrorCategory::Other, "the PDF engine could not start");
+    fz_context* ctx = fz_clone_context(base);
+    if (ctx == nullptr)
+        throw EngineError(ErrorCategory::Other, "out of memory for an engine context");
+    RouteDiagnostics(ctx);
+    return ctx;
+}
+
+void ThrowCaught(fz_context* ctx, ErrorCategory category, const char* doing) {
+    std::string what = doing;
+    what += ": ";
+    what += fz_caught_message(ctx);
+    throw EngineError(category, what);
+}
+
+bool LooksLinearized(std::FILE* file) {
+    // The linearization dictionary must be the first object, within the first 1024 bytes.
+    char head[1024];
+    std::rewind(file);
+    const std::size_t got = std::fread(head, 1, sizeof head, file);
+    std::rewind(file);
+    const std::string_view text(head, got);
+    const std::size_t obj = text.find("obj");
+    if (obj == std::string_view::npos) return false;
+    const std::size_t dict = text.find("<<", obj);
+    if (dict == std::string_view::npos) return false;
+    const std::size_t end = text.find(">>", dict);
+    const std::size_t key = text.find("/Linearized", dict);
+    return key != std::string_view::npos && (end == std::string_view::npos || key < end);
+}
+
+}  // namespace zpdf::engine

@@ -56,6 +56,7 @@ std::string BuildPdf(const std::vector<SamplePage>& pages) {
                            "] /Resources << /Font << /F1 3 0 R >> >> /Contents " +
                            std::to_string(5 + 2 * i) + " 0 R";
         if (page.rotate != 0) dict += " /Rotate " + std::to_string(page.rotate);
+        if (!page.extra_entries.empty()) dict += " " + page.extra_entries;
         dict += " >>";
         objects.push_back(dict);
         objects.push_back("<< /Length " + std::to_string(page.content.size()) + " >>\nstream\n" +

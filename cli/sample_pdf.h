@@ -14,6 +14,8 @@ struct SamplePage {
     int rotate = 0;
     // Page content operators. The font resource /F1 is Helvetica.
     std::string content;
+    // More entries for the page dictionary, for example "/CropBox [0 0 100 100]".
+    std::string extra_entries;
 };
 
 // The bytes of a complete PDF file holding `pages`.

@@ -1,0 +1,149 @@
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace zpdf::test {
+
+std::filesystem::path ScratchDir() {
+    const char* base = std::getenv("ZPDF_TEST_TMP");
+    std::filesystem::path root = base != nullptr
+                                     ? std::filesystem::path(base)
+                                     : std::filesystem::temp_directory_path() / "zpdf-tests";
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name =
+        info != nullptr ? std::string(info->test_suite_name()) + "." + info->name() : "misc";
+    for (char& c : name) {
+        if (c == '/' || c == ' ') c = '_';
+    }
+    const std::filesystem::path dir = root / name;
+    std::filesystem::remove_all(dir);
+    std::filesystem::create_directories(dir);
+    return dir;
+}
+
+ToolResult Run(const std::string& command) {
+    ToolResult result;
+    const std::string line = command + " 2>&1";
+    FILE* pipe = ::popen(line.c_str(), "r");
+    if (pipe == nullptr) return result;
+    std::array<char, 4096> buffer{};
+    std::size_t got = 0;
+    while ((got = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0)
+        result.output.append(buffer.data(), got);
+    const int status = ::pclose(pipe);
+    result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+std::string Quote(const std::filesystem::path& path) {
+    std::string out = "'";
+    for (char c : path.string()) {
+        if (c == '\'') {
+            out += "'\\''";
+        } else {
+            out += c;
+        }
+    }
+    return out + "'";
+}
+
+std::string ReadBytes(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+void WriteBytes(const std::filesystem::path& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+namespace {
+
+void Require(const ToolResult& result, const std::string& what) {
+    if (result.exit_code != 0) throw std::runtime_error(what + " failed: " + result.output);
+}
+
+}  // namespace
+
+std::filesystem::path GhostscriptPdf(const std::filesystem::path& path,
+                                     const std::vector<std::string>& pages, int width, int height) {
+    const std::filesystem::path ps = path.string() + ".ps";
+    std::string program;
+    for (const std::string& page : pages) program += page + "\nshowpage\n";
+    WriteBytes(ps, program);
+    Require(Run("gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pdfwrite -dDEVICEWIDTHPOINTS=" +
+                std::to_string(width) + " -dDEVICEHEIGHTPOINTS=" + std::to_string(height) +
+                " -dFIXEDMEDIA -o " + Quote(path) + " " + Quote(ps)),
+            "ghostscript");
+    std::filesystem::remove(ps);
+    return path;
+}
+
+std::filesystem::path TextPdf(const std::filesystem::path& path,
+                              const std::vector<std::string>& texts) {
+    std::vector<std::string> pages;
+    for (const std::string& text : texts) {
+        pages.push_back("/Helvetica findfont 14 scalefont setfont 72 700 moveto (" + text +
+                        ") show");
+    }
+    return GhostscriptPdf(path, pages);
+}
+
+std::filesystem::path QpdfEncrypt(const std::filesystem::path& in, const std::filesystem::path& out,
+                                  const std::string& user, const std::string& owner, int bits) {
+    std::string extra = bits == 128 ? " --use-aes=y" : "";
+    const ToolResult result =
+        Run("qpdf --allow-weak-crypto --encrypt " + Quote(user) + " " + Quote(owner) + " " +
+            std::to_string(bits) + extra + " -- " + Quote(in) + " " + Quote(out));
+    if (result.exit_code != 0 && result.exit_code != 3) Require(result, "qpdf --encrypt");
+    return out;
+}
+
+std::filesystem::path QpdfLinearize(const std::filesystem::path& in,
+                                    const std::filesystem::path& out) {
+    const ToolResult result = Run("qpdf --linearize " + Quote(in) + " " + Quote(out));
+    if (result.exit_code != 0 && result.exit_code != 3) Require(result, "qpdf --linearize");
+    return out;
+}
+
+std::filesystem::path QpdfObjectStreams(const std::filesystem::path& in,
+                                        const std::filesystem::path& out) {
+    const ToolResult result = Run("qpdf --object-streams=generate " + Quote(in) + " " + Quote(out));
+    if (result.exit_code != 0 && result.exit_code != 3) Require(result, "qpdf --object-streams");
+    return out;
+}
+
+int QpdfPageCount(const std::filesystem::path& path) {
+    const ToolResult result = Run("qpdf --show-npages " + Quote(path) + " 2>/dev/null");
+    if (result.exit_code != 0 && result.exit_code != 3) return -1;
+    return std::atoi(result.output.c_str());
+}
+
+bool QpdfCheckPasses(const std::filesystem::path& path) {
+    return Run("qpdf --check " + Quote(path)).exit_code == 0;
+}
+
+std::string PdfToText(const std::filesystem::path& path) {
+    return Run("pdftotext -q " + Quote(path) + " -").output;
+}
+
+std::vector<std::filesystem::path> FilesStartingWith(const std::filesystem::path& dir,
+                                                     const std::string& prefix) {
+    std::vector<std::filesystem::path> found;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+        if (entry.path().filename().string().rfind(prefix, 0) == 0) found.push_back(entry.path());
+    }
+    return found;
+}
+
+}  // namespace zpdf::test

@@ -1,0 +1,50 @@
+// Shared helpers of the native tests: scratch folders, outside tools, documents made by them.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace zpdf::test {
+
+// A fresh, empty folder for one test, below ZPDF_TEST_TMP (or the system's temporary folder).
+std::filesystem::path ScratchDir();
+
+struct ToolResult {
+    int exit_code = -1;
+    std::string output;  // standard output and standard error together
+};
+// Runs a shell command line.
+ToolResult Run(const std::string& command);
+std::string Quote(const std::filesystem::path& path);
+
+std::string ReadBytes(const std::filesystem::path& path);
+void WriteBytes(const std::filesystem::path& path, const std::string& bytes);
+
+// Documents made by Ghostscript: each string is the PostScript of one page (showpage added).
+// Page size in points.
+std::filesystem::path GhostscriptPdf(const std::filesystem::path& path,
+                                     const std::vector<std::string>& pages, int width = 595,
+                                     int height = 842);
+// One page of Helvetica text per entry.
+std::filesystem::path TextPdf(const std::filesystem::path& path,
+                              const std::vector<std::string>& texts);
+
+// qpdf transformations of an existing document.
+std::filesystem::path QpdfEncrypt(const std::filesystem::path& in, const std::filesystem::path& out,
+                                  const std::string& user, const std::string& owner, int bits);
+std::filesystem::path QpdfLinearize(const std::filesystem::path& in,
+                                    const std::filesystem::path& out);
+std::filesystem::path QpdfObjectStreams(const std::filesystem::path& in,
+                                        const std::filesystem::path& out);
+
+// Independent readers.
+int QpdfPageCount(const std::filesystem::path& path);  // -1 when qpdf cannot read the file
+bool QpdfCheckPasses(const std::filesystem::path& path);
+std::string PdfToText(const std::filesystem::path& path);
+
+// Files whose name starts with `prefix` in `dir`.
+std::vector<std::filesystem::path> FilesStartingWith(const std::filesystem::path& dir,
+                                                     const std::string& prefix);
+
+}  // namespace zpdf::test

@@ -107,7 +107,10 @@ HResult CZPdfContentObject::EnsurePdfDocument() {
         const long code = static_cast<long>(e.Category());
         const std::string text = LoadErrorText(code);
         std::fprintf(stderr, "Load pdf docs unsuccessful: %s.\n", text.c_str());
-        return Fail(hr::kUnexpected, text + " (" + e.what() + ")");
+        // The engine's own words help with damaged files; for passwords they add nothing.
+        return Fail(hr::kUnexpected, e.Category() == engine::ErrorCategory::Password
+                                         ? text
+                                         : text + " (" + e.what() + ")");
     } catch (const std::bad_alloc&) {
         return Fail(hr::kOutOfMemory, "Out of memory opening the document");
     }

@@ -30,7 +30,7 @@ std::filesystem::path ScratchDir() {
 
 ToolResult Run(const std::string& command) {
     ToolResult result;
-    const std::string line = command + " 2>&1";
+    const std::string line = "{ " + command + " ; } 2>&1";
     FILE* pipe = ::popen(line.c_str(), "r");
     if (pipe == nullptr) return result;
     std::array<char, 4096> buffer{};

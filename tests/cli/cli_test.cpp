@@ -1,0 +1,114 @@
+// The zpdf host as a user meets it: outputs, exit codes and messages.
+#include <gtest/gtest.h>
+
+#include "cli/sample_pdf.h"
+#include "support/test_support.h"
+
+namespace zpdf {
+namespace {
+
+namespace stdfs = std::filesystem;
+
+test::ToolResult Zpdf(const std::string& args) {
+    return test::Run(std::string(ZPDF_BINARY) + " " + args);
+}
+
+TEST(Cli, HelpExplainsEveryCommand) {
+    const auto overview = Zpdf("--help");
+    EXPECT_EQ(overview.exit_code, 0);
+    for (const char* command : {"info", "render", "demo"}) {
+        EXPECT_NE(overview.output.find(command), std::string::npos) << command;
+        const auto help = Zpdf(std::string(command) + " --help");
+        EXPECT_EQ(help.exit_code, 0) << command;
+        EXPECT_NE(help.output.find(std::string("Usage: zpdf ") + command), std::string::npos)
+            << help.output;
+    }
+    EXPECT_EQ(Zpdf("").exit_code, 2);
+    EXPECT_EQ(Zpdf("frobnicate").exit_code, 2);
+}
+
+TEST(Cli, InfoAgreesWithQpdf) {
+    const stdfs::path dir = test::ScratchDir();
+    samples::SamplePage portrait{200, 300, 0, "", ""};
+    samples::SamplePage turned{200, 300, 90, "", ""};
+    const stdfs::path mixed = dir / "mixed.pdf";
+    ASSERT_TRUE(samples::WriteFile(mixed, samples::BuildPdf({portrait, turned, portrait})));
+    const stdfs::path text = test::TextPdf(dir / "text.pdf", {"a", "b", "c", "d"});
+    const stdfs::path linear = test::QpdfLinearize(text, dir / "linear.pdf");
+
+    for (const stdfs::path& file : {mixed, text, linear}) {
+        SCOPED_TRACE(file.filename().string());
+        const auto info = Zpdf("info " + test::Quote(file) + " 2>/dev/null");
+        ASSERT_EQ(info.exit_code, 0) << info.output;
+        EXPECT_EQ(
+            info.output.rfind("pages: " + std::to_string(test::QpdfPageCount(file)) + "\n", 0), 0u)
+            << info.output;
+    }
+    const auto info = Zpdf("info " + test::Quote(mixed) + " 2>/dev/null");
+    EXPECT_EQ(info.output,
+              "pages: 3\npage 1: 200 x 300 pt\npage 2: 300 x 200 pt\npage 3: 200 x 300 pt\n");
+    const auto json = Zpdf("info --json " + test::Quote(mixed) + " 2>/dev/null");
+    EXPECT_NE(json.output.find("\"pages\": 3"), std::string::npos) << json.output;
+    EXPECT_NE(json.output.find("{\"page\": 2, \"width\": 300, \"height\": 200}"), std::string::npos)
+        << json.output;
+}
+
+TEST(Cli, FailuresSayWhyWithTheResultCode) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path text = test::TextPdf(dir / "text.pdf", {"secret"});
+    const stdfs::path locked = test::QpdfEncrypt(text, dir / "locked.pdf", "user", "owner", 256);
+    const struct {
+        std::string args;
+        int exit_code;
+        std::string message;
+    } cases[] = {
+        {"info " + test::Quote(dir / "missing.pdf"), 1, "(0x80070057)"},
+        {"info " + test::Quote(locked), 1, "Password required or incorrect password (0x8000FFFF)"},
+        {"info " + test::Quote(locked) + " --password user", 0, "pages: 1"},
+        {"info", 2, "expected one FILE"},
+        {"info " + test::Quote(text) + " --bogus", 2, "unknown option --bogus"},
+        {"render " + test::Quote(text) + " 2 " + test::Quote(dir / "x.png"), 1,
+         "Page 2 does not exist"},
+        {"render " + test::Quote(text) + " zero " + test::Quote(dir / "x.png"), 2, "PAGE must be"},
+        {"render " + test::Quote(text) + " 1 " + test::Quote(dir / "x.png") + " --dpi 0", 2,
+         "--dpi"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args);
+        const auto result = Zpdf(c.args);
+        EXPECT_EQ(result.exit_code, c.exit_code) << result.output;
+        EXPECT_NE(result.output.find(c.message), std::string::npos) << result.output;
+    }
+    EXPECT_FALSE(stdfs::exists(dir / "x.png"));
+}
+
+TEST(Cli, RenderWritesAnImageOfThePageSize) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path text = test::TextPdf(dir / "text.pdf", {"picture"});
+    const auto result =
+        Zpdf("render " + test::Quote(text) + " 1 " + test::Quote(dir / "p.png") + " --dpi 36");
+    ASSERT_EQ(result.exit_code, 0) << result.output;
+    const std::string png = test::ReadBytes(dir / "p.png");
+    ASSERT_GT(png.size(), 24u);
+    EXPECT_EQ(png.substr(1, 3), "PNG");
+    const auto be32 = [&](std::size_t at) {
+        return (static_cast<unsigned char>(png[at]) << 24) |
+               (static_cast<unsigned char>(png[at + 1]) << 16) |
+               (static_cast<unsigned char>(png[at + 2]) << 8) |
+               static_cast<unsigned char>(png[at + 3]);
+    };
+    EXPECT_EQ(be32(16), 298) << "595 pt at 36 dpi";
+    EXPECT_EQ(be32(20), 421) << "842 pt at 36 dpi";
+}
+
+TEST(Cli, DemoRunsWithoutInput) {
+    const stdfs::path dir = test::ScratchDir() / "out";
+    const auto result = Zpdf("demo " + test::Quote(dir));
+    ASSERT_EQ(result.exit_code, 0) << result.output;
+    EXPECT_TRUE(test::QpdfCheckPasses(dir / "invoice.pdf"));
+    EXPECT_TRUE(stdfs::exists(dir / "invoice-page1.png"));
+    EXPECT_NE(result.output.find("demo finished"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace zpdf

@@ -1,0 +1,83 @@
+// zpdf-bench: one benchmark job per process, so that its time is measured the same way as the
+// peer tools' (whole process, start-up included).
+//   zpdf-bench count FILE          open and count the pages
+//   zpdf-bench render FILE OUT.png draw page 1 at 150 dpi
+//   zpdf-bench save FILE           open, then save in place through the side file
+//   zpdf-bench make-text FILE N    write an N-page text document
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "cli/sample_pdf.h"
+#include "content_object/content_object.h"
+#include "platform/png_device_context.h"
+
+namespace {
+
+using namespace zpdf;
+
+int Check(HResult result, const CZPdfContentObject& object, const char* what) {
+    if (hr::Succeeded(result)) return 0;
+    std::fprintf(stderr, "zpdf-bench: %s: %s (%s)\n", what, object.LastErrorText().c_str(),
+                 FormatHResult(result).c_str());
+    return 1;
+}
+
+int Count(const std::string& file) {
+    CZPdfContentObject object;
+    std::int32_t pages = 0;
+    if (int rc = Check(object.SetPdfDocument(FromAnsi(file), 0, u""), object, "set")) return rc;
+    if (int rc = Check(object.PageCount(&pages), object, "count")) return rc;
+    std::printf("%d\n", pages);
+    return 0;
+}
+
+int Render(const std::string& file, const std::string& out) {
+    CZPdfContentObject object;
+    double width = 0;
+    double height = 0;
+    if (int rc = Check(object.SetPdfDocument(FromAnsi(file), 0, u""), object, "set")) return rc;
+    if (int rc = Check(object.GetPageSize(1, &width, &height), object, "measure")) return rc;
+    const int w = static_cast<int>(std::ceil(width * 150 / 72));
+    const int h = static_cast<int>(std::ceil(height * 150 / 72));
+    PngDeviceContext png;
+    if (png.Open(FromAnsi(out), w, h, 150) != 0) return 1;
+    if (int rc = Check(object.DrawPageToDC(png, 1, 0, 0, w, h, 0, 0, 0, 0, 0), object, "draw")) return rc;
+    return png.Finish() == 0 ? 0 : 1;
+}
+
+int Save(const std::string& file) {
+    CZPdfContentObject object;
+    std::int32_t pages = 0;
+    if (int rc = Check(object.SetPdfDocument(FromAnsi(file), 0, u""), object, "set")) return rc;
+    if (int rc = Check(object.PageCount(&pages), object, "open")) return rc;
+    return Check(object.Save(), object, "save");
+}
+
+int MakeText(const std::string& file, int pages) {
+    std::vector<samples::SamplePage> all;
+    for (int i = 1; i <= pages; ++i) {
+        samples::SamplePage page;
+        std::vector<std::string> lines;
+        for (int line = 1; line <= 40; ++line) {
+            lines.push_back("Page " + std::to_string(i) + " line " + std::to_string(line) +
+                            ": the quick brown fox jumps over the lazy dog 0123456789");
+        }
+        page.content = samples::TextContent(lines, page.height, 10);
+        all.push_back(page);
+    }
+    return samples::WriteFile(file, samples::BuildPdf(all)) ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string job = argc > 1 ? argv[1] : "";
+    if (job == "count" && argc == 3) return Count(argv[2]);
+    if (job == "render" && argc == 4) return Render(argv[2], argv[3]);
+    if (job == "save" && argc == 3) return Save(argv[2]);
+    if (job == "make-text" && argc == 4) return MakeText(argv[2], std::atoi(argv[3]));
+    std::fputs("usage: zpdf-bench count FILE | render FILE OUT.png | save FILE | make-text FILE N\n", stderr);
+    return 2;
+}

@@ -29,7 +29,11 @@ std::string EscapeText(const std::string& text) {
 std::string TextContent(const std::vector<std::string>& lines, double height, double size) {
     std::string out = "BT /F1 " + Number(size) + " Tf " + Number(size * 1.2) + " TL 72 " +
                       Number(height - 72) + " Td\n";
-    for (const std::string& line : lines) out += "(" + EscapeText(line) + ") Tj T*\n";
+    for (const std::string& line : lines) {
+        out += '(';
+        out += EscapeText(line);
+        out += ") Tj T*\n";
+    }
     out += "ET\n";
     return out;
 }

@@ -57,5 +57,8 @@ std::string JsonString(const std::string& text);
 extern const Command kInfoCommand;
 extern const Command kRenderCommand;
 extern const Command kDemoCommand;
+extern const Command kStampCommand;
+extern const Command kAppendCommand;
+extern const Command kReplaceCommand;
 
 }  // namespace zpdf::cli

@@ -11,9 +11,8 @@ namespace {
 using zpdf::cli::Command;
 
 const Command* const kCommands[] = {
-    &zpdf::cli::kInfoCommand,
-    &zpdf::cli::kRenderCommand,
-    &zpdf::cli::kDemoCommand,
+    &zpdf::cli::kInfoCommand,   &zpdf::cli::kRenderCommand,  &zpdf::cli::kStampCommand,
+    &zpdf::cli::kAppendCommand, &zpdf::cli::kReplaceCommand, &zpdf::cli::kDemoCommand,
 };
 
 void PrintUsage(std::FILE* out) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/device_context.h"
 #include "platform/hresult.h"
@@ -54,6 +55,27 @@ class CZPdfContentObject {
     // Writes the open document over its file through a side file.
     HResult Save();
 
+    // Stamping: every page of the source becomes a form XObject in this document (one
+    // identifier per source page, 0 for a page without content); a form is drawn on a page,
+    // moved and scaled, beneath or above the page's content.
+    HResult ImportContent(CZPdfContentObject* srcObject, std::vector<std::uint32_t>* pages);
+    HResult PlaceContent(std::uint32_t srcObjectId, std::int32_t DestinationPage, float transX,
+                         float transY, float scaleX, float scaleY, VariantBool background);
+    // Page assembly: all pages of the source at the end, or a range of them in place of as
+    // many pages from `destPage` on.
+    HResult AppendPages(CZPdfContentObject* srcObject);
+    HResult ReplacePages(std::int32_t destPage, CZPdfContentObject* srcObject,
+                         std::int32_t srcStart, std::int32_t srcEnd);
+    // Kept for the interface's layout; not implemented.
+    HResult OverlayPrepare(const OptionalText& SourcePdfFile);
+    HResult OverlayPage(std::int32_t SourcePage, std::int32_t DestinationPage,
+                        std::int32_t ptPosLeft, std::int32_t ptPosTop, std::int32_t ptPosRight,
+                        std::int32_t ptPosBottom);
+    HResult OverlayFinish();
+    HResult OverlayPage2(std::int32_t SourcePage, std::int32_t DestinationPage,
+                         std::int32_t ptPosLeft, std::int32_t ptPosTop, std::int32_t ptPosRight,
+                         std::int32_t ptPosBottom, std::int32_t nOptions);
+
     // State, for persistence and the hosts.
     const OptionalText& PdfFilePath() const { return pdf_file_; }
     VariantBool EmbedFlag() const { return embed_; }
@@ -75,6 +97,7 @@ class CZPdfContentObject {
 
   private:
     HResult Fail(HResult result, std::string why) const;
+    HResult EnsureBothDocuments(CZPdfContentObject& source);
     void CloseStream();
 
     OptionalText pdf_file_ = std::u16string();

@@ -1,0 +1,56 @@
+// A document opened for editing from the command line: changed in place through the safe
+// save, or, with an output name, on a working copy that becomes the output only when the whole
+// job succeeded. The user's input file is never left half-written.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "cli/command.h"
+#include "content_object/content_object.h"
+
+namespace zpdf::cli {
+
+class EditSession {
+  public:
+    explicit EditSession(const Command& command) : command_(command) {}
+    EditSession(const EditSession&) = delete;
+    EditSession& operator=(const EditSession&) = delete;
+    ~EditSession();
+
+    // Returns 0, or the exit code after printing why the document cannot be edited.
+    int Begin(const std::string& file, const std::optional<std::string>& output,
+              const std::optional<std::string>& password);
+    CZPdfContentObject& Object() { return object_; }
+    // Saves the document and puts it in place. Returns 0 or the exit code after the message.
+    int Commit();
+    // Where the result goes.
+    const std::filesystem::path& Destination() const { return destination_; }
+
+  private:
+    const Command& command_;
+    CZPdfContentObject object_;
+    std::filesystem::path destination_;
+    std::filesystem::path working_copy_;  // empty when editing in place
+    bool committed_ = false;
+};
+
+// Opens another document that a job reads from (a letterhead, a source of pages).
+int OpenSource(const Command& command, CZPdfContentObject& object, const std::string& file,
+               const std::optional<std::string>& password);
+
+// A progress line on standard error, shown only when it is a terminal and the job is long.
+class Progress {
+  public:
+    Progress(const char* what, long total);
+    ~Progress();
+    void Step(long done);
+
+  private:
+    const char* what_;
+    long total_;
+    bool shown_;
+};
+
+}  // namespace zpdf::cli

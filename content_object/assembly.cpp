@@ -1,0 +1,138 @@
+// Stamping and page assembly: pages of another content object become form XObjects placed on
+// this document's pages, or are appended or put in place of pages of this document.
+#include <array>
+
+#include "content_object/content_object.h"
+#include "content_object/page_range.h"
+#include "content_object/pdf_additions/page_content.h"
+#include "engine/engine.h"
+
+namespace zpdf {
+
+// Opens the source's document, then this one's (in that order).
+HResult CZPdfContentObject::EnsureBothDocuments(CZPdfContentObject& source) {
+    if (!source.IsDocumentOpen()) {
+        if (const HResult result = source.EnsurePdfDocument(); hr::Failed(result)) {
+            return Fail(result, "The source document cannot be opened: " + source.LastErrorText());
+        }
+    }
+    if (!IsDocumentOpen()) return EnsurePdfDocument();
+    return hr::kOk;
+}
+
+HResult CZPdfContentObject::ImportContent(CZPdfContentObject* srcObject,
+                                          std::vector<std::uint32_t>* pages) {
+    if (srcObject == nullptr || pages == nullptr)
+        return Fail(hr::kPointer, "No source or no place for the result");
+    if (const HResult result = EnsureBothDocuments(*srcObject); hr::Failed(result)) return result;
+    try {
+        const int count = srcObject->EngineDocument().PageCount();
+        if (count == 0) return Fail(hr::kUnexpected, "The source document has no pages");
+        engine::Document& doc = EngineDocument();
+        const int base = doc.PageCount();
+        additions::ImportPages(doc, srcObject->EngineDocument(), nullptr, base);
+        const int total = doc.PageCount();
+        if (total != base + count)
+            return Fail(hr::kUnexpected, "The import added an unexpected number of pages");
+
+        std::vector<std::uint32_t> ids(static_cast<std::size_t>(count), 0);
+        try {
+            for (int i = 0; base + i < total; ++i) {
+                ids[static_cast<std::size_t>(i)] =
+                    additions::MakePageFormXObject(doc, base + i).object_number;
+            }
+        } catch (const engine::EngineError&) {
+            for (int i = base; i < total; ++i) additions::DeletePage(doc, base);
+            throw;
+        }
+        // The imported pages only served as the source of the forms.
+        for (int i = base; i < total; ++i) additions::DeletePage(doc, base);
+        *pages = std::move(ids);
+    } catch (const engine::EngineError& e) {
+        return Fail(hr::kUnexpected, std::string("Cannot import the content: ") + e.what());
+    }
+    return hr::kOk;
+}
+
+HResult CZPdfContentObject::PlaceContent(std::uint32_t srcObjectId, std::int32_t DestinationPage,
+                                         float transX, float transY, float scaleX, float scaleY,
+                                         VariantBool background) {
+    if (!IsDocumentOpen()) {
+        if (const HResult result = EnsurePdfDocument(); hr::Failed(result)) return result;
+    }
+    try {
+        engine::Document& doc = EngineDocument();
+        if (DestinationPage < 1 || DestinationPage > doc.PageCount()) {
+            return Fail(hr::kInvalidArg,
+                        "Page " + std::to_string(DestinationPage) + " does not exist");
+        }
+        const std::array<float, 6> matrix{scaleX, 0.0f, 0.0f, scaleY, transX, transY};
+        additions::PlaceFormXObject(doc, srcObjectId, DestinationPage - 1, matrix, background != 0);
+    } catch (const engine::EngineError& e) {
+        return Fail(hr::kUnexpected, std::string("Cannot place the content: ") + e.what());
+    }
+    return hr::kOk;
+}
+
+HResult CZPdfContentObject::AppendPages(CZPdfContentObject* srcObject) {
+    if (srcObject == nullptr) return Fail(hr::kPointer, "No source document was given");
+    if (const HResult result = EnsureBothDocuments(*srcObject); hr::Failed(result)) return result;
+    try {
+        engine::Document& doc = EngineDocument();
+        additions::ImportPages(doc, srcObject->EngineDocument(), nullptr, doc.PageCount());
+    } catch (const engine::EngineError& e) {
+        return Fail(hr::kUnexpected, std::string("Cannot append the pages: ") + e.what());
+    }
+    return hr::kOk;
+}
+
+HResult CZPdfContentObject::ReplacePages(std::int32_t destPage, CZPdfContentObject* srcObject,
+                                         std::int32_t srcStart, std::int32_t srcEnd) {
+    if (srcObject == nullptr) return Fail(hr::kPointer, "No source document was given");
+    const std::string range = PageRangeText(srcStart, srcEnd);
+    if (const HResult result = EnsureBothDocuments(*srcObject); hr::Failed(result)) return result;
+    try {
+        engine::Document& doc = EngineDocument();
+        const auto pages = ParsePageRange(range, srcObject->EngineDocument().PageCount());
+        if (!pages) return Fail(hr::kUnexpected, "The source has no pages " + range);
+        const std::int64_t at = std::int64_t{destPage} - 1;
+        if (at < 0 || at > doc.PageCount()) {
+            return Fail(hr::kUnexpected,
+                        "Pages cannot be inserted before page " + std::to_string(destPage));
+        }
+        additions::ImportPages(doc, srcObject->EngineDocument(), &*pages, static_cast<int>(at));
+        // As many pages go as the arguments name, whatever the import added; deletions past
+        // the end of the document do nothing.
+        const std::int64_t count = std::int64_t{srcEnd} - srcStart + 1;
+        for (std::int64_t i = 0; i < count; ++i)
+            additions::DeletePage(doc, static_cast<int>(at + count));
+    } catch (const engine::EngineError& e) {
+        return Fail(hr::kUnexpected, std::string("Cannot replace the pages: ") + e.what());
+    }
+    return hr::kOk;
+}
+
+HResult CZPdfContentObject::OverlayPrepare(const OptionalText& /*SourcePdfFile*/) {
+    return hr::kNotImpl;
+}
+
+HResult CZPdfContentObject::OverlayPage(std::int32_t SourcePage, std::int32_t DestinationPage,
+                                        std::int32_t ptPosLeft, std::int32_t ptPosTop,
+                                        std::int32_t ptPosRight, std::int32_t ptPosBottom) {
+    return OverlayPage2(SourcePage, DestinationPage, ptPosLeft, ptPosTop, ptPosRight, ptPosBottom,
+                        0);
+}
+
+HResult CZPdfContentObject::OverlayFinish() {
+    return hr::kNotImpl;
+}
+
+HResult CZPdfContentObject::OverlayPage2(std::int32_t /*SourcePage*/,
+                                         std::int32_t /*DestinationPage*/,
+                                         std::int32_t /*ptPosLeft*/, std::int32_t /*ptPosTop*/,
+                                         std::int32_t /*ptPosRight*/, std::int32_t /*ptPosBottom*/,
+                                         std::int32_t /*nOptions*/) {
+    return hr::kNotImpl;
+}
+
+}  // namespace zpdf

@@ -1,0 +1,343 @@
+#include "content_object/pdf_additions/page_content.h"
+
+#include <charconv>
+#include <cstdio>
+
+#include "engine/engine_internal.h"
+
+namespace zpdf::additions {
+namespace {
+
+// Engine-level helpers: plain data only, so that the engine's error jumps skip no destructor.
+// Each either returns normally or throws an engine error.
+
+void PrepareDestination(fz_context* ctx, pdf_document* doc) {
+    pdf_obj* trailer = pdf_trailer(ctx, doc);
+    pdf_obj* info = pdf_dict_get(ctx, trailer, PDF_NAME(Info));
+    if (!pdf_is_dict(ctx, info)) {
+        info = pdf_add_new_dict(ctx, doc, 2);
+        pdf_dict_put_drop(ctx, trailer, PDF_NAME(Info), info);
+    }
+    pdf_dict_put_text_string(ctx, info, PDF_NAME(Producer), kProducer);
+
+    pdf_obj* root = pdf_dict_get(ctx, trailer, PDF_NAME(Root));
+    if (!pdf_is_dict(ctx, root)) fz_throw(ctx, FZ_ERROR_GENERIC, "the document has no catalog");
+    if (!pdf_dict_get(ctx, root, PDF_NAME(Type)))
+        pdf_dict_put(ctx, root, PDF_NAME(Type), PDF_NAME(Catalog));
+    pdf_obj* pages = pdf_dict_get(ctx, root, PDF_NAME(Pages));
+    if (!pdf_is_dict(ctx, pages)) {
+        pages = pdf_add_new_dict(ctx, doc, 3);
+        pdf_dict_put_drop(ctx, root, PDF_NAME(Pages), pages);
+    }
+    if (!pdf_dict_get(ctx, pages, PDF_NAME(Type)))
+        pdf_dict_put(ctx, pages, PDF_NAME(Type), PDF_NAME(Pages));
+    if (!pdf_is_array(ctx, pdf_dict_get(ctx, pages, PDF_NAME(Kids)))) {
+        pdf_dict_put_int(ctx, pages, PDF_NAME(Count), 0);
+        pdf_dict_put_drop(ctx, pages, PDF_NAME(Kids), pdf_add_new_array(ctx, doc, 1));
+    }
+}
+
+// Copies `count` pages; returns how many were inserted before a failure (all on success).
+int GraftPages(fz_context* ctx, pdf_document* dst, pdf_document* src, const int* pages, int count,
+               int at) {
+    pdf_graft_map* map = nullptr;
+    volatile int inserted = 0;
+    fz_var(map);
+    fz_try(ctx) {
+        map = pdf_new_graft_map(ctx, dst);
+        for (int k = 0; k < count; ++k) {
+            int from = pages != nullptr ? pages[k] : k;
+            // Copying within one document: pages at or behind the insertion point have moved.
+            if (src == dst && from >= at) from += inserted;
+            pdf_graft_mapped_page(ctx, map, at + inserted, src, from);
+            inserted = inserted + 1;
+        }
+    }
+    fz_always(ctx) {
+        pdf_drop_graft_map(ctx, map);
+    }
+    fz_catch(ctx) {
+        fz_warn(ctx, "page import stopped: %s", fz_caught_message(ctx));
+    }
+    return inserted;
+}
+
+void AppendStreamData(fz_context* ctx, fz_buffer* into, pdf_obj* stream, int separate) {
+    fz_buffer* part = pdf_load_stream(ctx, stream);
+    fz_try(ctx) {
+        fz_append_buffer(ctx, into, part);
+        if (separate) fz_append_byte(ctx, into, ' ');
+    }
+    fz_always(ctx) {
+        fz_drop_buffer(ctx, part);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+// The page's content streams, decoded and joined; null when there is no content.
+fz_buffer* GatherContent(fz_context* ctx, pdf_obj* page) {
+    pdf_obj* contents = pdf_dict_get(ctx, page, PDF_NAME(Contents));
+    if (!contents) return nullptr;
+    fz_buffer* data = fz_new_buffer(ctx, 4096);
+    fz_try(ctx) {
+        if (pdf_is_stream(ctx, contents)) {
+            AppendStreamData(ctx, data, contents, 0);
+        } else if (pdf_is_array(ctx, contents)) {
+            const int n = pdf_array_len(ctx, contents);
+            for (int i = 0; i < n; ++i) {
+                pdf_obj* part = pdf_array_get(ctx, contents, i);
+                if (pdf_is_stream(ctx, part)) AppendStreamData(ctx, data, part, 1);
+            }
+        }
+    }
+    fz_catch(ctx) {
+        fz_drop_buffer(ctx, data);
+        fz_rethrow(ctx);
+    }
+    if (data->len == 0) {
+        fz_drop_buffer(ctx, data);
+        return nullptr;
+    }
+    return data;
+}
+
+std::uint32_t MakeForm(fz_context* ctx, pdf_document* doc, int page_index, float* width,
+                       float* height) {
+    pdf_obj* page = pdf_lookup_page_obj(ctx, doc, page_index);
+    fz_rect box;
+    fz_matrix ctm;
+    pdf_page_obj_transform(ctx, page, &box, &ctm);
+    const fz_rect shown = fz_transform_rect(box, ctm);
+    *width = shown.x1 - shown.x0;
+    *height = shown.y1 - shown.y0;
+
+    fz_buffer* data = GatherContent(ctx, page);
+    if (data == nullptr) return 0;
+    pdf_obj* dict = nullptr;
+    pdf_obj* form = nullptr;
+    std::uint32_t number = 0;
+    fz_var(dict);
+    fz_var(form);
+    fz_try(ctx) {
+        dict = pdf_new_dict(ctx, doc, 5);
+        pdf_dict_put(ctx, dict, PDF_NAME(Type), PDF_NAME(XObject));
+        pdf_dict_put(ctx, dict, PDF_NAME(Subtype), PDF_NAME(Form));
+        pdf_dict_put_rect(ctx, dict, PDF_NAME(BBox), box);
+        // The engine's page matrix maps to a y-down space; flipping it back gives the matrix
+        // that moves the box to the origin with the page's rotation, in PDF space.
+        pdf_dict_put_matrix(ctx, dict, PDF_NAME(Matrix),
+                            fz_concat(ctm, fz_make_matrix(1, 0, 0, -1, 0, *height)));
+        pdf_obj* resources = pdf_dict_get_inheritable(ctx, page, PDF_NAME(Resources));
+        if (pdf_is_dict(ctx, resources)) {
+            pdf_obj* copy = pdf_add_object_drop(ctx, doc, pdf_copy_dict(ctx, resources));
+            pdf_dict_put_drop(ctx, dict, PDF_NAME(Resources), copy);
+        }
+        form = pdf_add_stream(ctx, doc, data, dict, 0);
+        number = static_cast<std::uint32_t>(pdf_to_num(ctx, form));
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, form);
+        pdf_drop_obj(ctx, dict);
+        fz_drop_buffer(ctx, data);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+    return number;
+}
+
+// Writes the new resource name into `name` (at least 32 bytes).
+void AddResource(fz_context* ctx, pdf_document* doc, pdf_obj* page, std::uint32_t object_number,
+                 const char* category, char* name) {
+    pdf_obj* resources = pdf_dict_get_inheritable(ctx, page, PDF_NAME(Resources));
+    if (!pdf_is_dict(ctx, resources)) {
+        resources = pdf_add_new_dict(ctx, doc, 1);
+        pdf_dict_put_drop(ctx, page, PDF_NAME(Resources), resources);
+    }
+    pdf_obj* named = pdf_dict_gets(ctx, resources, category);
+    if (!pdf_is_dict(ctx, named)) named = pdf_dict_puts_dict(ctx, resources, category, 1);
+    for (int n = 1;; ++n) {
+        std::snprintf(name, 32, "FX%c%d", category[0], n);
+        if (!pdf_dict_gets(ctx, named, name)) break;
+    }
+    pdf_dict_puts_drop(ctx, named, name,
+                       pdf_new_indirect(ctx, doc, static_cast<int>(object_number), 0));
+}
+
+pdf_obj* AddContentStream(fz_context* ctx, pdf_document* doc, const char* bytes, size_t size) {
+    fz_buffer* data =
+        fz_new_buffer_from_copied_data(ctx, reinterpret_cast<const unsigned char*>(bytes), size);
+    pdf_obj* dict = nullptr;
+    pdf_obj* stream = nullptr;
+    fz_var(dict);
+    fz_try(ctx) {
+        dict = pdf_new_dict(ctx, doc, 1);
+        stream = pdf_add_stream(ctx, doc, data, dict, 0);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, dict);
+        fz_drop_buffer(ctx, data);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+    return stream;
+}
+
+// Adds the streams and splices them into the page's content; 0 when the page has none.
+int SpliceContent(fz_context* ctx, pdf_document* doc, pdf_obj* page, const char* front,
+                  size_t front_size, const char* back, size_t back_size) {
+    pdf_obj* front_ref = nullptr;
+    pdf_obj* back_ref = nullptr;
+    pdf_obj* array = nullptr;
+    volatile int placed = 1;
+    fz_var(front_ref);
+    fz_var(back_ref);
+    fz_var(array);
+    fz_try(ctx) {
+        front_ref = AddContentStream(ctx, doc, front, front_size);
+        if (back_size > 0) back_ref = AddContentStream(ctx, doc, back, back_size);
+        pdf_obj* contents = pdf_dict_get(ctx, page, PDF_NAME(Contents));
+        if (!contents) {
+            placed = 0;
+        } else if (pdf_is_array(ctx, contents)) {
+            pdf_array_insert(ctx, contents, front_ref, 0);
+            if (back_ref) pdf_array_push(ctx, contents, back_ref);
+        } else if (pdf_is_indirect(ctx, contents) && pdf_is_stream(ctx, contents)) {
+            array = pdf_new_array(ctx, doc, 3);
+            pdf_array_push(ctx, array, front_ref);
+            pdf_array_push_drop(ctx, array,
+                                pdf_new_indirect(ctx, doc, pdf_to_num(ctx, contents), 0));
+            if (back_ref) pdf_array_push(ctx, array, back_ref);
+            pdf_dict_put_drop(ctx, page, PDF_NAME(Contents), pdf_add_object(ctx, doc, array));
+        }
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, array);
+        pdf_drop_obj(ctx, back_ref);
+        pdf_drop_obj(ctx, front_ref);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+    return placed;
+}
+
+pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, int page_index) {
+    if (page_index < 0 || page_index >= pdf_count_pages(ctx, doc)) {
+        fz_throw(ctx, FZ_ERROR_GENERIC, "page %d does not exist", page_index + 1);
+    }
+    return pdf_lookup_page_obj(ctx, doc, page_index);
+}
+
+bool PlaceStreams(fz_context* ctx, pdf_document* pdf, int page_index, const char* front,
+                  size_t front_size, const char* back, size_t back_size) {
+    volatile int placed = 0;
+    fz_try(ctx) {
+        placed = SpliceContent(ctx, pdf, PageObject(ctx, pdf, page_index), front, front_size, back,
+                               back_size);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, engine::ErrorCategory::Page, "cannot place the form");
+    }
+    return placed != 0;
+}
+
+}  // namespace
+
+void ImportPages(engine::Document& dst, engine::Document& src, const std::vector<int>* pages,
+                 int at) {
+    fz_context* ctx = dst.Internals().ctx;
+    pdf_document* to = dst.Internals().doc;
+    pdf_document* from = src.Internals().doc;
+    volatile int count = 0;
+    fz_try(ctx) {
+        const int total = pdf_count_pages(ctx, to);
+        if (at < 0 || at > total)
+            fz_throw(ctx, FZ_ERROR_GENERIC, "cannot insert pages at index %d", at);
+        count = pages != nullptr ? static_cast<int>(pages->size()) : pdf_count_pages(ctx, from);
+        PrepareDestination(ctx, to);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, engine::ErrorCategory::Other, "cannot import the pages");
+    }
+
+    const int inserted =
+        GraftPages(ctx, to, from, pages != nullptr ? pages->data() : nullptr, count, at);
+    if (inserted != count) {
+        // Take back what a failed import added, so that the document is as it was.
+        for (int k = 0; k < inserted; ++k) DeletePage(dst, at);
+        throw engine::EngineError(engine::ErrorCategory::Other, "cannot import the pages");
+    }
+}
+
+void DeletePage(engine::Document& doc, int index) {
+    fz_context* ctx = doc.Internals().ctx;
+    pdf_document* pdf = doc.Internals().doc;
+    fz_try(ctx) {
+        if (index >= 0 && index < pdf_count_pages(ctx, pdf)) pdf_delete_page(ctx, pdf, index);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, engine::ErrorCategory::Other, "cannot delete a page");
+    }
+}
+
+FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index) {
+    fz_context* ctx = doc.Internals().ctx;
+    pdf_document* pdf = doc.Internals().doc;
+    float width = 0;
+    float height = 0;
+    volatile std::uint32_t number = 0;
+    fz_try(ctx) {
+        PageObject(ctx, pdf, page_index);
+        number = MakeForm(ctx, pdf, page_index, &width, &height);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, engine::ErrorCategory::Page, "cannot make a form of the page");
+    }
+    return FormXObjectInfo{number, width, height};
+}
+
+std::string AddXObjectResource(engine::Document& doc, int page_index, std::uint32_t object_number,
+                               const std::string& category) {
+    fz_context* ctx = doc.Internals().ctx;
+    pdf_document* pdf = doc.Internals().doc;
+    char name[32] = {};
+    const char* cat = category.c_str();
+    fz_try(ctx) {
+        AddResource(ctx, pdf, PageObject(ctx, pdf, page_index), object_number, cat, name);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, engine::ErrorCategory::Page, "cannot name the resource");
+    }
+    return name;
+}
+
+std::string FormatPlacement(const std::array<double, 6>& matrix, const std::string& name) {
+    std::string out = "q";
+    for (const double value : matrix) {
+        char number[64];
+        const auto done =
+            std::to_chars(number, number + sizeof number, value, std::chars_format::fixed, 6);
+        out += ' ';
+        out.append(number, done.ptr);
+    }
+    out += " cm /" + name + " Do Q\n";
+    return out;
+}
+
+bool PlaceFormXObject(engine::Document& doc, std::uint32_t object_number, int page_index,
+                      const std::array<float, 6>& matrix, bool background) {
+    const std::string name = AddXObjectResource(doc, page_index, object_number, "XObject");
+    const std::array<double, 6> values{matrix[0], matrix[1], matrix[2],
+                                       matrix[3], matrix[4], matrix[5]};
+    const std::string draw = FormatPlacement(values, name);
+    const std::string front = background ? draw : "q\n";
+    const std::string back = background ? "" : "Q\n" + draw;
+
+    return PlaceStreams(doc.Internals().ctx, doc.Internals().doc, page_index, front.data(),
+                        front.size(), back.data(), back.size());
+}
+}  // namespace zpdf::additions

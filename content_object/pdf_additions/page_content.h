@@ -1,0 +1,54 @@
+// Operations on a document's pages that the engine does not offer as such: copying pages in
+// from another document, turning a page into a form XObject, and drawing a form XObject on a
+// page. All throw engine::EngineError when the engine fails.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "engine/engine.h"
+
+namespace zpdf::additions {
+
+// The producer every page import stamps into the changed document.
+inline constexpr const char* kProducer = "Norvik PLEXA";
+
+// Prepares `dst` for receiving pages (producer, catalog type, page tree root) and copies the
+// pages `pages` (0-based indexes into `src`; all pages when null) in front of page index `at`
+// of `dst`. Resources shared by the copied pages are copied once. `src` may be `dst` itself.
+// Fails, changing nothing, when `at` is outside 0 to the page count.
+void ImportPages(engine::Document& dst, engine::Document& src, const std::vector<int>* pages,
+                 int at);
+
+// Removes page `index` from the page tree; the objects it used stay in the document. An index
+// past the end does nothing.
+void DeletePage(engine::Document& doc, int index);
+
+struct FormXObjectInfo {
+    std::uint32_t object_number = 0;  // 0: the page has no content, nothing was made
+    float width = 0;
+    float height = 0;
+};
+
+// A form XObject drawing the page at `page_index`: its content streams decoded and joined,
+// its box and page matrix, and a copy of its resources.
+FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index);
+
+// Names `object_number` in the page's resources under `category` ("XObject"): "FX", the
+// category's first letter and the smallest free number. Returns the name.
+std::string AddXObjectResource(engine::Document& doc, int page_index, std::uint32_t object_number,
+                               const std::string& category);
+
+// The drawing operator for a form XObject: "q a b c d e f cm /Name Do Q" and a line feed, each
+// number with six decimals.
+std::string FormatPlacement(const std::array<double, 6>& matrix, const std::string& name);
+
+// Draws the form XObject `object_number` on the page, beneath its content (`background`) or
+// above it. Existing content streams are never rewritten. False when the page offers no place
+// for it.
+bool PlaceFormXObject(engine::Document& doc, std::uint32_t object_number, int page_index,
+                      const std::array<float, 6>& matrix, bool background);
+
+}  // namespace zpdf::additions

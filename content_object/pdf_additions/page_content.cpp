@@ -12,15 +12,16 @@ namespace {
 // Each either returns normally or throws an engine error.
 
 void PrepareDestination(fz_context* ctx, pdf_document* doc) {
-    pdf_obj* trailer = pdf_trailer(ctx, doc);
-    pdf_obj* info = pdf_dict_get(ctx, trailer, PDF_NAME(Info));
+    // The first new object can start a new section of the document with a trailer of its own,
+    // so the trailer is looked up again after each object is added.
+    pdf_obj* info = pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Info));
     if (!pdf_is_dict(ctx, info)) {
         info = pdf_add_new_dict(ctx, doc, 2);
-        pdf_dict_put_drop(ctx, trailer, PDF_NAME(Info), info);
+        pdf_dict_put_drop(ctx, pdf_trailer(ctx, doc), PDF_NAME(Info), info);
     }
     pdf_dict_put_text_string(ctx, info, PDF_NAME(Producer), kProducer);
 
-    pdf_obj* root = pdf_dict_get(ctx, trailer, PDF_NAME(Root));
+    pdf_obj* root = pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root));
     if (!pdf_is_dict(ctx, root)) fz_throw(ctx, FZ_ERROR_GENERIC, "the document has no catalog");
     if (!pdf_dict_get(ctx, root, PDF_NAME(Type)))
         pdf_dict_put(ctx, root, PDF_NAME(Type), PDF_NAME(Catalog));

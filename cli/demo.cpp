@@ -25,6 +25,22 @@ std::vector<samples::SamplePage> InvoicePages() {
     return pages;
 }
 
+samples::SamplePage LetterheadPage() {
+    samples::SamplePage page;
+    page.content = samples::FilledRect(0, 792, 595, 50, 0.2) +
+                   "BT /F1 22 Tf 1 g 40 809 Td (Example Print Shop) Tj ET\n" +
+                   samples::FilledRect(0, 0, 595, 24, 0.2);
+    return page;
+}
+
+samples::SamplePage TermsPage() {
+    samples::SamplePage page;
+    page.content = samples::TextContent(
+        {"Terms and conditions", "Payment is due within 30 days of the invoice date."}, page.height,
+        12);
+    return page;
+}
+
 int Step(const char* what, HResult result, const CZPdfContentObject& object) {
     if (hr::Succeeded(result)) return kExitOk;
     return Failure(kDemoCommand, what, object.LastErrorText(), result);
@@ -61,7 +77,36 @@ int RunDemo(const std::vector<std::string>& args) {
     std::printf("%d pages, page 1 is %s x %s pt\n", pages, FormatPoints(width).c_str(),
                 FormatPoints(height).c_str());
 
-    // 3. Drawing a page, as the layout does for a placed element.
+    // 3. A letterhead stamped beneath every page, as vector content stored once.
+    const std::filesystem::path letterhead_path = dir / "letterhead.pdf";
+    const std::filesystem::path terms_path = dir / "terms.pdf";
+    if (!samples::WriteFile(letterhead_path, samples::BuildPdf({LetterheadPage()})) ||
+        !samples::WriteFile(terms_path, samples::BuildPdf({TermsPage()}))) {
+        return Failure(kDemoCommand, dir.string(), "cannot write the samples", hr::kFail);
+    }
+    CZPdfContentObject letterhead;
+    if (int rc = Step("set the letterhead",
+                      letterhead.SetPdfDocument(FromPath(letterhead_path), 0, u""), letterhead))
+        return rc;
+    std::vector<std::uint32_t> forms;
+    if (int rc = Step("import the letterhead", object.ImportContent(&letterhead, &forms), object))
+        return rc;
+    for (std::int32_t page = 1; page <= pages; ++page) {
+        if (int rc =
+                Step("stamp a page", object.PlaceContent(forms[0], page, 0, 0, 1, 1, -1), object))
+            return rc;
+    }
+    std::printf("stamped %s beneath all %d pages\n", letterhead_path.string().c_str(), pages);
+
+    // 4. The terms appended at the end.
+    CZPdfContentObject terms;
+    if (int rc = Step("set the terms", terms.SetPdfDocument(FromPath(terms_path), 0, u""), terms))
+        return rc;
+    if (int rc = Step("append the terms", object.AppendPages(&terms), object)) return rc;
+    if (int rc = Step("count the pages", object.PageCount(&pages), object)) return rc;
+    std::printf("appended %s: now %d pages\n", terms_path.string().c_str(), pages);
+
+    // 5. Drawing a page, as the layout does for a placed element.
     const std::filesystem::path png_path = dir / "invoice-page1.png";
     PngDeviceContext png;
     const int w = static_cast<int>(width * 100 / 72 + 0.5);
@@ -79,7 +124,7 @@ int RunDemo(const std::vector<std::string>& args) {
     }
     std::printf("drew page 1 at 100 dpi into %s\n", png_path.string().c_str());
 
-    // 4. Saving: the document is rewritten through a side file that replaces it when whole.
+    // 6. Saving: the document is rewritten through a side file that replaces it when whole.
     if (int rc = Step("save", object.Save(), object)) return rc;
     std::printf("saved %s (%lld bytes)\n", invoice.string().c_str(),
                 static_cast<long long>(std::filesystem::file_size(invoice, ec)));
@@ -94,8 +139,9 @@ const Command kDemoCommand{
     "Usage: zpdf demo [DIR]\n"
     "\n"
     "Makes sample documents in DIR (default ./zpdf-demo) and runs the job a print\n"
-    "engine runs on them: open, count and measure the pages, draw page 1 into a PNG,\n"
-    "and save. It says what it wrote where. No input is needed.\n",
+    "engine runs on them: open, count and measure the pages, stamp a letterhead\n"
+    "beneath every page, append the terms, draw page 1 into a PNG, and save. It says\n"
+    "what it wrote where. No input is needed.\n",
     RunDemo};
 
 }  // namespace zpdf::cli

@@ -10,11 +10,12 @@ cd "$(dirname "$0")/.."
 runs=5
 [ "${1:-}" = "--runs" ] && runs=${2:?}
 
-bash scripts/install-deps.sh
+ZPDF_EXTRA_PACKAGES="pdftk-java time" bash scripts/install-deps.sh
 build=${ZPDF_BENCH_BUILD_DIR:-build-release}
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DZPDF_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" -j "$(nproc)" --target zpdf-bench >/dev/null
+cmake --build "$build" -j "$(nproc)" --target zpdf-bench zpdf >/dev/null
 bench="$build/bench/zpdf-bench"
+zpdf="$build/cli/zpdf"
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -48,11 +49,17 @@ median() {
     printf '%s\n' "${times[@]}" | sort -g | awk '{a[NR]=$1} END {printf "%.4f", a[int((NR+1)/2)]}'
 }
 
-printf '%-34s %10s  %-34s %10s %8s\n' "job" "ours (s)" "peer" "peer (s)" "ratio"
-row() {  # row JOB OURS_TIME PEER_NAME PEER_TIME
+# Peak resident memory in MiB of one run of the command line.
+peak_mib() {
+    /usr/bin/time -f '%M' -o "$work/rss" bash -c "$*" >/dev/null 2>&1 || true
+    awk '{ printf "%.0f", $1 / 1024 }' "$work/rss"
+}
+
+printf '%-34s %10s  %-40s %10s %8s\n' "job" "ours (s)" "peer" "peer (s)" "ratio"
+row() {  # row JOB OURS PEER_NAME PEER
     local ratio
     ratio=$(awk -v a="$2" -v b="$4" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "-" }')
-    printf '%-34s %10s  %-34s %10s %8s\n' "$1" "$2" "$3" "$4" "$ratio"
+    printf '%-34s %10s  %-40s %10s %8s\n' "$1" "$2" "$3" "$4" "$ratio"
 }
 
 for doc in text1000 plain1000; do
@@ -68,3 +75,23 @@ for doc in text1000 plain1000; do
     ours=$(median --setup "cp $in $work/save.pdf" "$bench save $work/save.pdf")
     row "open+save $doc" "$ours" "qpdf in.pdf out.pdf" "$(median "qpdf $in $work/qpdf-out.pdf")"
 done
+
+# Stamping a one-page letterhead beneath every page, and appending one document to another.
+gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pdfwrite -sPAPERSIZE=a4 -o "$work/lh.pdf" \
+    -c "0.8 setgray 0 792 595 50 rectfill 0 setgray /Helvetica-Bold findfont 20 scalefont setfont 40 810 moveto (Letterhead) show showpage"
+in="$work/text1000.pdf"
+stamp_ours="$zpdf stamp $in $work/lh.pdf --background -o $work/stamped.pdf"
+stamp_qpdf="qpdf $in --underlay $work/lh.pdf --repeat=1 -- $work/qpdf-stamped.pdf"
+stamp_pdftk="pdftk $in background $work/lh.pdf output $work/pdftk-stamped.pdf"
+ours=$(median "$stamp_ours")
+row "stamp 1000 pages + save" "$ours" "qpdf --underlay" "$(median "$stamp_qpdf")"
+row "stamp 1000 pages + save" "$ours" "pdftk background" "$(median "$stamp_pdftk")"
+row "stamp 1000 pages + save" "$ours" "qpdf in.pdf out.pdf (plain rewrite)" "$(median "qpdf $in $work/qpdf-out.pdf")"
+row "stamp 1000 pages, peak MiB" "$(peak_mib "$stamp_ours")" "qpdf --underlay, peak MiB" "$(peak_mib "$stamp_qpdf")"
+
+append_ours="$zpdf append $in $work/plain1000.pdf -o $work/appended.pdf"
+append_qpdf="qpdf --empty --pages $in $work/plain1000.pdf -- $work/qpdf-appended.pdf"
+ours=$(median "$append_ours")
+row "append 1000 to 1000 pages + save" "$ours" "qpdf --empty --pages" "$(median "$append_qpdf")"
+row "append 1000 to 1000 pages + save" "$ours" "pdfunite" "$(median "pdfunite $in $work/plain1000.pdf $work/unite.pdf")"
+row "append, peak MiB" "$(peak_mib "$append_ours")" "qpdf --empty --pages, peak MiB" "$(peak_mib "$append_qpdf")"

@@ -16,7 +16,7 @@ test::ToolResult Zpdf(const std::string& args) {
 TEST(Cli, HelpExplainsEveryCommand) {
     const auto overview = Zpdf("--help");
     EXPECT_EQ(overview.exit_code, 0);
-    for (const char* command : {"info", "render", "demo"}) {
+    for (const char* command : {"info", "render", "demo", "stamp", "append", "replace"}) {
         EXPECT_NE(overview.output.find(command), std::string::npos) << command;
         const auto help = Zpdf(std::string(command) + " --help");
         EXPECT_EQ(help.exit_code, 0) << command;
@@ -99,6 +99,49 @@ TEST(Cli, RenderWritesAnImageOfThePageSize) {
     };
     EXPECT_EQ(be32(16), 298) << "595 pt at 36 dpi";
     EXPECT_EQ(be32(20), 421) << "842 pt at 36 dpi";
+}
+
+TEST(Cli, StampAppendReplaceKeepTheInputWithOutputOption) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path doc = test::TextPdf(dir / "doc.pdf", {"one", "two", "three"});
+    const stdfs::path lh = test::TextPdf(dir / "lh.pdf", {"LETTERHEAD"});
+    const std::string before = test::ReadBytes(doc);
+    const struct {
+        std::string args;
+        int pages;
+        std::string text;
+    } cases[] = {
+        {"stamp " + test::Quote(doc) + " " + test::Quote(lh) + " --background -o " +
+             test::Quote(dir / "out.pdf"),
+         3, "LETTERHEAD"},
+        {"stamp " + test::Quote(doc) + " " + test::Quote(lh) +
+             " --page 2 --at 10,20 --scale 0.5 -o " + test::Quote(dir / "out.pdf"),
+         3, "LETTERHEAD"},
+        {"append " + test::Quote(doc) + " " + test::Quote(lh) + " -o " +
+             test::Quote(dir / "out.pdf"),
+         4, "LETTERHEAD"},
+        {"replace " + test::Quote(doc) + " 2 " + test::Quote(lh) + " 1 1 -o " +
+             test::Quote(dir / "out.pdf"),
+         3, "LETTERHEAD"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args);
+        stdfs::remove(dir / "out.pdf");
+        const auto result = Zpdf(c.args);
+        ASSERT_EQ(result.exit_code, 0) << result.output;
+        EXPECT_EQ(test::ReadBytes(doc), before) << "the input stays as it was";
+        EXPECT_TRUE(test::QpdfCheckPasses(dir / "out.pdf"));
+        EXPECT_EQ(test::QpdfPageCount(dir / "out.pdf"), c.pages);
+        EXPECT_NE(test::PdfToText(dir / "out.pdf").find(c.text), std::string::npos);
+        EXPECT_TRUE(test::FilesStartingWith(dir, "out.pdf.").empty()) << "no working files left";
+    }
+    // In place, and a failing job that leaves nothing behind.
+    ASSERT_EQ(Zpdf("append " + test::Quote(doc) + " " + test::Quote(lh)).exit_code, 0);
+    EXPECT_EQ(test::QpdfPageCount(doc), 4);
+    const auto failed = Zpdf("replace " + test::Quote(doc) + " 1 " + test::Quote(lh) + " 2 2 -o " +
+                             test::Quote(dir / "bad.pdf"));
+    EXPECT_EQ(failed.exit_code, 1) << failed.output;
+    EXPECT_TRUE(test::FilesStartingWith(dir, "bad.pdf").empty());
 }
 
 TEST(Cli, DemoRunsWithoutInput) {

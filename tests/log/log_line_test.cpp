@@ -65,14 +65,6 @@ TEST(LogLine, FieldsAppearInFixedOrderWhenSwitchedOn) {
     }
 }
 
-TEST(LogLine, LevelWords) {
-    const char* expected[] = {"NIL;m\n", "FTL;m\n", "ERR;m\n", "WRN;m\n",
-                              "INF;m\n", "DBG;m\n", "TRC;m\n"};
-    for (int level = LogNone; level <= LogTrace; ++level) {
-        EXPECT_EQ(Compose(Prefix(kLevel, 0, static_cast<LogLevel>(level)), "m"), expected[level]);
-    }
-}
-
 TEST(LogLine, ExactlyOneTrailingNewline) {
     const LogLinePrefix bare = Prefix(0);
     EXPECT_EQ(Compose(bare, "done\n"), "done\n");

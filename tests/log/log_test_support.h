@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,11 +22,8 @@ inline std::filesystem::path TestDirectory() {
                                            ? std::filesystem::path(*configured)
                                            : std::filesystem::temp_directory_path();
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    std::string name = std::string(info->test_suite_name()) + "." + info->name();
-    for (char& c : name) {
-        if (c == '/') c = '_';
-    }
-    const std::filesystem::path dir = base / "log" / name;
+    std::filesystem::path dir =
+        base / "log" / (std::string(info->test_suite_name()) + "." + info->name());
     std::filesystem::remove_all(dir);
     std::filesystem::create_directories(dir);
     return dir;

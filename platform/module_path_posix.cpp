@@ -20,7 +20,7 @@ std::filesystem::path ModuleFilePath() {
         // The main program is often reported by a bare name or not at all; a name with a
         // directory part is the shared object itself.
         if (found.has_parent_path()) {
-            const std::filesystem::path absolute = std::filesystem::absolute(found, ec);
+            std::filesystem::path absolute = std::filesystem::absolute(found, ec);
             if (!ec) return absolute;
         }
     }

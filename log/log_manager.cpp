@@ -11,8 +11,8 @@
 namespace zpdf {
 namespace {
 
-// Expanded output specifications are limited to what fits a 260-byte buffer with its NUL.
-constexpr std::size_t kMaxExpandedOutputSpec = 259;
+// Expanded output names are limited to what fits a 260-byte buffer with its NUL.
+constexpr std::size_t kMaxExpandedOutputName = 259;
 
 constexpr const char* kConfigFileName = "log.ini";
 constexpr const char* kConfigPathVariable = "ZPDF_LOG_INI";
@@ -41,11 +41,11 @@ std::string ResolveConfigPath(const std::optional<std::string>& explicit_path) {
     return NarrowPath(module.parent_path() / kConfigFileName);
 }
 
-std::unique_ptr<LogOutput> MakeOutput(const std::string& spec) {
-    if (spec == "DebugView") return std::make_unique<LogOutputDebugView>();
-    if (spec == "Null") return std::make_unique<LogOutputNull>();
-    if (spec == "Console") return std::make_unique<LogOutputFile>(nullptr);
-    return std::make_unique<LogOutputFile>(spec.c_str());
+std::unique_ptr<LogOutput> MakeOutput(const std::string& name) {
+    if (name == "DebugView") return std::make_unique<LogOutputDebugView>();
+    if (name == "Null") return std::make_unique<LogOutputNull>();
+    if (name == "Console") return std::make_unique<LogOutputFile>(nullptr);
+    return std::make_unique<LogOutputFile>(name.c_str());
 }
 
 }  // namespace
@@ -102,9 +102,9 @@ void LogManager::ApplyConfig(const CIniFileIndirect& ini) {
         const LogLevel level =
             LogLevelFromConfigWord(std::string_view(entry.value).substr(0, comma));
         std::string output = ExpandEnvironmentReferences(entry.value.substr(comma + 1));
-        // A specification too long for a path cannot name a usable file; the category gets a
+        // An output name too long for a path cannot name a usable file; the category gets a
         // sink that drops its lines, as for any file that cannot be opened.
-        if (output.size() > kMaxExpandedOutputSpec) output = "Null";
+        if (output.size() > kMaxExpandedOutputName) output = "Null";
         Configure(entry.key, level, output);
     }
 
@@ -119,17 +119,17 @@ void LogManager::ApplyConfig(const CIniFileIndirect& ini) {
     }
 }
 
-LogOutput* LogManager::OutputLocked(const std::string& outputSpec) {
-    auto found = outputs_.find(outputSpec);
+LogOutput* LogManager::OutputLocked(const std::string& outputName) {
+    auto found = outputs_.find(outputName);
     if (found == outputs_.end()) {
-        found = outputs_.emplace(outputSpec, MakeOutput(outputSpec)).first;
+        found = outputs_.emplace(outputName, MakeOutput(outputName)).first;
     }
     return found->second.get();
 }
 
 Logger& LogManager::ConfigureLocked(const std::string& category, LogLevel level,
-                                    const std::string& outputSpec) {
-    LogOutput* output = OutputLocked(outputSpec);
+                                    const std::string& outputName) {
+    LogOutput* output = OutputLocked(outputName);
     auto found = loggers_.find(category);
     if (found != loggers_.end()) {
         found->second->SetLevel(level);
@@ -141,9 +141,9 @@ Logger& LogManager::ConfigureLocked(const std::string& category, LogLevel level,
 }
 
 Logger& LogManager::Configure(const std::string& category, LogLevel level,
-                              const std::string& outputSpec) {
+                              const std::string& outputName) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return ConfigureLocked(category, level, outputSpec);
+    return ConfigureLocked(category, level, outputName);
 }
 
 Logger& LogManager::GetLoggerLocked(const std::string& category) {
@@ -190,9 +190,9 @@ Logger* LogManager::FindLogger(const std::string& category) const {
     return found == loggers_.end() ? nullptr : found->second.get();
 }
 
-LogOutput* LogManager::FindOutput(const std::string& outputSpec) const {
+LogOutput* LogManager::FindOutput(const std::string& outputName) const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = outputs_.find(outputSpec);
+    const auto found = outputs_.find(outputName);
     return found == outputs_.end() ? nullptr : found->second.get();
 }
 

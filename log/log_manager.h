@@ -45,9 +45,9 @@ class LogManager {
     // Applies an INI file that has already been read.
     void ApplyConfig(const CIniFileIndirect& ini);
 
-    // Creates or updates a category. `outputSpec` is "DebugView", "Null", "Console" or a file
-    // path, compared byte for byte; categories naming the same specification share one sink.
-    Logger& Configure(const std::string& category, LogLevel level, const std::string& outputSpec);
+    // Creates or updates a category. `outputName` is "DebugView", "Null", "Console" or a file
+    // path, compared byte for byte; categories naming the same output share one sink.
+    Logger& Configure(const std::string& category, LogLevel level, const std::string& outputName);
 
     // The category, created when it is new: a dotted name ("PDF.Save") then takes a copy of its
     // parent's level and sink ("PDF", created on the way as well). Later changes of the parent
@@ -65,16 +65,16 @@ class LogManager {
 
     // Lookups that create nothing.
     Logger* FindLogger(const std::string& category) const;
-    LogOutput* FindOutput(const std::string& outputSpec) const;
+    LogOutput* FindOutput(const std::string& outputName) const;
     std::size_t OutputCount() const;
 
   private:
     struct ReadConfiguration {};
     explicit LogManager(ReadConfiguration);
 
-    LogOutput* OutputLocked(const std::string& outputSpec);
+    LogOutput* OutputLocked(const std::string& outputName);
     Logger& ConfigureLocked(const std::string& category, LogLevel level,
-                            const std::string& outputSpec);
+                            const std::string& outputName);
     Logger& GetLoggerLocked(const std::string& category);
 
     // Guards both maps; categories may be requested and configured from any thread.

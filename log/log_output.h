@@ -1,5 +1,5 @@
 // Sinks that receive finished log lines. The manager owns every sink; categories that name the
-// same output specification share one sink.
+// same output share one sink.
 #pragma once
 
 #include <cstdio>

@@ -1,0 +1,30 @@
+#include <gtest/gtest.h>
+
+#include "log/log_manager.h"
+#include "log_test_support.h"
+
+namespace zpdf {
+namespace {
+
+// The only test of this program that touches the process-wide manager: it must be first.
+TEST(LogProcess, ManagerReadsTheFileChosenBeforeFirstUse) {
+    const auto dir = test::TestDirectory();
+    const std::string ini = (dir / "chosen.ini").string();
+    const std::string log = (dir / "pdf.log").string();
+    test::WriteFile(ini, "[categories]\nPDF=error," + log + "\n[output]\nlevel=1\ncategory=1\n");
+
+    ASSERT_TRUE(LogManager::SetConfigPath(ini));
+    EXPECT_EQ(LogManager::ConfigPath(), ini);
+
+    PdfLog().Info("dropped");
+    PdfLog().Error("kept %d", 7);
+    ZPDF_LOG_ERROR(LogManager::Instance().GetLogger("PDF.Save"), "save failed");
+    EXPECT_EQ(&PdfLog(), &LogManager::Instance().GetLogger("PDF"));
+
+    EXPECT_FALSE(LogManager::SetConfigPath((dir / "late.ini").string()));
+    EXPECT_EQ(LogManager::ConfigPath(), ini);
+    EXPECT_EQ(test::ReadFile(log), "ERR;PDF;kept 7\nERR;PDF.Save;save failed\n");
+}
+
+}  // namespace
+}  // namespace zpdf

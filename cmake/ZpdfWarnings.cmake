@@ -4,6 +4,6 @@ function(zpdf_warnings target)
         target_compile_options(${target} PRIVATE /W4 /WX /permissive-)
     else()
         target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wnon-virtual-dtor
-            -Wold-style-cast -Wcast-align -Woverloaded-virtual -Wnull-dereference -Werror)
+            -Wold-style-cast -Wcast-align -Woverloaded-virtual -Werror)
     endif()
 endfunction()

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/byte_stream.h"
 #include "platform/device_context.h"
 #include "platform/hresult.h"
 #include "platform/text.h"
@@ -53,6 +54,16 @@ class CZPdfContentObject {
 
     // Writes the open document over its file through a side file.
     HResult Save();
+
+    // Persistence in the host's job files.
+    // The stream record: version, path, embed flag and password, and for an embedded document
+    // its bytes, which Load restores into a new private copy. The document is never opened.
+    HResult IsDirty() const;  // S_OK when dirty, S_FALSE when not
+    HResult Load(ByteStream& stream);
+    HResult Save(ByteStream& stream, bool fClearDirty);
+    HResult GetSizeMax(std::uint64_t* pcbSize) const;  // 4, the version field only
+    HResult InitNew();
+    // (end of persistence)
 
     // State, for persistence and the hosts.
     const OptionalText& PdfFilePath() const { return pdf_file_; }

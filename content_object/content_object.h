@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/byte_stream.h"
 #include "platform/device_context.h"
 #include "platform/hresult.h"
 #include "platform/text.h"
@@ -75,6 +76,16 @@ class CZPdfContentObject {
     HResult OverlayPage2(std::int32_t SourcePage, std::int32_t DestinationPage,
                          std::int32_t ptPosLeft, std::int32_t ptPosTop, std::int32_t ptPosRight,
                          std::int32_t ptPosBottom, std::int32_t nOptions);
+
+    // Persistence in the host's job files.
+    // The stream record: version, path, embed flag and password, and for an embedded document
+    // its bytes, which Load restores into a new private copy. The document is never opened.
+    HResult IsDirty() const;  // S_OK when dirty, S_FALSE when not
+    HResult Load(ByteStream& stream);
+    HResult Save(ByteStream& stream, bool fClearDirty);
+    HResult GetSizeMax(std::uint64_t* pcbSize) const;  // 4, the version field only
+    HResult InitNew();
+    // (end of persistence)
 
     // State, for persistence and the hosts.
     const OptionalText& PdfFilePath() const { return pdf_file_; }

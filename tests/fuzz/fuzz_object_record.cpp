@@ -1,0 +1,104 @@
+// Content-object records of any content. Loading must stay inside the input and refuse with
+// the record's own results; a loaded state must save to a record that loads back to the same
+// state, embedded bytes included, and saves to the same bytes again.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "content_object/content_object.h"
+#include "content_object/stream_record.h"
+#include "platform/byte_stream.h"
+
+namespace {
+
+using zpdf::HResult;
+namespace hr = zpdf::hr;
+namespace record = zpdf::record;
+
+void Check(bool condition) {
+    if (!condition) std::abort();
+}
+
+std::string FileBytes(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// An object that loads a record naming a path with the embed flag set takes that file for its
+// private copy and deletes it when it is reset. Arbitrary input could name any file, so such
+// records only go through the record readers here.
+bool NamesAFileToOwn(const std::vector<std::uint8_t>& bytes) {
+    zpdf::MemoryByteStream stream(bytes);
+    std::uint32_t version = 0;
+    zpdf::OptionalText path;
+    std::int16_t embed = 0;
+    zpdf::OptionalText password;
+    if (hr::Failed(record::ReadUInt32(stream, &version)) || version > 1) return false;
+    if (hr::Failed(record::ReadStringRecord(stream, &path))) return false;
+    const bool owned =
+        hr::Succeeded(record::ReadInt16(stream, &embed)) && embed != 0 && path && !path->empty();
+    record::ReadStringRecord(stream, &password);
+    return owned;
+}
+
+bool IsRecordRefusal(HResult result) {
+    return result == hr::kFail || result == hr::kAccessDenied || result == hr::kUnexpected;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    // Private copies go to a folder of this run, which is removed at exit.
+    static std::filesystem::path folder;
+    std::string base = (std::filesystem::temp_directory_path() / "zpdf-fuzz-XXXXXX").string();
+    Check(::mkdtemp(base.data()) != nullptr);
+    folder = base;
+    ::setenv("TMPDIR", base.c_str(), 1);
+    std::atexit([] {
+        std::error_code ec;
+        std::filesystem::remove_all(folder, ec);
+    });
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::vector<std::uint8_t> bytes(data, data + size);
+    if (NamesAFileToOwn(bytes)) return 0;
+
+    zpdf::CZPdfContentObject object;
+    zpdf::MemoryByteStream stream(bytes);
+    const HResult loaded = object.Load(stream);
+    if (loaded != hr::kOk) {
+        Check(IsRecordRefusal(loaded));
+        Check(object.IsDirty() == hr::kOk);
+        return 0;
+    }
+    Check(object.IsDirty() == hr::kFalse);
+    Check(stream.Position() <= size);
+
+    zpdf::MemoryByteStream saved;
+    Check(object.Save(saved, true) == hr::kOk);
+    zpdf::CZPdfContentObject again;
+    zpdf::MemoryByteStream reread(saved.Bytes());
+    Check(again.Load(reread) == hr::kOk);
+    Check(reread.Position() == saved.Bytes().size());
+    Check(again.EmbedFlag() == object.EmbedFlag());
+    Check(again.PasswordText() == object.PasswordText());
+    if (object.EmbedFlag() == 0) {
+        Check(again.PdfFilePath() == object.PdfFilePath());
+    } else {
+        Check(again.HasPath() && object.HasPath());
+        Check(again.PdfFilePath() != object.PdfFilePath());
+        Check(FileBytes(zpdf::ToPath(*again.PdfFilePath())) ==
+              FileBytes(zpdf::ToPath(*object.PdfFilePath())));
+    }
+    zpdf::MemoryByteStream resaved;
+    Check(again.Save(resaved, true) == hr::kOk);
+    Check(resaved.Bytes() == saved.Bytes());
+    return 0;
+}

@@ -56,6 +56,7 @@ HResult CZPdfContentObject::SetPdfDocument(const OptionalText& PdfFile, VariantB
                         "Cannot make the private copy of " + Utf16ToUtf8(*PdfFile));
         }
         pdf_file_ = FromPath(copy);
+        owns_copy_ = true;
     } else {
         pdf_file_ = PdfFile;
     }
@@ -134,7 +135,10 @@ void CZPdfContentObject::CloseDocuments() {
 
 void CZPdfContentObject::ResetDocument() {
     CloseDocuments();
-    if (embed_ != 0 && HasPath()) fs::RemoveQuietly(ToPath(*pdf_file_));
+    // Only a copy this object made is deleted: an embedded record restored with a path (as a
+    // crafted job file can be) names someone else's file.
+    if (embed_ != 0 && owns_copy_ && HasPath()) fs::RemoveQuietly(ToPath(*pdf_file_));
+    owns_copy_ = false;
     pdf_file_ = std::u16string();
     password_ = std::u16string();
     embed_ = 0;

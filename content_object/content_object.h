@@ -113,6 +113,7 @@ class CZPdfContentObject {
 
     OptionalText pdf_file_ = std::u16string();
     VariantBool embed_ = 0;
+    bool owns_copy_ = false;  // the file at pdf_file_ is a private copy this object made
     OptionalText password_ = std::u16string();
     std::FILE* file_ = nullptr;
     std::unique_ptr<engine::Document> document_;

@@ -192,6 +192,7 @@ HResult CZPdfContentObject::Load(ByteStream& stream) {
             return Fail(result, why);
         }
         pdf_file_ = FromPath(copy);
+        owns_copy_ = true;
     }
     dirty_ = 0;
     return hr::kOk;

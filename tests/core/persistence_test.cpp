@@ -230,6 +230,19 @@ TEST_F(PersistenceTest, EmbeddedWithStoredPathReadsNoContent) {
     EXPECT_EQ(PrivateCopies(), 0u);
 }
 
+TEST_F(PersistenceTest, EmbeddedRecordWithPathNeverDeletesThatFile) {
+    // A crafted record that claims someone's file as the private copy must not get it deleted.
+    const stdfs::path victim = dir_ / "precious.pdf";
+    test::WriteBytes(victim, "user data");
+    MemoryByteStream stream(kV1 + Str(victim.string()) + kEmbedTrue + Str(""));
+    {
+        CZPdfContentObject object;
+        ASSERT_EQ(object.Load(stream), hr::kOk);
+        object.ResetDocument();
+    }
+    EXPECT_EQ(test::ReadBytes(victim), "user data");
+}
+
 // Records the object refuses, loaded over an object holding an embedded document: before the
 // version is accepted nothing changes; after it the object is reset and keeps the fields read so
 // far. A refused string record leaves the stream at its count. The dirty flag stays clear.

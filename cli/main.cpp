@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "cli/command.h"
+#include "log/log_manager.h"
 
 namespace {
 
@@ -28,6 +29,10 @@ void PrintUsage(std::FILE* out) {
     }
     std::fputs(
         "\n"
+        "Options before COMMAND:\n"
+        "  --log-ini FILE  read the log configuration from FILE instead of the log.ini\n"
+        "                  beside zpdf (the variable ZPDF_LOG_INI does the same)\n"
+        "\n"
         "'zpdf COMMAND --help' explains a command. A failure prints one line with its\n"
         "reason and result code, and the exit status is 1 (2 for a usage error).\n",
         out);
@@ -36,6 +41,12 @@ void PrintUsage(std::FILE* out) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Options of zpdf itself come before the command.
+    while (argc >= 3 && std::strcmp(argv[1], "--log-ini") == 0) {
+        zpdf::LogManager::SetConfigPath(argv[2]);
+        argv += 2;
+        argc -= 2;
+    }
     if (argc < 2) {
         PrintUsage(stderr);
         return zpdf::cli::kExitUsage;

@@ -3,6 +3,7 @@
 #include <array>
 
 #include "content_object/content_object.h"
+#include "content_object/diagnostics.h"
 #include "content_object/page_range.h"
 #include "content_object/pdf_additions/page_content.h"
 #include "engine/engine.h"
@@ -65,6 +66,12 @@ HResult CZPdfContentObject::PlaceContent(std::uint32_t srcObjectId, std::int32_t
         if (DestinationPage < 1 || DestinationPage > doc.PageCount()) {
             return Fail(hr::kInvalidArg,
                         "Page " + std::to_string(DestinationPage) + " does not exist");
+        }
+        if (!additions::IsFormXObject(doc, srcObjectId)) {
+            // Placed as given: viewers skip a drawing of something that is not a form.
+            ZPDF_LOG_WARN(diagnostics::Place(),
+                          "object %u is not a form XObject; placed on page %d anyway", srcObjectId,
+                          DestinationPage);
         }
         const std::array<float, 6> matrix{scaleX, 0.0f, 0.0f, scaleY, transX, transY};
         additions::PlaceFormXObject(doc, srcObjectId, DestinationPage - 1, matrix, background != 0);

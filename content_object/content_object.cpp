@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "content_object/diagnostics.h"
 #include "engine/engine.h"
 #include "platform/files.h"
 
@@ -29,7 +30,9 @@ std::string LoadErrorText(long code) {
     }
 }
 
-CZPdfContentObject::CZPdfContentObject() = default;
+CZPdfContentObject::CZPdfContentObject() {
+    diagnostics::RouteEngineMessages();
+}
 
 CZPdfContentObject::~CZPdfContentObject() {
     ResetDocument();
@@ -38,6 +41,8 @@ CZPdfContentObject::~CZPdfContentObject() {
 
 HResult CZPdfContentObject::Fail(HResult result, std::string why) const {
     last_error_ = std::move(why);
+    ZPDF_LOG_ERROR(diagnostics::Pdf(), "%s (%s)", last_error_.c_str(),
+                   FormatHResult(result).c_str());
     return result;
 }
 
@@ -114,6 +119,18 @@ HResult CZPdfContentObject::EnsurePdfDocument() {
                                          : text + " (" + e.what() + ")");
     } catch (const std::bad_alloc&) {
         return Fail(hr::kOutOfMemory, "Out of memory opening the document");
+    }
+    if (diagnostics::Load().IsEnabled(LogInfo)) {
+        try {
+            const engine::DocumentFacts facts = document_->Facts();
+            diagnostics::Load().Info("opened %s: %d pages, %s, %s%s",
+                                     Utf16ToUtf8(*pdf_file_).c_str(), facts.pages,
+                                     linearized ? "linearized" : "not linearized",
+                                     facts.encrypted ? "encrypted" : "not encrypted",
+                                     facts.repaired ? ", repaired" : "");
+        } catch (const engine::EngineError& e) {
+            diagnostics::Load().Info("opened %s (%s)", Utf16ToUtf8(*pdf_file_).c_str(), e.what());
+        }
     }
     return hr::kOk;
 }

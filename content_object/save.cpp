@@ -1,6 +1,9 @@
 // Saving: the document is written to a side file next to its file, made durable, and moved
 // over the file only when complete. A side file that was not moved is removed.
+#include <chrono>
+
 #include "content_object/content_object.h"
+#include "content_object/diagnostics.h"
 #include "engine/engine.h"
 #include "platform/files.h"
 
@@ -47,6 +50,7 @@ HResult CZPdfContentObject::Save() {
     if (!HasPath()) return Fail(hr::kUnexpected, "No document is set");
     if (!IsDocumentOpen()) return hr::kOk;  // never opened, so nothing can have changed
 
+    const auto started = std::chrono::steady_clock::now();
     const std::filesystem::path target = ToPath(*pdf_file_);
     std::filesystem::path side = target;
     side += ".part";
@@ -75,6 +79,11 @@ HResult CZPdfContentObject::Save() {
                     "Cannot replace " + target.string() + " (error " + std::to_string(error) + ")");
     }
     guard.Commit();
+    ZPDF_LOG_INFO(diagnostics::Save(), "saved %s: %llu bytes in %lld ms", target.string().c_str(),
+                  static_cast<unsigned long long>(file.BytesWritten()),
+                  static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                             std::chrono::steady_clock::now() - started)
+                                             .count()));
     return hr::kOk;
 }
 

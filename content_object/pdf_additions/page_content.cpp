@@ -316,6 +316,25 @@ std::string AddXObjectResource(engine::Document& doc, int page_index, std::uint3
     return name;
 }
 
+bool IsFormXObject(engine::Document& doc, std::uint32_t object_number) {
+    fz_context* ctx = doc.Internals().ctx;
+    pdf_document* pdf = doc.Internals().doc;
+    volatile int form = 0;
+    fz_try(ctx) {
+        if (object_number > 0 &&
+            object_number < static_cast<std::uint32_t>(pdf_xref_len(ctx, pdf))) {
+            pdf_obj* ref = pdf_new_indirect(ctx, pdf, static_cast<int>(object_number), 0);
+            form = pdf_is_stream(ctx, ref) &&
+                   pdf_name_eq(ctx, pdf_dict_get(ctx, ref, PDF_NAME(Subtype)), PDF_NAME(Form));
+            pdf_drop_obj(ctx, ref);
+        }
+    }
+    fz_catch(ctx) {
+        form = 0;
+    }
+    return form != 0;
+}
+
 std::string FormatPlacement(const std::array<double, 6>& matrix, const std::string& name) {
     std::string out = "q";
     for (const double value : matrix) {

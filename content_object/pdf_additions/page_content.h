@@ -41,6 +41,9 @@ FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index);
 std::string AddXObjectResource(engine::Document& doc, int page_index, std::uint32_t object_number,
                                const std::string& category);
 
+// True when `object_number` names a form XObject of the document.
+bool IsFormXObject(engine::Document& doc, std::uint32_t object_number);
+
 // The drawing operator for a form XObject: "q a b c d e f cm /Name Do Q" and a line feed, each
 // number with six decimals.
 std::string FormatPlacement(const std::array<double, 6>& matrix, const std::string& name);

@@ -144,6 +144,31 @@ TEST(Cli, StampAppendReplaceKeepTheInputWithOutputOption) {
     EXPECT_TRUE(test::FilesStartingWith(dir, "bad.pdf").empty());
 }
 
+TEST(Cli, LogIniTurnsDiagnosticsOn) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path doc = test::TextPdf(dir / "doc.pdf", {"x"});
+    const stdfs::path log = dir / "zpdf.log";
+    test::WriteBytes(dir / "log.ini", "[categories]\nPDF=info," + log.string() + "\n");
+    ASSERT_EQ(
+        Zpdf("--log-ini " + test::Quote(dir / "log.ini") + " info " + test::Quote(doc)).exit_code,
+        0);
+    ASSERT_EQ(
+        Zpdf("--log-ini " + test::Quote(dir / "log.ini") + " info " + test::Quote(dir / "none.pdf"))
+            .exit_code,
+        1);
+    const std::string lines = test::ReadBytes(log);
+    EXPECT_NE(lines.find("opened " + doc.string() + ": 1 pages, not linearized, not encrypted"),
+              std::string::npos)
+        << lines;
+    EXPECT_NE(lines.find("No file matches " + (dir / "none.pdf").string() + " (0x80070057)"),
+              std::string::npos)
+        << lines;
+    // Without it, nothing is logged.
+    stdfs::remove(log);
+    ASSERT_EQ(Zpdf("info " + test::Quote(doc)).exit_code, 0);
+    EXPECT_FALSE(stdfs::exists(log));
+}
+
 TEST(Cli, DemoRunsWithoutInput) {
     const stdfs::path dir = test::ScratchDir() / "out";
     const auto result = Zpdf("demo " + test::Quote(dir));

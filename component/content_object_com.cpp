@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "component/gdi_device_context.h"
+#include "component/istream_byte_stream.h"
 
 namespace zpdf::com {
 
@@ -206,22 +207,29 @@ STDMETHODIMP ContentObjectCom::GetClassID(CLSID* clsid) {
     return S_OK;
 }
 
-STDMETHODIMP ContentObjectCom::IsDirty() { return core_.Dirty() != 0 ? S_OK : S_FALSE; }
+STDMETHODIMP ContentObjectCom::IsDirty() { return core_.IsDirty(); }
 
-STDMETHODIMP ContentObjectCom::Load(IStream*) { return E_NOTIMPL; }
+STDMETHODIMP ContentObjectCom::Load(IStream* stream) {
+    if (stream == nullptr) return E_POINTER;
+    IStreamByteStream bytes(stream);
+    return Done(core_.Load(bytes));
+}
 
-STDMETHODIMP ContentObjectCom::Save(IStream*, BOOL) { return E_NOTIMPL; }
+STDMETHODIMP ContentObjectCom::Save(IStream* stream, BOOL clear_dirty) {
+    if (stream == nullptr) return E_POINTER;
+    IStreamByteStream bytes(stream);
+    return Done(core_.Save(bytes, clear_dirty != FALSE));
+}
 
 STDMETHODIMP ContentObjectCom::GetSizeMax(ULARGE_INTEGER* size) {
     if (size == nullptr) return E_POINTER;
-    size->QuadPart = 4;
-    return S_OK;
+    std::uint64_t max = 0;
+    const HRESULT hr = core_.GetSizeMax(&max);
+    size->QuadPart = max;
+    return hr;
 }
 
-STDMETHODIMP ContentObjectCom::InitNew() {
-    core_.SetDirty(1);
-    return S_OK;
-}
+STDMETHODIMP ContentObjectCom::InitNew() { return core_.InitNew(); }
 
 STDMETHODIMP ContentObjectCom::InterfaceSupportsErrorInfo(REFIID iid) {
     return iid == __uuidof(IZPdfContentObject) ? S_OK : S_FALSE;

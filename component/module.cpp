@@ -1,8 +1,8 @@
 // The module: process start and stop of the PDF engine, the four exports, the class factory,
-// and registration of the classes, the type library and the interface proxies.
+// and registration of the classes and the type library. Calls across apartments are
+// marshalled from the type library: the interfaces are dual and ole-automation compatible.
 #include <windows.h>
 #include <objbase.h>
-#include <rpcproxy.h>
 
 #include <new>
 #include <string>
@@ -12,16 +12,8 @@
 #include "component/content_object_com.h"
 #include "engine/engine.h"
 
-// The merged proxy/stub code generated from the interface definitions.
-extern "C" const ProxyFileInfo ZPdfCntObj_ProxyFileInfo;
-
 namespace zpdf::com {
 namespace {
-
-const ProxyFileInfo* const kProxyFiles[] = {&ZPdfCntObj_ProxyFileInfo, nullptr};
-// The proxy factory is registered under the first interface's identifier.
-const CLSID& ProxyClassId() { return __uuidof(IZPdfContentObject); }
-CStdPSFactoryBuffer g_proxy_factory = {};
 
 using Creator = HRESULT (*)(REFIID, void**);
 
@@ -188,9 +180,6 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved
 }
 
 STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* object) {
-    if (SUCCEEDED(NdrDllGetClassObject(clsid, iid, object, kProxyFiles, &ProxyClassId(), &g_proxy_factory))) {
-        return S_OK;
-    }
     if (object == nullptr) return E_POINTER;
     *object = nullptr;
     if (ModuleInstance() == nullptr) return E_UNEXPECTED;
@@ -206,7 +195,6 @@ STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* object) {
 }
 
 STDAPI DllCanUnloadNow() {
-    if (NdrDllCanUnloadNow(&g_proxy_factory) != S_OK) return S_FALSE;
     return g_objects.load() == 0 && g_locks.load() == 0 ? S_OK : S_FALSE;
 }
 
@@ -221,8 +209,7 @@ STDAPI DllRegisterServer() {
     }
     if (SUCCEEDED(hr)) hr = RegisterTypeLibrary(module);
     SetThreadLocale(caller_locale);
-    if (FAILED(hr)) return hr;
-    return NdrDllRegisterProxy(ModuleInstance(), kProxyFiles, &ProxyClassId());
+    return hr;
 }
 
 STDAPI DllUnregisterServer() {
@@ -236,9 +223,5 @@ STDAPI DllUnregisterServer() {
         const HRESULT unregistered = UnRegisterTypeLib(LIBID_ZPdfCntObjLib, 1, 0, 0, TypeLibraryKind());
         if (FAILED(unregistered) && unregistered != TYPE_E_REGISTRYACCESS) hr = unregistered;
     }
-    if (FAILED(hr)) return hr;
-    // Registered once more before it is removed, so that every proxy key is known to exist.
-    hr = NdrDllRegisterProxy(ModuleInstance(), kProxyFiles, &ProxyClassId());
-    if (FAILED(hr)) return hr;
-    return NdrDllUnregisterProxy(ModuleInstance(), kProxyFiles, &ProxyClassId());
+    return hr;
 }

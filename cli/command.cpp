@@ -9,7 +9,8 @@ namespace zpdf::cli {
 bool Arguments::Parse(const std::vector<std::string>& args) {
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        if (arg.size() > 2 && arg.compare(0, 2, "--") == 0) {
+        const bool is_short_option = valued_.count(arg) != 0 || flags_.count(arg) != 0;
+        if (is_short_option || (arg.size() > 2 && arg.compare(0, 2, "--") == 0)) {
             std::string name = arg;
             std::optional<std::string> inline_value;
             if (const auto eq = arg.find('='); eq != std::string::npos) {

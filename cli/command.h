@@ -21,7 +21,8 @@ struct Command {
 };
 
 // Options of one command: those in `valued` take the next argument as their value; those in
-// `flags` stand alone. Anything else starting with "--" is an error.
+// `flags` stand alone. Short ones ("-o") are listed like long ones. Anything else starting
+// with "--" is an error.
 class Arguments {
   public:
     Arguments(std::set<std::string> valued, std::set<std::string> flags)
@@ -57,5 +58,7 @@ std::string JsonString(const std::string& text);
 extern const Command kInfoCommand;
 extern const Command kRenderCommand;
 extern const Command kDemoCommand;
+extern const Command kProtectCommand;
+extern const Command kProtectPubKeyCommand;
 
 }  // namespace zpdf::cli

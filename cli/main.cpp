@@ -14,6 +14,8 @@ const Command* const kCommands[] = {
     &zpdf::cli::kInfoCommand,
     &zpdf::cli::kRenderCommand,
     &zpdf::cli::kDemoCommand,
+    &zpdf::cli::kProtectCommand,
+    &zpdf::cli::kProtectPubKeyCommand,
 };
 
 void PrintUsage(std::FILE* out) {
@@ -25,7 +27,7 @@ void PrintUsage(std::FILE* out) {
         "Commands:\n",
         out);
     for (const Command* command : kCommands) {
-        std::fprintf(out, "  %-10s %s\n", command->name, command->summary);
+        std::fprintf(out, "  %-15s %s\n", command->name, command->summary);
     }
     std::fputs(
         "\n"

@@ -1,6 +1,9 @@
 // Saving: the document is written to a side file next to its file, made durable, and moved
 // over the file only when complete. A side file that was not moved is removed.
+#include <new>
+
 #include "content_object/content_object.h"
+#include "content_object/side_file_save.h"
 #include "engine/engine.h"
 #include "platform/files.h"
 
@@ -41,40 +44,58 @@ class SideFileGuard {
     bool committed_ = false;
 };
 
+SideFileSaveResult Failure(HResult result, std::string why) {
+    return SideFileSaveResult{result, std::move(why)};
+}
+
+std::string WithError(const std::string& what, int error) {
+    return what + " (error " + std::to_string(error) + ")";
+}
+
 }  // namespace
 
-HResult CZPdfContentObject::Save() {
-    if (!HasPath()) return Fail(hr::kUnexpected, "No document is set");
-    if (!IsDocumentOpen()) return hr::kOk;  // never opened, so nothing can have changed
-
-    const std::filesystem::path target = ToPath(*pdf_file_);
+SideFileSaveResult SaveThroughSideFile(CZPdfContentObject& object,
+                                       const std::filesystem::path& target,
+                                       const DocumentSerialiser& serialise) {
     std::filesystem::path side = target;
     side += ".part";
 
     fs::OutputFile file;
     if (const int error = file.Open(side)) {
-        return Fail(hr::kFail,
-                    "Cannot create " + side.string() + " (error " + std::to_string(error) + ")");
+        return Failure(hr::kFail, WithError("Cannot create " + side.string(), error));
     }
     SideFileGuard guard(file, side);
 
     SideFileSink sink(file);
     try {
-        document_->Write(sink);
-    } catch (const engine::EngineError& e) {
-        return Fail(hr::kFail, e.what());
+        serialise(sink);
+    } catch (const std::bad_alloc&) {
+        return Failure(hr::kOutOfMemory, "Out of memory writing " + side.string());
+    } catch (const std::exception& e) {
+        if (sink.Error() != 0) {
+            return Failure(hr::kFail, WithError("Cannot write " + side.string(), sink.Error()));
+        }
+        return Failure(hr::kFail, e.what());
     }
     if (const int error = file.Commit()) {
-        return Fail(hr::kFail,
-                    "Cannot flush " + side.string() + " (error " + std::to_string(error) + ")");
+        return Failure(hr::kFail, WithError("Cannot flush " + side.string(), error));
     }
 
-    CloseDocuments();
+    object.CloseDocuments();
     if (const int error = fs::MoveReplace(side, target)) {
-        return Fail(hr::kFail,
-                    "Cannot replace " + target.string() + " (error " + std::to_string(error) + ")");
+        return Failure(hr::kFail, WithError("Cannot replace " + target.string(), error));
     }
     guard.Commit();
+    return {};
+}
+
+HResult CZPdfContentObject::Save() {
+    if (!HasPath()) return Fail(hr::kUnexpected, "No document is set");
+    if (!IsDocumentOpen()) return hr::kOk;  // never opened, so nothing can have changed
+
+    const SideFileSaveResult saved = SaveThroughSideFile(
+        *this, ToPath(*pdf_file_), [this](engine::ByteSink& sink) { document_->Write(sink); });
+    if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
     return hr::kOk;
 }
 

@@ -4,18 +4,16 @@
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
-#include <openssl/pem.h>
 #include <openssl/pkcs7.h>
 #include <openssl/rand.h>
-#include <openssl/x509.h>
 
-#include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
 
 #include "content_object/pdf_additions/encrypting_writer.h"
 #include "content_object/pdf_additions/pubkey_security_handler.h"
+#include "content_object/pdf_additions/recipient_certificates.h"
 #include "content_object/pdf_additions/secured_writers.h"
 #include "content_object/pdf_additions/source_security.h"
 
@@ -29,14 +27,10 @@ constexpr int kEnvelopeFlags = PKCS7_BINARY | PKCS7_DETACHED;
 struct BioFree {
     void operator()(BIO* bio) const { BIO_free(bio); }
 };
-struct CertificateStackFree {
-    void operator()(STACK_OF(X509) * stack) const { sk_X509_pop_free(stack, X509_free); }
-};
 struct Pkcs7Free {
     void operator()(PKCS7* p7) const { PKCS7_free(p7); }
 };
 using Bio = std::unique_ptr<BIO, BioFree>;
-using CertificateStack = std::unique_ptr<STACK_OF(X509), CertificateStackFree>;
 using Pkcs7 = std::unique_ptr<PKCS7, Pkcs7Free>;
 
 // Wipes a secret when it goes out of scope.
@@ -60,37 +54,6 @@ std::string TakeOpenSslError() {
     char text[256];
     ERR_error_string_n(code, text, sizeof text);
     return text;
-}
-
-// A certificate is never encrypted; a block that asks for a passphrase is refused instead of
-// prompting on a console that a host process does not have.
-int NoPassphrase(char* /*buf*/, int /*size*/, int /*rwflag*/, void* /*userdata*/) {
-    return 0;
-}
-
-// The first certificate of each text, in order.
-CertificateStack ReadCertificates(const std::vector<std::string>& recipients) {
-    CertificateStack stack(sk_X509_new_null());
-    if (!stack) throw std::bad_alloc();
-    for (std::size_t i = 0; i < recipients.size(); ++i) {
-        const std::string& pem = recipients[i];
-        X509* certificate = nullptr;
-        if (pem.size() <= static_cast<std::size_t>(INT_MAX)) {
-            const Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-            if (!bio) throw std::bad_alloc();
-            certificate = PEM_read_bio_X509_AUX(bio.get(), nullptr, NoPassphrase, nullptr);
-        }
-        if (certificate == nullptr) {
-            ERR_clear_error();
-            throw SecuredSaveError("Recipient " + std::to_string(i + 1) +
-                                   " holds no PEM certificate");
-        }
-        if (sk_X509_push(stack.get(), certificate) <= 0) {
-            X509_free(certificate);
-            throw std::bad_alloc();
-        }
-    }
-    return stack;
 }
 
 // One enveloped-data object (Triple-DES) for all recipients, DER-encoded.
@@ -228,7 +191,7 @@ void SaveWithRecipients(engine::Document& doc, engine::ByteSink& sink,
     if (!ReadSourceSecurity(impl.ctx, impl.doc).encrypted) {
         throw SecuredSaveError(kNotEncryptedText);
     }
-    const CertificateStack certificates = ReadCertificates(recipients);
+    const CertificateStack certificates = ReadRecipientCertificates(recipients);
 
     unsigned char content[kEnvelopeContentBytes];
     const Cleanse wipe_content(content, sizeof content);

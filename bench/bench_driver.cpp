@@ -4,9 +4,14 @@
 //   zpdf-bench render FILE OUT.png draw page 1 at 150 dpi
 //   zpdf-bench save FILE           open, then save in place through the side file
 //   zpdf-bench make-text FILE N    write an N-page text document
+//   zpdf-bench protect FILE PW     open with PW, save in place with AES-256 passwords U and O
+//   zpdf-bench protect-pubkey FILE PW CERT.pem
+//                                  open with PW, save in place for the certificate's holder
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "cli/sample_pdf.h"
@@ -55,6 +60,26 @@ int Save(const std::string& file) {
     return Check(object.Save(), object, "save");
 }
 
+int Protect(const std::string& file, const std::string& password) {
+    CZPdfContentObject object;
+    std::int32_t pages = 0;
+    if (int rc = Check(object.SetPdfDocument(FromAnsi(file), 0, FromAnsi(password)), object, "set"))
+        return rc;
+    if (int rc = Check(object.PageCount(&pages), object, "open")) return rc;
+    return Check(object.SaveWithSecurity(u"U", u"O"), object, "protect");
+}
+
+int ProtectPubKey(const std::string& file, const std::string& password, const std::string& cert) {
+    std::ifstream in(cert, std::ios::binary);
+    std::ostringstream pem;
+    pem << in.rdbuf();
+    const std::vector<OptionalText> recipients = {FromAnsi(pem.str())};
+    CZPdfContentObject object;
+    if (int rc = Check(object.SetPdfDocument(FromAnsi(file), 0, FromAnsi(password)), object, "set"))
+        return rc;
+    return Check(object.SaveWithPubKeySecurity(&recipients), object, "protect-pubkey");
+}
+
 int MakeText(const std::string& file, int pages) {
     std::vector<samples::SamplePage> all;
     for (int i = 1; i <= pages; ++i) {
@@ -78,6 +103,11 @@ int main(int argc, char** argv) {
     if (job == "render" && argc == 4) return Render(argv[2], argv[3]);
     if (job == "save" && argc == 3) return Save(argv[2]);
     if (job == "make-text" && argc == 4) return MakeText(argv[2], std::atoi(argv[3]));
-    std::fputs("usage: zpdf-bench count FILE | render FILE OUT.png | save FILE | make-text FILE N\n", stderr);
+    if (job == "protect" && argc == 4) return Protect(argv[2], argv[3]);
+    if (job == "protect-pubkey" && argc == 5) return ProtectPubKey(argv[2], argv[3], argv[4]);
+    std::fputs(
+        "usage: zpdf-bench count FILE | render FILE OUT.png | save FILE | make-text FILE N |\n"
+        "       protect FILE PW | protect-pubkey FILE PW CERT.pem\n",
+        stderr);
     return 2;
 }

@@ -95,3 +95,26 @@ ours=$(median "$append_ours")
 row "append 1000 to 1000 pages + save" "$ours" "qpdf --empty --pages" "$(median "$append_qpdf")"
 row "append 1000 to 1000 pages + save" "$ours" "pdfunite" "$(median "pdfunite $in $work/plain1000.pdf $work/unite.pdf")"
 row "append, peak MiB" "$(peak_mib "$append_ours")" "qpdf --empty --pages, peak MiB" "$(peak_mib "$append_qpdf")"
+
+# Secured saves. Both re-secure an encrypted file, so each document is first encrypted by qpdf
+# (AES-256, password u); ours and the peer open it with that password. The certificate save is
+# compared with PDFBox's PublicKeyProtectionPolicy (AES-256), JVM start-up included.
+jars=/usr/share/java/pdfbox2.jar:/usr/share/java/fontbox2.jar:/usr/share/java/commons-logging.jar
+jars=$jars:/usr/share/java/bcprov.jar:/usr/share/java/bcpkix.jar:/usr/share/java/bcutil.jar
+mkdir -p "$work/java"
+javac -nowarn -d "$work/java" -cp "$jars" bench/PubKeyBench.java
+openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=bench \
+    -keyout "$work/key.pem" -out "$work/cert.pem" 2>/dev/null
+for doc in text1000 plain1000; do
+    enc="$work/$doc-aes.pdf"
+    qpdf --encrypt u o 256 -- "$work/$doc.pdf" "$enc"
+
+    ours=$(median --setup "cp $enc $work/secure.pdf" "$bench protect $work/secure.pdf u")
+    row "AES-256 save $doc" "$ours" "qpdf --encrypt U O 256 --" \
+        "$(median "qpdf --password=u --encrypt U O 256 -- $enc $work/qpdf-aes.pdf")"
+
+    ours=$(median --setup "cp $enc $work/secure.pdf" \
+        "$bench protect-pubkey $work/secure.pdf u $work/cert.pem")
+    row "certificate save $doc" "$ours" "PDFBox PublicKeyProtectionPolicy" \
+        "$(median "java -cp $work/java:$jars PubKeyBench $enc u $work/cert.pem $work/pdfbox.pdf")"
+done

@@ -21,7 +21,8 @@ struct Command {
 };
 
 // Options of one command: those in `valued` take the next argument as their value; those in
-// `flags` stand alone. Anything else starting with "--" is an error.
+// `flags` stand alone. Short ones ("-o") are listed like long ones. Anything else starting
+// with "--" is an error.
 class Arguments {
   public:
     Arguments(std::set<std::string> valued, std::set<std::string> flags)
@@ -60,5 +61,7 @@ extern const Command kDemoCommand;
 extern const Command kStampCommand;
 extern const Command kAppendCommand;
 extern const Command kReplaceCommand;
+extern const Command kProtectCommand;
+extern const Command kProtectPubKeyCommand;
 
 }  // namespace zpdf::cli

@@ -12,8 +12,9 @@ namespace {
 using zpdf::cli::Command;
 
 const Command* const kCommands[] = {
-    &zpdf::cli::kInfoCommand,   &zpdf::cli::kRenderCommand,  &zpdf::cli::kStampCommand,
-    &zpdf::cli::kAppendCommand, &zpdf::cli::kReplaceCommand, &zpdf::cli::kDemoCommand,
+    &zpdf::cli::kInfoCommand,          &zpdf::cli::kRenderCommand,  &zpdf::cli::kStampCommand,
+    &zpdf::cli::kAppendCommand,        &zpdf::cli::kReplaceCommand, &zpdf::cli::kProtectCommand,
+    &zpdf::cli::kProtectPubKeyCommand, &zpdf::cli::kDemoCommand,
 };
 
 void PrintUsage(std::FILE* out) {
@@ -25,7 +26,7 @@ void PrintUsage(std::FILE* out) {
         "Commands:\n",
         out);
     for (const Command* command : kCommands) {
-        std::fprintf(out, "  %-10s %s\n", command->name, command->summary);
+        std::fprintf(out, "  %-15s %s\n", command->name, command->summary);
     }
     std::fputs(
         "\n"

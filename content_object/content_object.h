@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -86,6 +87,27 @@ class CZPdfContentObject {
     HResult GetSizeMax(std::uint64_t* pcbSize) const;  // 4, the version field only
     HResult InitNew();
     // (end of persistence)
+
+    // ---- Secured saves ----
+    // Both re-secure a document whose file is already encrypted and refuse any other with
+    // E_FAIL (the file untouched). They take Save's road: a side file, the documents closed,
+    // the side file moved over the document's file. The stored password is not changed.
+    //
+    // The standard security handler at revision 6 (AES-256) with these passwords (converted
+    // with ToAnsi; null and empty both give the empty password), keeping the permissions of
+    // the file. Like Save, it writes nothing and returns S_OK when no document is open.
+    HResult SaveWithSecurity(const OptionalText& UserPassword, const OptionalText& OwnerPassword);
+    // Public-key security (AES-256) for the holders of the certificates, one PEM text per
+    // recipient. Opens the document first if needed. E_INVALIDARG for a null or empty list;
+    // E_FAIL when an entry holds no certificate.
+    HResult SaveWithPubKeySecurity(const std::vector<OptionalText>* recipients);
+    // The same saves writing to `target` (through target + ".part") instead of the document's
+    // own file, which is left as it is.
+    HResult SaveWithSecurityTo(const std::filesystem::path& target,
+                               const OptionalText& UserPassword, const OptionalText& OwnerPassword);
+    HResult SaveWithPubKeySecurityTo(const std::filesystem::path& target,
+                                     const std::vector<OptionalText>* recipients);
+    // ---- end of secured saves ----
 
     // State, for persistence and the hosts.
     const OptionalText& PdfFilePath() const { return pdf_file_; }

@@ -1,9 +1,11 @@
 // Saving: the document is written to a side file next to its file, made durable, and moved
 // over the file only when complete. A side file that was not moved is removed.
 #include <chrono>
+#include <new>
 
 #include "content_object/content_object.h"
 #include "content_object/diagnostics.h"
+#include "content_object/side_file_save.h"
 #include "engine/engine.h"
 #include "platform/files.h"
 
@@ -44,39 +46,47 @@ class SideFileGuard {
     bool committed_ = false;
 };
 
+SideFileSaveResult Failure(HResult result, std::string why) {
+    return SideFileSaveResult{result, std::move(why)};
+}
+
+std::string WithError(const std::string& what, int error) {
+    return what + " (error " + std::to_string(error) + ")";
+}
+
 }  // namespace
 
-HResult CZPdfContentObject::Save() {
-    if (!HasPath()) return Fail(hr::kUnexpected, "No document is set");
-    if (!IsDocumentOpen()) return hr::kOk;  // never opened, so nothing can have changed
-
+SideFileSaveResult SaveThroughSideFile(CZPdfContentObject& object,
+                                       const std::filesystem::path& target,
+                                       const DocumentSerialiser& serialise) {
     const auto started = std::chrono::steady_clock::now();
-    const std::filesystem::path target = ToPath(*pdf_file_);
     std::filesystem::path side = target;
     side += ".part";
 
     fs::OutputFile file;
     if (const int error = file.Open(side)) {
-        return Fail(hr::kFail,
-                    "Cannot create " + side.string() + " (error " + std::to_string(error) + ")");
+        return Failure(hr::kFail, WithError("Cannot create " + side.string(), error));
     }
     SideFileGuard guard(file, side);
 
     SideFileSink sink(file);
     try {
-        document_->Write(sink);
-    } catch (const engine::EngineError& e) {
-        return Fail(hr::kFail, e.what());
+        serialise(sink);
+    } catch (const std::bad_alloc&) {
+        return Failure(hr::kOutOfMemory, "Out of memory writing " + side.string());
+    } catch (const std::exception& e) {
+        if (sink.Error() != 0) {
+            return Failure(hr::kFail, WithError("Cannot write " + side.string(), sink.Error()));
+        }
+        return Failure(hr::kFail, e.what());
     }
     if (const int error = file.Commit()) {
-        return Fail(hr::kFail,
-                    "Cannot flush " + side.string() + " (error " + std::to_string(error) + ")");
+        return Failure(hr::kFail, WithError("Cannot flush " + side.string(), error));
     }
 
-    CloseDocuments();
+    object.CloseDocuments();
     if (const int error = fs::MoveReplace(side, target)) {
-        return Fail(hr::kFail,
-                    "Cannot replace " + target.string() + " (error " + std::to_string(error) + ")");
+        return Failure(hr::kFail, WithError("Cannot replace " + target.string(), error));
     }
     guard.Commit();
     ZPDF_LOG_INFO(diagnostics::Save(), "saved %s: %llu bytes in %lld ms", target.string().c_str(),
@@ -84,6 +94,16 @@ HResult CZPdfContentObject::Save() {
                   static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
                                              std::chrono::steady_clock::now() - started)
                                              .count()));
+    return {};
+}
+
+HResult CZPdfContentObject::Save() {
+    if (!HasPath()) return Fail(hr::kUnexpected, "No document is set");
+    if (!IsDocumentOpen()) return hr::kOk;  // never opened, so nothing can have changed
+
+    const SideFileSaveResult saved = SaveThroughSideFile(
+        *this, ToPath(*pdf_file_), [this](engine::ByteSink& sink) { document_->Write(sink); });
+    if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
     return hr::kOk;
 }
 

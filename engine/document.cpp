@@ -197,18 +197,15 @@ int64_t TellSink(fz_context* /*ctx*/, void* state) {
 
 }  // namespace
 
-void Document::Write(ByteSink& sink) {
-    fz_context* ctx = impl_->ctx;
+void WriteDocument(fz_context* ctx, pdf_document* doc, ByteSink& sink,
+                   const pdf_write_options& options) {
     fz_output* out = nullptr;
     fz_var(out);
-    pdf_write_options options = pdf_default_write_options;
-    options.do_incremental = 0;
-    options.do_encrypt = PDF_ENCRYPT_KEEP;
     SinkState state{&sink, 0};
     fz_try(ctx) {
         out = fz_new_output(ctx, 64 * 1024, &state, WriteToSink, nullptr, nullptr);
         out->tell = TellSink;
-        pdf_write_document(ctx, impl_->doc, out, &options);
+        pdf_write_document(ctx, doc, out, &options);
         fz_close_output(ctx, out);
     }
     fz_always(ctx) {
@@ -217,6 +214,13 @@ void Document::Write(ByteSink& sink) {
     fz_catch(ctx) {
         ThrowCaught(ctx, ErrorCategory::File, "cannot write the document");
     }
+}
+
+void Document::Write(ByteSink& sink) {
+    pdf_write_options options = pdf_default_write_options;
+    options.do_incremental = 0;
+    options.do_encrypt = PDF_ENCRYPT_KEEP;
+    WriteDocument(impl_->ctx, impl_->doc, sink, options);
 }
 
 }  // namespace zpdf::engine

@@ -28,6 +28,10 @@ struct FileStreamState;
 fz_stream* OpenFileStream(fz_context* ctx, std::FILE* file);
 bool FileStreamFailed(fz_stream* stream);
 
+// Runs the engine's writer over `sink` with the given options. Throws EngineError.
+void WriteDocument(fz_context* ctx, pdf_document* doc, ByteSink& sink,
+                   const pdf_write_options& options);
+
 struct Document::Impl {
     fz_context* ctx = nullptr;
     pdf_document* doc = nullptr;

@@ -10,6 +10,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     clang libclang-rt-14-dev
     qpdf poppler-utils ghostscript mupdf-tools bc
+    openssl openjdk-17-jdk-headless libpdfbox2-java libbcprov-java libbcpkix-java
 )
 if [ -n "${ZPDF_EXTRA_PACKAGES:-}" ]; then
     read -r -a extra <<<"$ZPDF_EXTRA_PACKAGES"

@@ -16,7 +16,8 @@ test::ToolResult Zpdf(const std::string& args) {
 TEST(Cli, HelpExplainsEveryCommand) {
     const auto overview = Zpdf("--help");
     EXPECT_EQ(overview.exit_code, 0);
-    for (const char* command : {"info", "render", "demo", "stamp", "append", "replace"}) {
+    for (const char* command :
+         {"info", "render", "demo", "stamp", "append", "replace", "protect", "protect-pubkey"}) {
         EXPECT_NE(overview.output.find(command), std::string::npos) << command;
         const auto help = Zpdf(std::string(command) + " --help");
         EXPECT_EQ(help.exit_code, 0) << command;
@@ -176,6 +177,77 @@ TEST(Cli, DemoRunsWithoutInput) {
     EXPECT_TRUE(test::QpdfCheckPasses(dir / "invoice.pdf"));
     EXPECT_TRUE(stdfs::exists(dir / "invoice-page1.png"));
     EXPECT_NE(result.output.find("demo finished"), std::string::npos);
+}
+
+// The secured saves from the command line: -o leaves the source alone, without it the file is
+// replaced; an unencrypted file is refused with the reason; the source's own password opens it.
+TEST(Cli, ProtectCommands) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path plain = test::TextPdf(dir / "plain.pdf", {"secret"});
+    const stdfs::path locked = test::QpdfEncrypt(plain, dir / "locked.pdf", "user", "owner", 256);
+    const stdfs::path cert = dir / "cert.pem";
+    const stdfs::path key = dir / "key.pem";
+    ASSERT_EQ(test::Run("openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=cli -keyout " +
+                        test::Quote(key) + " -out " + test::Quote(cert))
+                  .exit_code,
+              0);
+    const std::string locked_bytes = test::ReadBytes(locked);
+    const std::string plain_bytes = test::ReadBytes(plain);
+    const std::string out = test::Quote(dir / "out.pdf");
+    const struct {
+        std::string args;
+        int exit_code;
+        std::string message;
+        std::string
+            out_check;  // qpdf --show-encryption of out.pdf must contain this ("" = no out.pdf)
+    } cases[] = {
+        {"protect " + test::Quote(locked) + " --password user --user new --owner boss -o " + out, 0,
+         "written", "Supplied password is user password"},
+        {"protect " + test::Quote(locked) + " --password wrong --user new -o " + out, 1,
+         "Password required or incorrect password (0x8000FFFF)", ""},
+        {"protect " + test::Quote(plain) + " --user new -o " + out, 1, "not encrypted", ""},
+        {"protect " + test::Quote(plain) + " --user new", 1, "not encrypted", ""},
+        {"protect " + test::Quote(locked) + " --user", 2, "--user needs a value", ""},
+        {"protect-pubkey " + test::Quote(locked) + " --password user -o " + out, 2,
+         "at least one CERT.pem", ""},
+        {"protect-pubkey " + test::Quote(locked) + " " + test::Quote(key) + " --password user -o " +
+             out,
+         1, "Recipient 1 holds no PEM certificate (0x80004005)", ""},
+        {"protect-pubkey " + test::Quote(locked) + " " + test::Quote(dir / "none.pem") +
+             " --password user -o " + out,
+         1, "cannot read the certificate file", ""},
+        {"protect-pubkey " + test::Quote(locked) + " " + test::Quote(cert) +
+             " --password user -o " + out,
+         0, "written", "Adobe.PubSec"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args);
+        stdfs::remove(dir / "out.pdf");
+        const auto result = Zpdf(c.args);
+        EXPECT_EQ(result.exit_code, c.exit_code) << result.output;
+        EXPECT_NE(result.output.find(c.message), std::string::npos) << result.output;
+        EXPECT_EQ(test::ReadBytes(locked), locked_bytes) << "the source is never touched";
+        EXPECT_EQ(test::ReadBytes(plain), plain_bytes);
+        EXPECT_FALSE(stdfs::exists(dir / "out.pdf.part"));
+        if (c.out_check.empty()) {
+            EXPECT_FALSE(stdfs::exists(dir / "out.pdf"));
+        } else if (c.out_check == "Adobe.PubSec") {
+            EXPECT_NE(test::ReadBytes(dir / "out.pdf").find("/Filter /Adobe.PubSec"),
+                      std::string::npos);
+        } else {
+            const auto shown =
+                test::Run("qpdf --show-encryption --password=new " + test::Quote(dir / "out.pdf"));
+            EXPECT_NE(shown.output.find(c.out_check), std::string::npos) << shown.output;
+            EXPECT_NE(shown.output.find("R = 6"), std::string::npos) << shown.output;
+        }
+    }
+
+    // In place: the file itself is re-secured.
+    const auto in_place =
+        Zpdf("protect " + test::Quote(locked) + " --password user --user again 2>/dev/null");
+    ASSERT_EQ(in_place.exit_code, 0) << in_place.output;
+    EXPECT_FALSE(stdfs::exists(dir / "locked.pdf.part"));
+    EXPECT_EQ(test::Run("qpdf --check --password=again " + test::Quote(locked)).exit_code, 0);
 }
 
 }  // namespace

@@ -1,0 +1,46 @@
+// Feeds arbitrary recipient lists to the certificate reader of the certificate-recipient save.
+// The input is split at NUL bytes into the texts of the list. The reader must either return one
+// certificate per text or name a text of the list that holds none.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "content_object/pdf_additions/recipient_certificates.h"
+#include "content_object/pdf_additions/secured_writers.h"
+
+namespace {
+
+void Check(bool condition) {
+    if (!condition) std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    std::vector<std::string> texts(1);
+    for (std::size_t i = 0; i < size && texts.size() <= 16; ++i) {
+        if (data[i] == 0) {
+            texts.emplace_back();
+        } else {
+            texts.back() += static_cast<char>(data[i]);
+        }
+    }
+    try {
+        const zpdf::additions::CertificateStack stack =
+            zpdf::additions::ReadRecipientCertificates(texts);
+        Check(stack != nullptr);
+        Check(static_cast<std::size_t>(sk_X509_num(stack.get())) == texts.size());
+        for (int i = 0; i < sk_X509_num(stack.get()); ++i) {
+            Check(sk_X509_value(stack.get(), i) != nullptr);
+        }
+    } catch (const zpdf::additions::SecuredSaveError& e) {
+        const std::string why = e.what();
+        const std::string prefix = "Recipient ";
+        Check(why.compare(0, prefix.size(), prefix) == 0);
+        const unsigned long index = std::strtoul(why.c_str() + prefix.size(), nullptr, 10);
+        Check(index >= 1 && index <= texts.size());
+    }
+    return 0;
+}

@@ -130,8 +130,8 @@ STDMETHODIMP ContentObjectCom::OverlayFinish() { return Done(core_.OverlayFinish
 
 STDMETHODIMP ContentObjectCom::Save() { return Done(core_.Save()); }
 
-STDMETHODIMP ContentObjectCom::SaveWithSecurity(BSTR, BSTR) {
-    return Report(__uuidof(IZPdfContentObject), E_NOTIMPL, "Saving with passwords is not available yet");
+STDMETHODIMP ContentObjectCom::SaveWithSecurity(BSTR UserPassword, BSTR OwnerPassword) {
+    return Done(core_.SaveWithSecurity(FromBstr(UserPassword), FromBstr(OwnerPassword)));
 }
 
 STDMETHODIMP ContentObjectCom::OverlayPage2(LONG SourcePage, LONG DestinationPage, LONG ptPosLeft, LONG ptPosTop,
@@ -168,8 +168,26 @@ STDMETHODIMP ContentObjectCom::PlaceContent(ULONG srcObjectId, LONG DestinationP
     return Done(core_.PlaceContent(srcObjectId, DestinationPage, transX, transY, scaleX, scaleY, background));
 }
 
-STDMETHODIMP ContentObjectCom::SaveWithPubKeySecurity(SAFEARRAY*) {
-    return Report(__uuidof(IZPdfContentObject), E_NOTIMPL, "Saving for certificate recipients is not available yet");
+STDMETHODIMP ContentObjectCom::SaveWithPubKeySecurity(SAFEARRAY* recipients) {
+    VARTYPE type = VT_EMPTY;
+    if (recipients == nullptr || SafeArrayGetDim(recipients) != 1 || FAILED(SafeArrayGetVartype(recipients, &type)) ||
+        type != VT_BSTR) {
+        return Report(__uuidof(IZPdfContentObject), E_INVALIDARG, "The recipients must be an array of strings");
+    }
+    LONG lower = 0;
+    LONG upper = -1;
+    SafeArrayGetLBound(recipients, 1, &lower);
+    SafeArrayGetUBound(recipients, 1, &upper);
+    std::vector<OptionalText> certificates;
+    for (LONG i = lower; i <= upper; ++i) {
+        BSTR text = nullptr;
+        if (const HRESULT hr = SafeArrayGetElement(recipients, &i, &text); FAILED(hr)) {
+            return Report(__uuidof(IZPdfContentObject), hr, "Cannot read the recipients");
+        }
+        certificates.push_back(FromBstr(text));
+        SysFreeString(text);
+    }
+    return Done(core_.SaveWithPubKeySecurity(&certificates));
 }
 
 STDMETHODIMP ContentObjectCom::AppendPages(IZPdfContentObject* srcObject) {

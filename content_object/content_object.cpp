@@ -120,6 +120,12 @@ HResult CZPdfContentObject::EnsurePdfDocument() {
     } catch (const std::bad_alloc&) {
         return Fail(hr::kOutOfMemory, "Out of memory opening the document");
     }
+    if (diagnostics::Pdf().IsEnabled(LogDebug)) {
+        for (const std::string& feature : document_->UnsupportedFeatures()) {
+            diagnostics::Pdf().Debug("%s: unsupported feature %s", Utf16ToUtf8(*pdf_file_).c_str(),
+                                     feature.c_str());
+        }
+    }
     if (diagnostics::Load().IsEnabled(LogInfo)) {
         try {
             const engine::DocumentFacts facts = document_->Facts();

@@ -179,6 +179,28 @@ DocumentFacts Document::Facts() {
 
 namespace {
 
+// Feature bits found in the catalog; plain data, filled inside the engine's error scope.
+enum FeatureBits : unsigned {
+    kXfa = 1,
+    kPortfolio = 2,
+    kAttachment = 4,
+    kRights = 8,
+    kSignature = 16,
+};
+
+unsigned FindFeatures(fz_context* ctx, pdf_document* doc) {
+    pdf_obj* root = pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root));
+    pdf_obj* form = pdf_dict_get(ctx, root, PDF_NAME(AcroForm));
+    unsigned found = 0;
+    if (pdf_dict_get(ctx, form, PDF_NAME(XFA))) found |= kXfa;
+    if (pdf_dict_get(ctx, root, PDF_NAME(Collection))) found |= kPortfolio;
+    if (pdf_dict_get(ctx, pdf_dict_get(ctx, root, PDF_NAME(Names)), PDF_NAME(EmbeddedFiles)))
+        found |= kAttachment;
+    if (pdf_dict_get(ctx, root, PDF_NAME(Perms))) found |= kRights;
+    if (pdf_dict_get_int(ctx, form, PDF_NAME(SigFlags)) != 0) found |= kSignature;
+    return found;
+}
+
 struct SinkState {
     ByteSink* sink;
     int64_t position;
@@ -214,6 +236,27 @@ void WriteDocument(fz_context* ctx, pdf_document* doc, ByteSink& sink,
     fz_catch(ctx) {
         ThrowCaught(ctx, ErrorCategory::File, "cannot write the document");
     }
+}
+
+std::vector<std::string> Document::UnsupportedFeatures() {
+    fz_context* ctx = impl_->ctx;
+    volatile unsigned found = 0;
+    fz_try(ctx) {
+        found = FindFeatures(ctx, impl_->doc);
+    }
+    fz_catch(ctx) {
+        found = 0;
+    }
+    std::vector<std::string> names;
+    const std::pair<unsigned, const char*> known[] = {{kXfa, "XFA"},
+                                                      {kPortfolio, "Portfolios_Packages"},
+                                                      {kAttachment, "Attachment"},
+                                                      {kRights, "Rights_Management"},
+                                                      {kSignature, "Digital_Signature"}};
+    for (const auto& [bit, name] : known) {
+        if ((found & bit) != 0) names.emplace_back(name);
+    }
+    return names;
 }
 
 void Document::Write(ByteSink& sink) {

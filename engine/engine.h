@@ -9,6 +9,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "platform/device_context.h"
 
@@ -87,6 +88,9 @@ class Document {
     // The page's visible box in points, after its rotation.
     PageSize GetPageSize(int index);
     DocumentFacts Facts();
+    // Names of document-level features that printing does not carry out ("XFA",
+    // "Portfolios_Packages", "Attachment", "Rights_Management", "Digital_Signature").
+    std::vector<std::string> UnsupportedFeatures();
 
     // Draws page `index` (0-based) scaled into `page_rect`, touching only the device pixels of
     // `visible`, in bands of at most `band_bytes` bytes. Annotations are drawn as for printing.

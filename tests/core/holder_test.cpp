@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "content_object/content_object.h"
+#include "engine/engine.h"
 #include "support/test_support.h"
 
 namespace zpdf {
@@ -208,6 +209,45 @@ TEST(Holder, LoadErrorTexts) {
     EXPECT_EQ(LoadErrorText(0), "Success");
     EXPECT_EQ(LoadErrorText(6), "Page not found or content error");
     EXPECT_EQ(LoadErrorText(42), "Unknown error 42");
+}
+
+}  // namespace
+}  // namespace zpdf
+
+namespace zpdf {
+namespace {
+
+TEST(Holder, UnsupportedFeaturesAreNamed) {
+    const std::filesystem::path dir = test::ScratchDir();
+    const std::string raw =
+        "%PDF-1.7\n1 0 obj << /Type /Catalog /Pages 2 0 R /Collection << >> /Perms << >>"
+        " /AcroForm << /Fields [] /XFA [] /SigFlags 3 >> >> endobj\n"
+        "2 0 obj << /Type /Pages /Kids [3 0 R] /Count 1 >> endobj\n"
+        "3 0 obj << /Type /Page /Parent 2 0 R /MediaBox [0 0 100 100] >> endobj\n"
+        "trailer << /Root 1 0 R >>\n%%EOF\n";
+    test::WriteBytes(dir / "raw.pdf", raw);
+    ASSERT_EQ(
+        test::Run("qpdf " + test::Quote(dir / "raw.pdf") + " " + test::Quote(dir / "features.pdf"))
+                .exit_code %
+            3,
+        0);
+    const std::filesystem::path plain = test::TextPdf(dir / "plain.pdf", {"x"});
+    const struct {
+        std::filesystem::path file;
+        std::vector<std::string> features;
+    } cases[] = {
+        {dir / "features.pdf",
+         {"XFA", "Portfolios_Packages", "Rights_Management", "Digital_Signature"}},
+        {plain, {}},
+    };
+    for (const auto& c : cases) {
+        CZPdfContentObject object;
+        ASSERT_EQ(object.SetPdfDocument(FromPath(c.file), 0, u""), hr::kOk);
+        ::testing::internal::CaptureStderr();
+        ASSERT_EQ(object.EnsurePdfDocument(), hr::kOk);
+        ::testing::internal::GetCapturedStderr();
+        EXPECT_EQ(object.EngineDocument().UnsupportedFeatures(), c.features) << c.file;
+    }
 }
 
 }  // namespace

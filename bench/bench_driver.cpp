@@ -3,6 +3,7 @@
 //   zpdf-bench count FILE          open and count the pages
 //   zpdf-bench render FILE OUT.png draw page 1 at 150 dpi
 //   zpdf-bench save FILE           open, then save in place through the side file
+//   zpdf-bench split FILE PREFIX   split after the marker pages into PREFIX_1, PREFIX_2...
 //   zpdf-bench make-text FILE N    write an N-page text document
 #include <cmath>
 #include <cstdio>
@@ -55,6 +56,15 @@ int Save(const std::string& file) {
     return Check(object.Save(), object, "save");
 }
 
+int Split(const std::string& file, const std::string& prefix) {
+    CZPdfContentObject object;
+    std::int32_t parts = 0;
+    const HResult result = object.SplitPdf(FromAnsi(file), FromAnsi(prefix), &parts);
+    if (int rc = Check(result, object, "split")) return rc;
+    std::printf("%d\n", parts);
+    return 0;
+}
+
 int MakeText(const std::string& file, int pages) {
     std::vector<samples::SamplePage> all;
     for (int i = 1; i <= pages; ++i) {
@@ -77,7 +87,11 @@ int main(int argc, char** argv) {
     if (job == "count" && argc == 3) return Count(argv[2]);
     if (job == "render" && argc == 4) return Render(argv[2], argv[3]);
     if (job == "save" && argc == 3) return Save(argv[2]);
+    if (job == "split" && argc == 4) return Split(argv[2], argv[3]);
     if (job == "make-text" && argc == 4) return MakeText(argv[2], std::atoi(argv[3]));
-    std::fputs("usage: zpdf-bench count FILE | render FILE OUT.png | save FILE | make-text FILE N\n", stderr);
+    std::fputs(
+        "usage: zpdf-bench count FILE | render FILE OUT.png | save FILE | split FILE PREFIX |"
+        " make-text FILE N\n",
+        stderr);
     return 2;
 }

@@ -57,5 +57,6 @@ std::string JsonString(const std::string& text);
 extern const Command kInfoCommand;
 extern const Command kRenderCommand;
 extern const Command kDemoCommand;
+extern const Command kSplitCommand;
 
 }  // namespace zpdf::cli

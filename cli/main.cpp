@@ -13,6 +13,7 @@ using zpdf::cli::Command;
 const Command* const kCommands[] = {
     &zpdf::cli::kInfoCommand,
     &zpdf::cli::kRenderCommand,
+    &zpdf::cli::kSplitCommand,
     &zpdf::cli::kDemoCommand,
 };
 

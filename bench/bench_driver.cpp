@@ -3,6 +3,7 @@
 //   zpdf-bench count FILE          open and count the pages
 //   zpdf-bench render FILE OUT.png draw page 1 at 150 dpi
 //   zpdf-bench save FILE           open, then save in place through the side file
+//   zpdf-bench split FILE PREFIX   split after the marker pages into PREFIX_1, PREFIX_2...
 //   zpdf-bench make-text FILE N    write an N-page text document
 //   zpdf-bench protect FILE PW     open with PW, save in place with AES-256 passwords U and O
 //   zpdf-bench protect-pubkey FILE PW CERT.pem
@@ -48,7 +49,8 @@ int Render(const std::string& file, const std::string& out) {
     const int h = static_cast<int>(std::ceil(height * 150 / 72));
     PngDeviceContext png;
     if (png.Open(FromAnsi(out), w, h, 150) != 0) return 1;
-    if (int rc = Check(object.DrawPageToDC(png, 1, 0, 0, w, h, 0, 0, 0, 0, 0), object, "draw")) return rc;
+    if (int rc = Check(object.DrawPageToDC(png, 1, 0, 0, w, h, 0, 0, 0, 0, 0), object, "draw"))
+        return rc;
     return png.Finish() == 0 ? 0 : 1;
 }
 
@@ -80,6 +82,15 @@ int ProtectPubKey(const std::string& file, const std::string& password, const st
     return Check(object.SaveWithPubKeySecurity(&recipients), object, "protect-pubkey");
 }
 
+int Split(const std::string& file, const std::string& prefix) {
+    CZPdfContentObject object;
+    std::int32_t parts = 0;
+    const HResult result = object.SplitPdf(FromAnsi(file), FromAnsi(prefix), &parts);
+    if (int rc = Check(result, object, "split")) return rc;
+    std::printf("%d\n", parts);
+    return 0;
+}
+
 int MakeText(const std::string& file, int pages) {
     std::vector<samples::SamplePage> all;
     for (int i = 1; i <= pages; ++i) {
@@ -102,12 +113,13 @@ int main(int argc, char** argv) {
     if (job == "count" && argc == 3) return Count(argv[2]);
     if (job == "render" && argc == 4) return Render(argv[2], argv[3]);
     if (job == "save" && argc == 3) return Save(argv[2]);
+    if (job == "split" && argc == 4) return Split(argv[2], argv[3]);
     if (job == "make-text" && argc == 4) return MakeText(argv[2], std::atoi(argv[3]));
     if (job == "protect" && argc == 4) return Protect(argv[2], argv[3]);
     if (job == "protect-pubkey" && argc == 5) return ProtectPubKey(argv[2], argv[3], argv[4]);
     std::fputs(
-        "usage: zpdf-bench count FILE | render FILE OUT.png | save FILE | make-text FILE N |\n"
-        "       protect FILE PW | protect-pubkey FILE PW CERT.pem\n",
+        "usage: zpdf-bench count FILE | render FILE OUT.png | save FILE | split FILE PREFIX |\n"
+        "       make-text FILE N | protect FILE PW | protect-pubkey FILE PW CERT.pem\n",
         stderr);
     return 2;
 }

@@ -31,6 +31,18 @@ echo "making the documents..." >&2
 } >"$work/text.ps"
 gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pdfwrite -sPAPERSIZE=a4 -o "$work/text1000.pdf" "$work/text.ps"
 "$bench" make-text "$work/plain1000.pdf" 1000
+# Print files for splitting: 40 lines a page, the marker "@@nd@@" at the foot of every 7th page.
+for pages in 2000 8000; do
+    {
+        echo "/Helvetica findfont 10 scalefont setfont"
+        echo "1 1 $pages { /p exch def 0 1 39 { /l exch def 50 780 l 18 mul sub moveto"
+        echo "(Page ) show p 10 string cvs show ( line ) show l 10 string cvs show"
+        echo "(: the quick brown fox jumps over the lazy dog 0123456789) show } for"
+        echo "p 7 mod 0 eq { 50 40 moveto (@@nd@@) show } if showpage } for"
+    } >"$work/marked.ps"
+    gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pdfwrite -sPAPERSIZE=a4 -o "$work/marked$pages.pdf" \
+        "$work/marked.ps"
+done
 
 # Median wall time, in seconds, of running the command line `runs` times. A setup command
 # (run before each timing, not timed) may be given after `--setup`.
@@ -47,6 +59,18 @@ median() {
         times+=("$(echo "$end - $start" | bc -l)")
     done
     printf '%s\n' "${times[@]}" | sort -g | awk '{a[NR]=$1} END {printf "%.4f", a[int((NR+1)/2)]}'
+}
+
+# Median peak resident memory, in KB, of running the command line `runs` times (setup as above).
+median_rss() {
+    local setup=""
+    if [ "$1" = "--setup" ]; then setup=$2; shift 2; fi
+    local sizes=()
+    for _ in $(seq "$runs"); do
+        [ -n "$setup" ] && eval "$setup"
+        sizes+=("$(eval "/usr/bin/time -f %M -o $work/rss $*" >/dev/null 2>&1 && cat "$work/rss")")
+    done
+    printf '%s\n' "${sizes[@]}" | sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'
 }
 
 # Peak resident memory in MiB of one run of the command line.
@@ -118,3 +142,24 @@ for doc in text1000 plain1000; do
     row "certificate save $doc" "$ours" "PDFBox PublicKeyProtectionPolicy" \
         "$(median "java -cp $work/java:$jars PubKeyBench $enc u $work/cert.pem $work/pdfbox.pdf")"
 done
+
+# Splitting after marker pages: the whole split (text scan and writing the parts) against the
+# peers' two halves of the same job, the text scan alone and writing one file per page.
+fresh="rm -rf $work/parts && mkdir $work/parts"
+for pages in 2000 8000; do
+    in="$work/marked$pages.pdf"
+    ours=$(median --setup "$fresh" "$bench split $in $work/parts/part")
+    row "split marked$pages (every 7th)" "$ours" "pdftotext (text scan only)" \
+        "$(median "pdftotext $in $work/peer.txt")"
+    row "split marked$pages (every 7th)" "$ours" "qpdf --split-pages" \
+        "$(median --setup "$fresh" "qpdf --split-pages $in $work/parts/page.pdf")"
+done
+
+# Peak memory (KB, "ours (s)" and "peer (s)" columns): it must not grow with the page count.
+rss2000=$(median_rss --setup "$fresh" "$bench split $work/marked2000.pdf $work/parts/part")
+rss8000=$(median_rss --setup "$fresh" "$bench split $work/marked8000.pdf $work/parts/part")
+row "split peak RSS KB, 8000 pages" "$rss8000" "ours at 2000 pages" "$rss2000"
+row "split peak RSS KB, 8000 pages" "$rss8000" "qpdf --split-pages, 8000 pages" \
+    "$(median_rss --setup "$fresh" "qpdf --split-pages $work/marked8000.pdf $work/parts/page.pdf")"
+row "split peak RSS KB, 8000 pages" "$rss8000" "pdftotext, 8000 pages" \
+    "$(median_rss "pdftotext $work/marked8000.pdf $work/peer.txt")"

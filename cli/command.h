@@ -63,5 +63,6 @@ extern const Command kAppendCommand;
 extern const Command kReplaceCommand;
 extern const Command kProtectCommand;
 extern const Command kProtectPubKeyCommand;
+extern const Command kSplitCommand;
 
 }  // namespace zpdf::cli

@@ -41,6 +41,28 @@ samples::SamplePage TermsPage() {
     return page;
 }
 
+// Three letters of 2, 1 and 3 pages in one print file. The last page of each letter but the
+// last carries the part-end marker, in white, as print files carry it.
+std::vector<samples::SamplePage> LetterPages() {
+    const int letter_pages[] = {2, 1, 3};
+    std::vector<samples::SamplePage> pages;
+    for (int letter = 1; letter <= 3; ++letter) {
+        const int count = letter_pages[letter - 1];
+        for (int page = 1; page <= count; ++page) {
+            samples::SamplePage sample;
+            sample.content = samples::TextContent(
+                {"Letter " + std::to_string(letter), "Dear customer,",
+                 "Page " + std::to_string(page) + " of " + std::to_string(count)},
+                sample.height, 14);
+            if (page == count && letter < 3) {
+                sample.content += "q 1 g\n" + samples::TextContent({"@@nd@@"}, 60, 6) + "Q\n";
+            }
+            pages.push_back(sample);
+        }
+    }
+    return pages;
+}
+
 int Step(const char* what, HResult result, const CZPdfContentObject& object) {
     if (hr::Succeeded(result)) return kExitOk;
     return Failure(kDemoCommand, what, object.LastErrorText(), result);
@@ -128,6 +150,22 @@ int RunDemo(const std::vector<std::string>& args) {
     if (int rc = Step("save", object.Save(), object)) return rc;
     std::printf("saved %s (%lld bytes)\n", invoice.string().c_str(),
                 static_cast<long long>(std::filesystem::file_size(invoice, ec)));
+
+    // 5. Splitting a print file after its marker pages, one file per letter.
+    const std::filesystem::path letters = dir / "letters.pdf";
+    if (!samples::WriteFile(letters, samples::BuildPdf(LetterPages()))) {
+        return Failure(kDemoCommand, letters.string(), "cannot write the sample", hr::kFail);
+    }
+    CZPdfContentObject splitter;
+    std::int32_t parts = 0;
+    if (int rc =
+            Step("split", splitter.SplitPdf(FromPath(letters), FromPath(dir / "letter"), &parts),
+                 splitter))
+        return rc;
+    std::printf("split %s after its marker pages into %d parts: %s_1 to %s_%d\n",
+                letters.string().c_str(), parts, (dir / "letter").string().c_str(),
+                (dir / "letter").string().c_str(), parts);
+
     std::printf("demo finished: outputs are in %s\n", dir.string().c_str());
     return kExitOk;
 }
@@ -140,7 +178,8 @@ const Command kDemoCommand{
     "\n"
     "Makes sample documents in DIR (default ./zpdf-demo) and runs the job a print\n"
     "engine runs on them: open, count and measure the pages, stamp a letterhead\n"
-    "beneath every page, append the terms, draw page 1 into a PNG, and save. It says\n"
+    "beneath every page, append the terms, draw page 1 into a PNG, save, and split a\n"
+    "print file of three letters after its marker pages. It says\n"
     "what it wrote where. No input is needed.\n",
     RunDemo};
 

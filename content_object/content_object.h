@@ -109,6 +109,25 @@ class CZPdfContentObject {
                                      const std::vector<OptionalText>* recipients);
     // ---- end of secured saves ----
 
+    // --- Split at marker (split.cpp) ---
+    // Told of the progress of SplitPdf, for hosts that show it. Optional.
+    class SplitObserver {
+      public:
+        virtual ~SplitObserver() = default;
+        // After each examined page: `examined` pages of the file's `pages` are done.
+        virtual void PageExamined(int /*examined*/, int /*pages*/) {}
+        // After part `number` was moved into place; pages are 1-based and inclusive.
+        virtual void PartWritten(int /*number*/, int /*first_page*/, int /*last_page*/,
+                                 const std::filesystem::path& /*file*/) {}
+    };
+    // Cuts the file PdfFile after every page whose text holds the marker "@@nd@@" into files
+    // named DestPrefix_1, DestPrefix_2... (the last page only ever ends the last part). Works on
+    // that file alone, never on this object's document. S_OK when parts were written, S_FALSE
+    // when there was nothing to split; *Splitted counts the parts written, also on failure.
+    HResult SplitPdf(const OptionalText& PdfFile, const OptionalText& DestPrefix,
+                     std::int32_t* Splitted, SplitObserver* observer = nullptr);
+    // --- end of split at marker ---
+
     // State, for persistence and the hosts.
     const OptionalText& PdfFilePath() const { return pdf_file_; }
     VariantBool EmbedFlag() const { return embed_; }

@@ -143,6 +143,17 @@ int OutputFile::Write(const void* data, std::size_t size) {
     return 0;
 }
 
+int OutputFile::Finish() {
+    if (file_ == nullptr) return kErrorGenFailure;
+    int error = InjectedFault(FileOp::Flush, path_);
+    if (error == 0 && std::fflush(file_) != 0) error = Win32ErrorFromErrno(errno);
+    if (error == 0) error = InjectedFault(FileOp::Close, path_);
+    const int closed = std::fclose(file_);
+    file_ = nullptr;
+    if (error == 0 && closed != 0) error = Win32ErrorFromErrno(errno);
+    return error;
+}
+
 void OutputFile::Close() {
     if (file_ != nullptr) {
         std::fclose(file_);

@@ -56,6 +56,9 @@ int MakeTempCopy(const std::filesystem::path& source, std::filesystem::path* cop
 
 // Moves `from` over `to`, replacing an existing file; on the same volume this is atomic.
 int MoveReplace(const std::filesystem::path& from, const std::filesystem::path& to);
+// The same move, without waiting for the new directory entry to reach the disk (for files
+// written with OutputFile::Finish).
+int MoveReplaceWithoutSync(const std::filesystem::path& from, const std::filesystem::path& to);
 
 // Removes a file if it exists; errors are ignored.
 void RemoveQuietly(const std::filesystem::path& path);
@@ -79,6 +82,9 @@ class OutputFile {
     int Write(const void* data, std::size_t size);
     // Flushes the buffers, forces the data to the disk and closes the file.
     int Commit();
+    // Flushes the buffers to the system and closes the file, without waiting for the disk: for
+    // files that can be made again from their source if the machine stops.
+    int Finish();
     void Close();
     bool IsOpen() const { return file_ != nullptr; }
     const std::filesystem::path& Path() const { return path_; }

@@ -49,6 +49,12 @@ int MoveReplace(const std::filesystem::path& from, const std::filesystem::path& 
     return 0;
 }
 
+int MoveReplaceWithoutSync(const std::filesystem::path& from, const std::filesystem::path& to) {
+    if (const int error = InjectedFault(FileOp::Move, to)) return error;
+    if (::rename(from.c_str(), to.c_str()) != 0) return Win32ErrorFromErrno(errno);
+    return 0;
+}
+
 FILE* OpenFile(const std::filesystem::path& path, const char* mode) {
     std::string m(mode);
     m += 'e';  // close on exec: a child process must not inherit the document's handle

@@ -43,6 +43,14 @@ int MoveReplace(const std::filesystem::path& from, const std::filesystem::path& 
     return 0;
 }
 
+int MoveReplaceWithoutSync(const std::filesystem::path& from, const std::filesystem::path& to) {
+    if (const int error = InjectedFault(FileOp::Move, to)) return error;
+    if (!MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING)) {
+        return static_cast<int>(GetLastError());
+    }
+    return 0;
+}
+
 FILE* OpenFile(const std::filesystem::path& path, const char* mode) {
     std::wstring wide_mode;
     for (const char* c = mode; *c != '\0'; ++c) wide_mode += static_cast<wchar_t>(*c);

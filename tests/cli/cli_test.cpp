@@ -16,8 +16,8 @@ test::ToolResult Zpdf(const std::string& args) {
 TEST(Cli, HelpExplainsEveryCommand) {
     const auto overview = Zpdf("--help");
     EXPECT_EQ(overview.exit_code, 0);
-    for (const char* command :
-         {"info", "render", "demo", "stamp", "append", "replace", "protect", "protect-pubkey"}) {
+    for (const char* command : {"info", "render", "demo", "stamp", "append", "replace", "split",
+                                "protect", "protect-pubkey"}) {
         EXPECT_NE(overview.output.find(command), std::string::npos) << command;
         const auto help = Zpdf(std::string(command) + " --help");
         EXPECT_EQ(help.exit_code, 0) << command;
@@ -170,12 +170,51 @@ TEST(Cli, LogIniTurnsDiagnosticsOn) {
     EXPECT_FALSE(stdfs::exists(log));
 }
 
+TEST(Cli, SplitListsItsParts) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path job = test::TextPdf(dir / "job.pdf", {"one @@nd@@", "two", "three"});
+    const stdfs::path plain = test::TextPdf(dir / "plain.pdf", {"one", "two"});
+    const std::string prefix = (dir / "job").string();
+    const struct {
+        std::string args;
+        int exit_code;
+        std::string output;  // the whole output when `exact`, else a part of it
+        bool exact;
+    } cases[] = {
+        {"split " + test::Quote(job) + " " + test::Quote(dir / "job") + " 2>/dev/null", 0,
+         prefix + "_1: page 1\n" + prefix + "_2: pages 2-3\n2 parts\n", true},
+        {"split " + test::Quote(plain) + " " + test::Quote(dir / "plain"), 0,
+         "0 parts: no page before the last one carries the marker", false},
+        {"split " + test::Quote(dir / "missing.pdf") + " " + test::Quote(dir / "m"), 1,
+         "(0x80070002)", false},
+        {"split " + test::Quote(job) + " " + test::Quote(dir / "no" / "job"), 1, "(0x80070003)",
+         false},
+        {"split " + test::Quote(job), 2, "expected FILE PREFIX", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args);
+        const auto result = Zpdf(c.args);
+        EXPECT_EQ(result.exit_code, c.exit_code) << result.output;
+        if (c.exact) {
+            EXPECT_EQ(result.output, c.output);
+        } else {
+            EXPECT_NE(result.output.find(c.output), std::string::npos) << result.output;
+        }
+    }
+    EXPECT_EQ(test::QpdfPageCount(dir / "job_2"), 2);
+    EXPECT_TRUE(test::FilesStartingWith(dir, "plain_").empty());
+}
+
 TEST(Cli, DemoRunsWithoutInput) {
     const stdfs::path dir = test::ScratchDir() / "out";
     const auto result = Zpdf("demo " + test::Quote(dir));
     ASSERT_EQ(result.exit_code, 0) << result.output;
     EXPECT_TRUE(test::QpdfCheckPasses(dir / "invoice.pdf"));
     EXPECT_TRUE(stdfs::exists(dir / "invoice-page1.png"));
+    // One part per letter of the print file.
+    EXPECT_EQ(test::QpdfPageCount(dir / "letter_1"), 2);
+    EXPECT_EQ(test::QpdfPageCount(dir / "letter_2"), 1);
+    EXPECT_EQ(test::QpdfPageCount(dir / "letter_3"), 3);
     EXPECT_NE(result.output.find("demo finished"), std::string::npos);
 }
 

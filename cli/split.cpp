@@ -1,0 +1,109 @@
+// zpdf split: cuts a PDF after every page that carries the part-end marker.
+#include <chrono>
+#include <cstdio>
+
+#if defined(_WIN32)
+#include <io.h>
+#define ZPDF_ISATTY(f) _isatty(_fileno(f))
+#else
+#include <unistd.h>
+#define ZPDF_ISATTY(f) ::isatty(::fileno(f))
+#endif
+
+#include "cli/command.h"
+#include "content_object/content_object.h"
+
+namespace zpdf::cli {
+namespace {
+
+// Files of at least this many pages show their progress (on a terminal only).
+constexpr int kProgressFromPages = 200;
+
+std::string PageRange(int first, int last) {
+    return first == last ? "page " + std::to_string(first)
+                         : "pages " + std::to_string(first) + "-" + std::to_string(last);
+}
+
+class SplitReport final : public CZPdfContentObject::SplitObserver {
+  public:
+    // `progress`: standard error is a terminal; `shared`: standard output goes to it as well.
+    SplitReport(bool progress, bool shared) : progress_(progress), shared_(shared) {}
+
+    void PageExamined(int examined, int pages) override {
+        if (!progress_ || pages < kProgressFromPages) return;
+        const auto now = std::chrono::steady_clock::now();
+        if (shown_ && examined + 1 < pages && now - last_shown_ < std::chrono::milliseconds(100))
+            return;
+        std::fprintf(stderr, "\rexamining page %d of %d", examined, pages);
+        std::fflush(stderr);
+        shown_ = true;
+        last_shown_ = now;
+    }
+
+    void PartWritten(int /*number*/, int first_page, int last_page,
+                     const std::filesystem::path& file) override {
+        if (shared_) EraseProgress();
+        std::printf("%s: %s\n", file.string().c_str(), PageRange(first_page, last_page).c_str());
+        std::fflush(stdout);
+    }
+
+    void EraseProgress() {
+        if (!shown_) return;
+        std::fputs("\r\033[K", stderr);
+        std::fflush(stderr);
+        shown_ = false;
+    }
+
+  private:
+    bool progress_;
+    bool shared_;
+    bool shown_ = false;
+    std::chrono::steady_clock::time_point last_shown_;
+};
+
+int RunSplit(const std::vector<std::string>& args) {
+    Arguments parsed({}, {});
+    if (!parsed.Parse(args)) return UsageError(kSplitCommand, parsed.Error());
+    if (parsed.Positional().size() != 2) return UsageError(kSplitCommand, "expected FILE PREFIX");
+    const std::string& file = parsed.Positional()[0];
+    const std::string& prefix = parsed.Positional()[1];
+
+    CZPdfContentObject object;
+    SplitReport report(ZPDF_ISATTY(stderr) != 0, ZPDF_ISATTY(stdout) != 0);
+    std::int32_t parts = 0;
+    const HResult result = object.SplitPdf(FromAnsi(file), FromAnsi(prefix), &parts, &report);
+    report.EraseProgress();
+    if (hr::Failed(result)) {
+        std::string reason = object.LastErrorText();
+        if (parts > 0) reason += "; " + std::to_string(parts) + " parts were written before";
+        return Failure(kSplitCommand, file, reason, result);
+    }
+    if (parts == 0) {
+        std::puts("0 parts: no page before the last one carries the marker, nothing written");
+    } else {
+        std::printf("%d parts\n", parts);
+    }
+    return kExitOk;
+}
+
+}  // namespace
+
+const Command kSplitCommand{
+    "split", "cut a PDF after every page that carries the marker @@nd@@",
+    "Usage: zpdf split FILE PREFIX\n"
+    "\n"
+    "Cuts FILE into parts: a part ends after every page whose text holds \"@@nd@@\"\n"
+    "(case-sensitive, anywhere in the page's text); the last page always ends the\n"
+    "last part. The parts are written as PREFIX_1, PREFIX_2, ... (no extension is\n"
+    "added), each a new PDF of exactly its pages, written whole or not at all. When\n"
+    "no page before the last carries the marker, nothing is written. Prints each\n"
+    "part's name and page range, then the count:\n"
+    "\n"
+    "  out/job_1: pages 1-3\n"
+    "  out/job_2: page 4\n"
+    "  2 parts\n"
+    "\n"
+    "Long files show their progress on standard error when it is a terminal.\n",
+    RunSplit};
+
+}  // namespace zpdf::cli

@@ -1,0 +1,192 @@
+// Splitting a file after its marker pages. The file is read with an engine source of its own;
+// each part is a new document written to a side file and moved into place, so a part file is
+// either whole or absent.
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <string_view>
+
+#include "content_object/content_object.h"
+#include "engine/split.h"
+#include "platform/files.h"
+
+namespace zpdf {
+namespace {
+
+// The text that ends a part when a page carries it, anywhere in the page's text.
+constexpr std::u32string_view kPartEndMarker = U"@@nd@@";
+
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
+
+class PartSink final : public engine::ByteSink {
+  public:
+    explicit PartSink(fs::OutputFile& file) : file_(file) {}
+    bool Write(const void* data, std::size_t size) noexcept override {
+        error_ = file_.Write(data, size);
+        return error_ == 0;
+    }
+    int Error() const { return error_; }
+
+  private:
+    fs::OutputFile& file_;
+    int error_ = 0;
+};
+
+// Removes the side file unless it was moved into place.
+class SideFileGuard {
+  public:
+    SideFileGuard(fs::OutputFile& file, std::filesystem::path path)
+        : file_(file), path_(std::move(path)) {}
+    SideFileGuard(const SideFileGuard&) = delete;
+    SideFileGuard& operator=(const SideFileGuard&) = delete;
+    ~SideFileGuard() {
+        if (committed_) return;
+        file_.Close();
+        fs::RemoveQuietly(path_);
+    }
+    void Commit() { committed_ = true; }
+
+  private:
+    fs::OutputFile& file_;
+    std::filesystem::path path_;
+    bool committed_ = false;
+};
+
+std::filesystem::path PartPath(const std::u16string& prefix, int number) {
+    return ToPath(prefix + u"_" + Utf8ToUtf16(std::to_string(number)));
+}
+
+std::string ErrorSuffix(int error) {
+    return " (error " + std::to_string(error) + ")";
+}
+
+// The source's load failures are reported where the object's own are.
+void ReportLoadFailure(const std::string& text) {
+    std::fprintf(stderr, "Load pdf docs unsuccessful: %s.\n", text.c_str());
+}
+
+// Writes pages first to last (0-based) of `source` as `target`. Returns the result and, on
+// failure, why.
+HResult WritePart(engine::SplitSource& source, int first, int last,
+                  const std::filesystem::path& target, std::string* why) {
+    std::filesystem::path side = target;
+    side += ".part";
+    fs::OutputFile file;
+    if (int error = file.Open(side)) {
+        // Creating a file fails with "not found" only when its folder is missing.
+        if (error == fs::kErrorFileNotFound) error = fs::kErrorPathNotFound;
+        *why = "Cannot create " + side.string() + ErrorSuffix(error);
+        return hr::FromWin32(error);
+    }
+    SideFileGuard guard(file, side);
+
+    PartSink sink(file);
+    try {
+        source.WritePages(first, last, sink);
+    } catch (const engine::EngineError& e) {
+        *why = "Cannot write " + side.string() + ": " + e.what();
+        if (sink.Error() != 0) {
+            *why += ErrorSuffix(sink.Error());
+            return hr::FromWin32(sink.Error());
+        }
+        return hr::kFail;
+    }
+    // Neither the part nor its name is forced to the disk: a part can be made again from the
+    // source, and two waits for the disk per part would cost more than the whole text scan.
+    if (const int error = file.Finish()) {
+        *why = "Cannot finish " + side.string() + ErrorSuffix(error);
+        return hr::FromWin32(error);
+    }
+    if (const int error = fs::MoveReplaceWithoutSync(side, target)) {
+        *why = "Cannot move " + side.string() + " to " + target.string() + ErrorSuffix(error);
+        return hr::FromWin32(error);
+    }
+    guard.Commit();
+    return hr::kOk;
+}
+
+}  // namespace
+
+HResult CZPdfContentObject::SplitPdf(const OptionalText& PdfFile, const OptionalText& DestPrefix,
+                                     std::int32_t* Splitted, SplitObserver* observer) {
+    if (Splitted == nullptr || !PdfFile || !DestPrefix) {
+        return Fail(hr::kPointer, "No file, prefix or place for the part count was given");
+    }
+    *Splitted = 0;
+    try {
+        const std::filesystem::path source_path = ToPath(*PdfFile);
+        errno = 0;
+        const FileHandle file(fs::OpenFile(source_path, "rb"));
+        if (!file) {
+            const int error = fs::Win32ErrorFromErrno(errno != 0 ? errno : ENOENT);
+            ReportLoadFailure(LoadErrorText(static_cast<long>(engine::ErrorCategory::File)));
+            return Fail(hr::FromWin32(error), "Cannot open " + source_path.string() +
+                                                  " for reading" + ErrorSuffix(error));
+        }
+
+        engine::SplitSource source;
+        try {
+            source.Open(file.get());
+        } catch (const engine::EngineError& e) {
+            const std::string text = LoadErrorText(static_cast<long>(e.Category()));
+            ReportLoadFailure(text);
+            switch (e.Category()) {
+                case engine::ErrorCategory::Password:
+                    return Fail(hr::kAccessDenied, text);
+                case engine::ErrorCategory::File:
+                    return Fail(hr::FromWin32(fs::kErrorReadFault), text + " (" + e.what() + ")");
+                default:
+                    return Fail(hr::kUnexpected, text + " (" + e.what() + ")");
+            }
+        }
+
+        const int pages = source.PageCount();
+        if (pages <= 1) return hr::kFalse;
+
+        // Writes the next part; *Splitted counts it once it is in place.
+        std::string why;
+        const auto write_next_part = [&](int first, int last) {
+            const std::filesystem::path target = PartPath(*DestPrefix, *Splitted + 1);
+            const HResult result = WritePart(source, first, last, target, &why);
+            if (hr::Failed(result)) return result;
+            ++*Splitted;
+            if (observer != nullptr) observer->PartWritten(*Splitted, first + 1, last + 1, target);
+            return hr::kOk;
+        };
+
+        // The last page is never examined: whatever it holds, it ends the last part.
+        std::u32string text;
+        int first = 0;
+        for (int page = 0; page + 1 < pages; ++page) {
+            bool ends_part = false;
+            try {
+                source.ReadPageText(page, text);
+                ends_part = text.find(kPartEndMarker) != std::u32string::npos;
+            } catch (const engine::EngineError&) {
+                // A page whose content cannot be read carries no marker.
+            }
+            if (observer != nullptr) observer->PageExamined(page + 1, pages);
+            if (!ends_part) continue;
+            if (const HResult result = write_next_part(first, page); hr::Failed(result)) {
+                return Fail(result, why);
+            }
+            first = page + 1;
+        }
+        if (*Splitted == 0) return hr::kFalse;  // no marker: not even the whole file is written
+        if (const HResult result = write_next_part(first, pages - 1); hr::Failed(result)) {
+            return Fail(result, why);
+        }
+        return hr::kOk;
+    } catch (const engine::EngineError& e) {
+        return Fail(hr::kUnexpected, e.what());
+    } catch (const std::bad_alloc&) {
+        return Fail(hr::kOutOfMemory, "Out of memory while splitting");
+    } catch (const std::exception& e) {
+        return Fail(hr::kUnexpected, e.what());
+    }
+}
+
+}  // namespace zpdf

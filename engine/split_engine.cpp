@@ -1,0 +1,522 @@
+// The engine side of splitting. Page text comes from the engine's content interpreter driving a
+// processor that only follows fonts and text-showing operators: the characters come out in
+// content order, mapped as the engine maps them for its devices, without placing, measuring
+// or drawing a glyph. Parts are new documents that the source's pages are grafted into, one
+// graft map per part.
+#include <cstdint>
+#include <cstring>
+
+#include "engine/engine_internal.h"
+#include "engine/split.h"
+
+namespace zpdf::engine {
+namespace {
+
+// Characters of one page, in an engine-allocated array kept from page to page.
+struct CollectedText {
+    int* chars = nullptr;
+    std::size_t length = 0;
+    std::size_t capacity = 0;
+};
+
+void AppendChar(fz_context* ctx, CollectedText* out, int c) {
+    if (out->length == out->capacity) {
+        const std::size_t capacity = out->capacity == 0 ? 4096 : out->capacity * 2;
+        out->chars = static_cast<int*>(fz_realloc(ctx, out->chars, capacity * sizeof(int)));
+        out->capacity = capacity;
+    }
+    out->chars[out->length++] = c;
+}
+
+// The objects the document has parsed stay cached in it, a few for every page read: dropping
+// the ones nobody holds now and then keeps memory flat in the page count.
+constexpr int kPagesBetweenCacheClears = 128;
+constexpr int kTreePagesBetweenCacheClears = 512;
+
+void MarkObjectsToKeep(fz_context* ctx, pdf_document* doc) {
+    fz_try(ctx) {
+        pdf_mark_xref(ctx, doc);
+    }
+    fz_catch(ctx) {
+        fz_warn(ctx, "cannot mark the document's objects: %s", fz_caught_message(ctx));
+    }
+}
+
+void DropUnheldObjects(fz_context* ctx, pdf_document* doc) {
+    fz_try(ctx) {
+        pdf_clear_xref_to_mark(ctx, doc);
+    }
+    fz_catch(ctx) {
+        fz_warn(ctx, "cannot drop cached objects: %s", fz_caught_message(ctx));
+    }
+}
+
+// Object numbers of the source's pages in page order, read from the page tree once. The
+// engine's own page lookup walks the tree from the root for every page, which costs a whole
+// walk per page when the pages hang in one flat list, as many producers write them (its page
+// tree cache is not used: it keeps the page objects beyond the document's life). The tree is
+// also what says how many pages there are; a /Count that disagrees with it is ignored.
+struct PageIndex {
+    int* numbers = nullptr;  // null: the tree could not be read, pages are looked up one by one
+    int count = 0;
+    int capacity = 0;
+};
+
+// Deeper page trees are broken or hostile.
+constexpr int kMaxPageTreeDepth = 64;
+
+void AddPage(fz_context* ctx, PageIndex* index, int number) {
+    if (index->count == index->capacity) {
+        const int capacity = index->capacity == 0 ? 1024 : index->capacity * 2;
+        index->numbers = static_cast<int*>(
+            fz_realloc(ctx, index->numbers, sizeof(int) * static_cast<size_t>(capacity)));
+        index->capacity = capacity;
+    }
+    index->numbers[index->count++] = number;
+}
+
+void IndexPageTree(fz_context* ctx, pdf_document* doc, pdf_obj* node, PageIndex* index, int depth) {
+    if (depth > kMaxPageTreeDepth) fz_throw(ctx, FZ_ERROR_GENERIC, "page tree too deep");
+    if (pdf_mark_obj(ctx, node)) fz_throw(ctx, FZ_ERROR_GENERIC, "cycle in the page tree");
+    // Held, so that dropping the cached objects on the way cannot take them away.
+    pdf_obj* held_node = pdf_keep_obj(ctx, node);
+    pdf_obj* kids = nullptr;
+    fz_var(kids);
+    fz_try(ctx) {
+        kids = pdf_keep_obj(ctx, pdf_dict_get(ctx, node, PDF_NAME(Kids)));
+        const int length = pdf_array_len(ctx, kids);
+        for (int i = 0; i < length; ++i) {
+            pdf_obj* kid = pdf_array_get(ctx, kids, i);
+            // A kid is a node of the tree when it says so, or, saying nothing, looks like one.
+            pdf_obj* type = pdf_dict_get(ctx, kid, PDF_NAME(Type));
+            const bool node_kid = type != nullptr
+                                      ? pdf_name_eq(ctx, type, PDF_NAME(Pages)) != 0
+                                      : pdf_dict_get(ctx, kid, PDF_NAME(Kids)) != nullptr &&
+                                            pdf_dict_get(ctx, kid, PDF_NAME(MediaBox)) == nullptr;
+            if (node_kid) {
+                IndexPageTree(ctx, doc, kid, index, depth + 1);
+            } else if (pdf_is_indirect(ctx, kid) && pdf_is_dict(ctx, kid)) {
+                AddPage(ctx, index, pdf_to_num(ctx, kid));
+                // Every page was parsed to learn what it is; none is needed now.
+                if (index->count % kTreePagesBetweenCacheClears == 0) DropUnheldObjects(ctx, doc);
+            } else {
+                fz_throw(ctx, FZ_ERROR_GENERIC, "page %d is not an object of its own",
+                         index->count + 1);
+            }
+        }
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, kids);
+        pdf_unmark_obj(ctx, held_node);
+        pdf_drop_obj(ctx, held_node);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+// Fills the index. When the tree cannot be read, the index stays empty and the engine's count
+// and lookup are used.
+void BuildPageIndex(fz_context* ctx, pdf_document* doc, PageIndex* index) {
+    fz_try(ctx) {
+        pdf_obj* root = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
+        IndexPageTree(ctx, doc, root, index, 0);
+    }
+    fz_catch(ctx) {
+        fz_free(ctx, index->numbers);
+        index->numbers = nullptr;
+        index->count = index->capacity = 0;
+        fz_warn(ctx, "looking pages up one by one: %s", fz_caught_message(ctx));
+    }
+}
+
+// The page's dictionary, kept: the caller drops it.
+pdf_obj* LoadPageObject(fz_context* ctx, pdf_document* doc, const PageIndex* index, int page) {
+    if (index->numbers != nullptr) return pdf_load_object(ctx, doc, index->numbers[page]);
+    return pdf_keep_obj(ctx, pdf_lookup_page_obj(ctx, doc, page));
+}
+
+// A content processor that follows only what decides which characters a page shows: the font
+// of the text state (kept across q and Q, and into form XObjects) and the text-showing
+// operators. The interpreter skips every operator it has no handler for, and loads no image,
+// shading or colour space for it; no glyph is placed or measured.
+struct TextProcessor {
+    pdf_processor super;
+    pdf_document* doc;
+    CollectedText* out;
+    pdf_font_desc* font;    // kept
+    pdf_font_desc** saved;  // fonts saved by q, kept (null entries allowed)
+    int saved_length;
+    int saved_capacity;
+    int form_depth;
+};
+
+// Forms drawing forms this deep are broken or hostile.
+constexpr int kMaxFormDepth = 32;
+
+TextProcessor* AsText(pdf_processor* proc) {
+    return reinterpret_cast<TextProcessor*>(proc);
+}
+
+// The characters of one shown string, as the engine's interpreter maps them for its devices.
+void ShowString(fz_context* ctx, TextProcessor* p, unsigned char* text, size_t length) {
+    pdf_font_desc* font = p->font;
+    if (font == nullptr || font->encoding == nullptr) return;
+    unsigned char* end = text + length;
+    while (text < end) {
+        unsigned int code = 0;
+        const int used = pdf_decode_cmap(font->encoding, text, end, &code);
+        text += used > 0 ? used : 1;
+        const int cid = pdf_lookup_cmap(font->encoding, code);
+        if (cid < 0) continue;
+        int ucs[PDF_MRANGE_CAP];
+        int count = 0;
+        if (font->to_unicode != nullptr) count = pdf_lookup_cmap_full(font->to_unicode, cid, ucs);
+        if (count == 0 && static_cast<size_t>(cid) < font->cid_to_ucs_len) {
+            ucs[0] = font->cid_to_ucs[cid];
+            count = 1;
+        }
+        if (count <= 0 || (count == 1 && ucs[0] == 0)) {
+            ucs[0] = FZ_REPLACEMENT_CHARACTER;
+            count = 1;
+        }
+        for (int i = 0; i < count; ++i) AppendChar(ctx, p->out, ucs[i]);
+    }
+}
+
+void OpTj(fz_context* ctx, pdf_processor* proc, char* text, size_t length) {
+    ShowString(ctx, AsText(proc), reinterpret_cast<unsigned char*>(text), length);
+}
+
+void OpDquote(fz_context* ctx, pdf_processor* proc, float /*aw*/, float /*ac*/, char* text,
+              size_t length) {
+    ShowString(ctx, AsText(proc), reinterpret_cast<unsigned char*>(text), length);
+}
+
+void OpTJ(fz_context* ctx, pdf_processor* proc, pdf_obj* array) {
+    const int length = pdf_array_len(ctx, array);
+    for (int i = 0; i < length; ++i) {
+        pdf_obj* item = pdf_array_get(ctx, array, i);
+        if (pdf_is_string(ctx, item)) {
+            ShowString(ctx, AsText(proc),
+                       reinterpret_cast<unsigned char*>(pdf_to_str_buf(ctx, item)),
+                       pdf_to_str_len(ctx, item));
+        }
+    }
+}
+
+void OpTf(fz_context* ctx, pdf_processor* proc, const char* /*name*/, pdf_font_desc* font,
+          float /*size*/) {
+    TextProcessor* p = AsText(proc);
+    pdf_drop_font(ctx, p->font);
+    p->font = pdf_keep_font(ctx, font);
+}
+
+void OpSave(fz_context* ctx, pdf_processor* proc) {
+    TextProcessor* p = AsText(proc);
+    if (p->saved_length == p->saved_capacity) {
+        const int capacity = p->saved_capacity == 0 ? 16 : p->saved_capacity * 2;
+        p->saved = static_cast<pdf_font_desc**>(
+            fz_realloc(ctx, p->saved, sizeof(pdf_font_desc*) * static_cast<size_t>(capacity)));
+        p->saved_capacity = capacity;
+    }
+    p->saved[p->saved_length++] = pdf_keep_font(ctx, p->font);
+}
+
+void OpRestore(fz_context* ctx, pdf_processor* proc) {
+    TextProcessor* p = AsText(proc);
+    if (p->saved_length == 0) return;  // unbalanced Q: nothing to restore
+    pdf_drop_font(ctx, p->font);
+    p->font = p->saved[--p->saved_length];
+}
+
+void OpDoForm(fz_context* ctx, pdf_processor* proc, const char* /*name*/, pdf_obj* form,
+              pdf_obj* page_resources) {
+    TextProcessor* p = AsText(proc);
+    if (p->form_depth >= kMaxFormDepth) return;
+    if (pdf_mark_obj(ctx, form)) return;  // the form is drawing itself
+    const int saved_length = p->saved_length;
+    ++p->form_depth;
+    fz_try(ctx) {
+        pdf_obj* resources = pdf_dict_get(ctx, form, PDF_NAME(Resources));
+        OpSave(ctx, proc);
+        pdf_process_contents(ctx, proc, p->doc, resources != nullptr ? resources : page_resources,
+                             form, nullptr);
+    }
+    fz_always(ctx) {
+        // Whatever the form left unbalanced, the text state is the one it started with.
+        while (p->saved_length > saved_length) OpRestore(ctx, proc);
+        --p->form_depth;
+        pdf_unmark_obj(ctx, form);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+void DropTextProcessor(fz_context* ctx, pdf_processor* proc) {
+    TextProcessor* p = AsText(proc);
+    while (p->saved_length > 0) pdf_drop_font(ctx, p->saved[--p->saved_length]);
+    fz_free(ctx, p->saved);
+    pdf_drop_font(ctx, p->font);
+}
+
+pdf_processor* NewTextProcessor(fz_context* ctx, pdf_document* doc, CollectedText* out) {
+    // Zero-filled by the engine: every operator without a handler here is skipped.
+    auto* p = static_cast<TextProcessor*>(pdf_new_processor(ctx, sizeof(TextProcessor)));
+    p->super.drop_processor = DropTextProcessor;
+    p->super.op_q = OpSave;
+    p->super.op_Q = OpRestore;
+    p->super.op_Tf = OpTf;
+    p->super.op_Tj = OpTj;
+    p->super.op_squote = OpTj;
+    p->super.op_dquote = OpDquote;
+    p->super.op_TJ = OpTJ;
+    p->super.op_Do_form = OpDoForm;
+    p->doc = doc;
+    p->out = out;
+    return &p->super;
+}
+
+// Runs the content of page `index` through the text processor. Only the page's content is read;
+// the page is looked up, not loaded, so no annotation or link is built either.
+void CollectPageText(fz_context* ctx, pdf_document* doc, const PageIndex* pages, int index,
+                     CollectedText* out) {
+    pdf_obj* page = nullptr;
+    pdf_processor* proc = nullptr;
+    fz_var(page);
+    fz_var(proc);
+    out->length = 0;
+    fz_try(ctx) {
+        page = LoadPageObject(ctx, doc, pages, index);
+        pdf_obj* contents = pdf_dict_get(ctx, page, PDF_NAME(Contents));
+        if (contents != nullptr) {
+            pdf_obj* resources = pdf_dict_get_inheritable(ctx, page, PDF_NAME(Resources));
+            proc = NewTextProcessor(ctx, doc, out);
+            pdf_process_contents(ctx, proc, doc, resources, contents, nullptr);
+            pdf_close_processor(ctx, proc);
+        }
+    }
+    fz_always(ctx) {
+        pdf_drop_processor(ctx, proc);
+        pdf_drop_obj(ctx, page);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, ErrorCategory::Page, "cannot read the text of the page");
+    }
+}
+
+// Page entries a part's page takes from the source. Those marked inheritable may sit on an
+// ancestor in the source's page tree; the copy holds them itself. Entries that point to other
+// pages or to the document's structure (annotations, thread beads, structure parents) would
+// drag the rest of the source along and stay behind.
+struct PageEntry {
+    pdf_obj* key;
+    bool inheritable;
+};
+
+void CopyPage(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_document* src,
+              const PageIndex* pages, int from, int to) {
+    const PageEntry entries[] = {
+        {PDF_NAME(Contents), false}, {PDF_NAME(Resources), true}, {PDF_NAME(MediaBox), true},
+        {PDF_NAME(CropBox), true},   {PDF_NAME(BleedBox), false}, {PDF_NAME(TrimBox), false},
+        {PDF_NAME(ArtBox), false},   {PDF_NAME(Rotate), true},    {PDF_NAME(UserUnit), false},
+        {PDF_NAME(Group), false},
+    };
+    pdf_obj* source = nullptr;
+    pdf_obj* page = nullptr;
+    pdf_obj* ref = nullptr;
+    fz_var(source);
+    fz_var(page);
+    fz_var(ref);
+    fz_try(ctx) {
+        source = LoadPageObject(ctx, src, pages, from);
+        page = pdf_new_dict(ctx, dst, 12);
+        pdf_dict_put(ctx, page, PDF_NAME(Type), PDF_NAME(Page));
+        for (const PageEntry& entry : entries) {
+            pdf_obj* value = entry.inheritable ? pdf_dict_get_inheritable(ctx, source, entry.key)
+                                               : pdf_dict_get(ctx, source, entry.key);
+            if (value != nullptr) {
+                pdf_dict_put_drop(ctx, page, entry.key, pdf_graft_mapped_object(ctx, map, value));
+            }
+        }
+        ref = pdf_add_object(ctx, dst, page);
+        pdf_insert_page(ctx, dst, to, ref);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, ref);
+        pdf_drop_obj(ctx, page);
+        pdf_drop_obj(ctx, source);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+struct SinkState {
+    ByteSink* sink;
+    int64_t position;
+    bool refused;
+};
+
+void WriteToSink(fz_context* ctx, void* state, const void* data, size_t size) {
+    auto* s = static_cast<SinkState*>(state);
+    if (!s->sink->Write(data, size)) {
+        s->refused = true;
+        fz_throw(ctx, FZ_ERROR_GENERIC, "cannot write the part file");
+    }
+    s->position += static_cast<int64_t>(size);
+}
+
+int64_t TellSink(fz_context* /*ctx*/, void* state) {
+    return static_cast<SinkState*>(state)->position;
+}
+
+// Builds the part in a new document and writes it.
+void WritePart(fz_context* ctx, pdf_document* src, const PageIndex* pages, int first, int last,
+               SinkState* state) {
+    pdf_document* dst = nullptr;
+    pdf_graft_map* map = nullptr;
+    fz_output* out = nullptr;
+    fz_var(dst);
+    fz_var(map);
+    fz_var(out);
+    pdf_write_options options = pdf_default_write_options;
+    options.do_incremental = 0;
+    fz_try(ctx) {
+        dst = pdf_create_document(ctx);
+        map = pdf_new_graft_map(ctx, dst);
+        for (int page = first; page <= last; ++page)
+            CopyPage(ctx, map, dst, src, pages, page, page - first);
+        out = fz_new_output(ctx, 64 * 1024, state, WriteToSink, nullptr, nullptr);
+        out->tell = TellSink;
+        pdf_write_document(ctx, dst, out, &options);
+        fz_close_output(ctx, out);
+    }
+    fz_always(ctx) {
+        fz_drop_output(ctx, out);
+        pdf_drop_graft_map(ctx, map);
+        pdf_drop_document(ctx, dst);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, state->refused ? ErrorCategory::File : ErrorCategory::Other,
+                    "cannot write the part");
+    }
+}
+
+bool LooksLikeSecurityProblem(const char* message) {
+    return std::strstr(message, "crypt") != nullptr || std::strstr(message, "security") != nullptr;
+}
+
+// 1 when the document opens without a password (or with the empty one).
+int OpensWithoutPassword(fz_context* ctx, pdf_document* doc) {
+    volatile int open = 0;
+    fz_try(ctx) {
+        open = !pdf_needs_password(ctx, doc) || pdf_authenticate_password(ctx, doc, "");
+    }
+    fz_catch(ctx) {
+        open = 0;
+    }
+    return open;
+}
+
+int CountPages(fz_context* ctx, pdf_document* doc) {
+    volatile int count = 0;
+    fz_try(ctx) {
+        count = pdf_count_pages(ctx, doc);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, ErrorCategory::NotPdf, "cannot count the pages");
+    }
+    return count;
+}
+
+}  // namespace
+
+struct SplitSource::Impl {
+    fz_context* ctx = nullptr;
+    pdf_document* doc = nullptr;
+    fz_stream* stream = nullptr;
+    int pages = 0;
+    int pages_since_clear = 0;
+    PageIndex index;
+    CollectedText text;
+};
+
+SplitSource::SplitSource() : impl_(std::make_unique<Impl>()) {
+    impl_->ctx = NewClonedContext();
+}
+
+SplitSource::~SplitSource() {
+    fz_context* ctx = impl_->ctx;
+    pdf_drop_document(ctx, impl_->doc);
+    fz_drop_stream(ctx, impl_->stream);
+    fz_free(ctx, impl_->index.numbers);
+    fz_free(ctx, impl_->text.chars);
+    fz_drop_context(ctx);
+}
+
+void SplitSource::Open(std::FILE* file) {
+    if (impl_->doc != nullptr)
+        throw EngineError(ErrorCategory::Other, "the source is already open");
+    fz_context* ctx = impl_->ctx;
+    fz_stream* stm = OpenFileStream(ctx, file);
+    if (stm == nullptr) throw EngineError(ErrorCategory::Other, "out of memory opening the source");
+    impl_->stream = stm;
+
+    pdf_document* doc = nullptr;
+    fz_try(ctx) {
+        doc = pdf_open_document_with_stream(ctx, stm);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx,
+                    FileStreamFailed(stm) ? ErrorCategory::File
+                    : LooksLikeSecurityProblem(fz_caught_message(ctx))
+                        ? ErrorCategory::UnsupportedSecurity
+                        : ErrorCategory::NotPdf,
+                    "cannot open the document");
+    }
+    impl_->doc = doc;
+    if (!OpensWithoutPassword(ctx, doc)) {
+        throw EngineError(ErrorCategory::Password, "the document needs a password");
+    }
+    // What is parsed by now (trailer, catalogue, encryption) stays; the rest comes and goes.
+    MarkObjectsToKeep(ctx, doc);
+    BuildPageIndex(ctx, doc, &impl_->index);
+    impl_->pages = impl_->index.numbers != nullptr ? impl_->index.count : CountPages(ctx, doc);
+    DropUnheldObjects(ctx, doc);
+}
+
+int SplitSource::PageCount() const {
+    return impl_->pages;
+}
+
+void SplitSource::ReadPageText(int index, std::u32string& text) {
+    text.clear();
+    if (impl_->doc == nullptr || index < 0 || index >= impl_->pages) {
+        throw EngineError(ErrorCategory::Page,
+                          "page " + std::to_string(index + 1) + " does not exist");
+    }
+    CollectPageText(impl_->ctx, impl_->doc, &impl_->index, index, &impl_->text);
+    if (++impl_->pages_since_clear == kPagesBetweenCacheClears) {
+        DropUnheldObjects(impl_->ctx, impl_->doc);
+        impl_->pages_since_clear = 0;
+    }
+    const CollectedText& collected = impl_->text;
+    text.resize(collected.length);
+    for (std::size_t i = 0; i < collected.length; ++i) {
+        text[i] = static_cast<char32_t>(collected.chars[i]);
+    }
+}
+
+void SplitSource::WritePages(int first, int last, ByteSink& sink) {
+    if (impl_->doc == nullptr || first < 0 || first > last || last >= impl_->pages) {
+        throw EngineError(ErrorCategory::Page, "pages " + std::to_string(first + 1) + " to " +
+                                                   std::to_string(last + 1) + " do not exist");
+    }
+    fz_context* ctx = impl_->ctx;
+    SinkState state{&sink, 0, false};
+    WritePart(ctx, impl_->doc, &impl_->index, first, last, &state);
+}
+
+}  // namespace zpdf::engine

@@ -207,8 +207,9 @@ STDMETHODIMP ContentObjectCom::ReplacePages(LONG destPage, IZPdfContentObject* s
     return Done(core_.ReplacePages(destPage, source != nullptr ? &source->Core() : nullptr, srcStart, srcEnd));
 }
 
-STDMETHODIMP ContentObjectCom::SplitPdf(BSTR, BSTR, LONG*) {
-    return Report(__uuidof(IZPdfContentObject), E_NOTIMPL, "Splitting is not available yet");
+STDMETHODIMP ContentObjectCom::SplitPdf(BSTR PdfFile, BSTR DestPrefix, LONG* Splitted) {
+    static_assert(sizeof(LONG) == sizeof(std::int32_t));
+    return Done(core_.SplitPdf(FromBstr(PdfFile), FromBstr(DestPrefix), reinterpret_cast<std::int32_t*>(Splitted)));
 }
 
 STDMETHODIMP ContentObjectCom::GetKind(LONG* kind) {

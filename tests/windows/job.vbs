@@ -1,6 +1,6 @@
 ' The print engine's typical job, by ProgID: open a document, stamp a letterhead beneath every
 ' page, append another document, save; and a failure seen as Err.Number with a description.
-'   cscript //nologo job.vbs DOC.pdf LETTERHEAD.pdf APPENDIX.pdf
+'   cscript //nologo job.vbs DOC.pdf LETTERHEAD.pdf APPENDIX.pdf MARKED.pdf PREFIX
 Option Explicit
 Dim passed, failed
 passed = 0
@@ -37,6 +37,10 @@ doc.AppendPages appendix
 Check doc.PageCount = count + 1, "the appendix is appended"
 doc.Save
 Check Err.Number = 0, "the document is saved"
+
+Dim parts
+parts = doc.SplitPdf(args(3), args(4))
+Check parts = 2, "the marked print file is split into two parts"
 
 On Error Resume Next
 doc.SetPdfDocument args(0) & ".missing", False, ""

@@ -95,8 +95,10 @@ check "the saved document is a sound PDF" qpdf --check "$work/doc.pdf"
 
 # The typical job in VBScript, on fresh copies.
 gs_pdf "$work/job.pdf" "0 setgray 50 100 50 50 rectfill showpage showpage"
+gs_pdf "$work/marked.pdf" "/Helvetica findfont 12 scalefont setfont 20 250 moveto (one @@nd@@) show showpage 20 250 moveto (two) show showpage 20 250 moveto (three) show showpage"
 job_out=$(cd "$work" && "$wine" cscript //nologo job.vbs "$(winpath "$work/job.pdf")" \
-    "$(winpath "$work/letterhead.pdf")" "$(winpath "$work/appendix.pdf")" 2>&1 | tr -d '\r')
+    "$(winpath "$work/letterhead.pdf")" "$(winpath "$work/appendix.pdf")" "$(winpath "$work/marked.pdf")" \
+    "$(winpath "$work/part")" 2>&1 | tr -d '\r')
 echo "$job_out" | grep -E '^(ok|not ok) - '
 job_passed=$(sed -n 's/^\([0-9]*\) passed, \([0-9]*\) failed$/\1/p' <<<"$job_out")
 job_failed=$(sed -n 's/^\([0-9]*\) passed, \([0-9]*\) failed$/\2/p' <<<"$job_out")
@@ -110,6 +112,8 @@ else
 fi
 check "the job's document has its appendix" test "$(qpdf --show-npages "$work/job.pdf" 2>/dev/null)" = 3
 check "the job's document carries the letterhead" grep -q LETTERHEAD <(pdftotext "$work/job.pdf" -)
+check "split part 1 holds page 1" test "$(qpdf --show-npages "$work/part_1" 2>/dev/null)" = 1
+check "split part 2 holds pages 2 and 3" test "$(qpdf --show-npages "$work/part_2" 2>/dev/null)" = 2
 
 check "regsvr32 /u unregisters the server" "$wine" regsvr32 /s /u "$dll"
 check "the object's CLSID key is gone" bash -c "! '$wine' reg query 'HKCR\\CLSID\\{A36D0848-40A1-47B5-8FA6-66568CA9BA9E}' >/dev/null 2>&1"

@@ -8,11 +8,33 @@ endif()
 set(ZPDF_MUPDF_PREFIX "" CACHE PATH "Prefix of a MuPDF build to use instead of the system's")
 
 if(ZPDF_MUPDF_PREFIX)
+    # The default list is the layout of scripts/windows/build-deps.sh: static libraries, the
+    # engine first, zlib last. OPJ_STATIC: openjpeg is a static library there. Such a prefix
+    # also holds OpenSSL's static libcrypto, offered as zpdf::crypto.
+    if(NOT ZPDF_MUPDF_LIBS)
+        set(ZPDF_MUPDF_LIBS mupdf mupdf-third mujs freetype jpeg openjp2 jbig2dec z)
+    endif()
     add_library(zpdf::mupdf INTERFACE IMPORTED)
     set_target_properties(zpdf::mupdf PROPERTIES
         INTERFACE_INCLUDE_DIRECTORIES "${ZPDF_MUPDF_PREFIX}/include"
-        INTERFACE_LINK_DIRECTORIES "${ZPDF_MUPDF_PREFIX}/lib")
+        INTERFACE_LINK_DIRECTORIES "${ZPDF_MUPDF_PREFIX}/lib"
+        INTERFACE_COMPILE_DEFINITIONS OPJ_STATIC)
     target_link_libraries(zpdf::mupdf INTERFACE ${ZPDF_MUPDF_LIBS})
+    # zlib from the same prefix, static, for the project's own use (PNG output).
+    add_library(zpdf::zlib STATIC IMPORTED)
+    set_target_properties(zpdf::zlib PROPERTIES
+        IMPORTED_LOCATION "${ZPDF_MUPDF_PREFIX}/lib/libz.a"
+        INTERFACE_INCLUDE_DIRECTORIES "${ZPDF_MUPDF_PREFIX}/include")
+    if(EXISTS "${ZPDF_MUPDF_PREFIX}/lib/libcrypto.a" AND NOT TARGET zpdf::crypto)
+        add_library(zpdf::crypto STATIC IMPORTED)
+        set_target_properties(zpdf::crypto PROPERTIES
+            IMPORTED_LOCATION "${ZPDF_MUPDF_PREFIX}/lib/libcrypto.a"
+            INTERFACE_INCLUDE_DIRECTORIES "${ZPDF_MUPDF_PREFIX}/include")
+        if(WIN32)
+            # The Windows libraries a static libcrypto calls into.
+            target_link_libraries(zpdf::crypto INTERFACE ws2_32 gdi32 crypt32 advapi32 user32 bcrypt)
+        endif()
+    endif()
     return()
 endif()
 
@@ -28,6 +50,8 @@ find_library(ZPDF_OPENJP2_LIB openjp2 REQUIRED)
 find_library(ZPDF_JBIG2_LIB jbig2dec REQUIRED)
 find_library(ZPDF_JPEG_LIB jpeg REQUIRED)
 find_package(ZLIB REQUIRED)
+add_library(zpdf::zlib INTERFACE IMPORTED)
+target_link_libraries(zpdf::zlib INTERFACE ZLIB::ZLIB)
 
 add_library(zpdf::mupdf INTERFACE IMPORTED)
 set_target_properties(zpdf::mupdf PROPERTIES

@@ -20,7 +20,8 @@ if [ "$machine" = i386 ]; then
 else
     check "PE32+ for x86-64" "grep -q 'file format pei-x86-64' <<<\"\$format\""
 fi
-exports=$(sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' <<<"$headers" | grep -o '\] [A-Za-z_][A-Za-z0-9_@]*' | cut -c3- | sort | tr '\n' ' ')
+exports=$(sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' <<<"$headers" | grep -E '^\s+\[' |
+    grep -o '\] [A-Za-z_][A-Za-z0-9_@]*' | cut -c3- | sort | tr '\n' ' ')
 check "exports exactly the four entry points (found: $exports)" \
     "[ '$exports' = 'DllCanUnloadNow DllGetClassObject DllRegisterServer DllUnregisterServer ' ]"
 imports=$(grep 'DLL Name:' <<<"$headers" | awk '{print tolower($3)}' | sort -u | tr '\n' ' ')
@@ -28,6 +29,6 @@ check "imports only system DLLs (found: $imports)" \
     "! grep -q -E 'libstdc|libgcc|libwinpthread|mupdf|crypto' <<<'$imports'"
 # The resource directory names type "TYPELIB" with id 1.
 check "type library resource TYPELIB 1" \
-    "x86_64-w64-mingw32-windres -i '$dll' -O rc 2>/dev/null | grep -q -E '^1 TYPELIB'"
+    "grep -A2 'name: .*: TYPELIB' <<<\"\$headers\" | grep -q 'Entry: ID: 0x000001'"
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -76,6 +76,9 @@ for entry in "ZPdfContentObject {A36D0848-40A1-47B5-8FA6-66568CA9BA9E}" \
     check "$name TypeLib" reg_has "$key\\TypeLib" "" "$libid"
 done
 check "type library registered" reg_exists "HKCR\\TypeLib\\$libid\\1.0"
+# Kinds and flags in the library file: enum, coclass (can-create), dual interface (dual,
+# non-extensible, ole-automation, dispatchable), coclass, dual interface.
+check "type library kinds and flags" test "$(python3 "$here/typelib_flags.py" "$build/component/generated/ZPdfCntObj.tlb" | tr '\n' ' ')" = "0 0x0 5 0x2 4 0x11c0 5 0x2 4 0x11c0 "
 
 # The C++ client: its own checks, counted in.
 client_out=$(cd "$work" && "$wine" com_client.exe "$(winpath "$work/doc.pdf")" "$(winpath "$work/letterhead.pdf")" \
@@ -92,6 +95,7 @@ else
     failed=$((failed + client_failed))
 fi
 check "the saved document is a sound PDF" qpdf --check "$work/doc.pdf"
+check "the client's document carries the letterhead" grep -q LETTERHEAD <(pdftotext "$work/doc.pdf" -)
 
 # The typical job in VBScript, on fresh copies.
 gs_pdf "$work/job.pdf" "0 setgray 50 100 50 50 rectfill showpage showpage"
@@ -111,7 +115,6 @@ else
     failed=$((failed + job_failed))
 fi
 check "the job's document has its appendix" test "$(qpdf --show-npages "$work/job.pdf" 2>/dev/null)" = 3
-check "the job's document carries the letterhead" grep -q LETTERHEAD <(pdftotext "$work/job.pdf" -)
 check "split part 1 holds page 1" test "$(qpdf --show-npages "$work/part_1" 2>/dev/null)" = 1
 check "split part 2 holds pages 2 and 3" test "$(qpdf --show-npages "$work/part_2" 2>/dev/null)" = 2
 

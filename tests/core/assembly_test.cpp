@@ -2,7 +2,6 @@
 // pixels.
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <sstream>
 
 #include "cli/sample_pdf.h"
@@ -71,9 +70,14 @@ std::vector<int> ContentStreams(const stdfs::path& file, int page) {
         if (line.find("content:") != std::string::npos) {
             in_content = true;
         } else if (in_content) {
-            std::smatch m;
-            if (std::regex_search(line, m, std::regex("^\\s+(\\d+) 0 R"))) {
-                streams.push_back(std::stoi(m[1]));
+            // An indented "N 0 R" line lists one stream; anything else ends the list.
+            std::istringstream fields(line);
+            int number = 0;
+            int generation = -1;
+            std::string r;
+            const bool indented = !line.empty() && (line[0] == ' ' || line[0] == '\t');
+            if (indented && (fields >> number >> generation >> r) && generation == 0 && r == "R") {
+                streams.push_back(number);
             } else {
                 in_content = false;
             }

@@ -188,6 +188,58 @@ void TypeLibraryChecks() {
 
 }  // namespace
 
+// Another apartment's view of the object: the interface marshalled to a thread of the
+// multithreaded apartment, where calls go through the type library's proxies.
+struct CrossApartmentCall {
+    IStream* marshalled = nullptr;
+    bool is_proxy = false;
+    HRESULT count_hr = E_FAIL;
+    LONG pages = -1;
+    HRESULT size_hr = E_FAIL;
+    double width = 0;
+    double height = 0;
+    HRESULT path_hr = E_FAIL;
+    std::wstring path;
+    IZPdfContentObject* original = nullptr;
+
+    static DWORD WINAPI Run(void* argument) {
+        auto* call = static_cast<CrossApartmentCall*>(argument);
+        CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        IZPdfContentObject* remote = nullptr;
+        if (SUCCEEDED(CoGetInterfaceAndReleaseStream(call->marshalled, __uuidof(IZPdfContentObject),
+                                                     reinterpret_cast<void**>(&remote)))) {
+            call->is_proxy = remote != call->original;
+            call->count_hr = remote->get_PageCount(&call->pages);
+            call->size_hr = remote->GetPageSize(1, &call->width, &call->height);
+            BSTR held = nullptr;
+            call->path_hr = remote->GetPdfDocument(&held);
+            if (held != nullptr) call->path = held;
+            SysFreeString(held);
+            remote->Release();
+        }
+        CoUninitialize();
+        return 0;
+    }
+};
+
+// Runs `call` on a new thread while this single-threaded apartment keeps pumping messages, so
+// that the calls marshalled back to it are served.
+void RunAcrossApartments(IZPdfContentObject* object, CrossApartmentCall& call) {
+    call.original = object;
+    if (FAILED(CoMarshalInterThreadInterfaceInStream(__uuidof(IZPdfContentObject), object, &call.marshalled))) {
+        return;
+    }
+    HANDLE thread = CreateThread(nullptr, 0, &CrossApartmentCall::Run, &call, 0, nullptr);
+    if (thread == nullptr) return;
+    const DWORD deadline = GetTickCount() + 60000;
+    while (MsgWaitForMultipleObjects(1, &thread, FALSE, 1000, QS_ALLINPUT) != WAIT_OBJECT_0 &&
+           GetTickCount() < deadline) {
+        MSG message;
+        while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&message);
+    }
+    CloseHandle(thread);
+}
+
 int wmain(int argc, wchar_t** argv) {
     if (argc != 4) {
         std::fprintf(stderr, "usage: com_client DOC.pdf LETTERHEAD.pdf WORK_FOLDER\n");
@@ -419,6 +471,19 @@ int wmain(int argc, wchar_t** argv) {
         SafeRelease(copy);
         SafeRelease(persist);
         SafeRelease(stream);
+    }
+
+    // The same object called from another apartment.
+    {
+        LONG direct_pages = 0;
+        object->get_PageCount(&direct_pages);
+        CrossApartmentCall call;
+        RunAcrossApartments(object, call);
+        Check(call.is_proxy, "another apartment reaches the object through a proxy");
+        Check(call.count_hr == S_OK && call.pages == direct_pages, "PageCount across apartments", call.count_hr);
+        Check(call.size_hr == S_OK && call.width == 200 && call.height == 300, "GetPageSize across apartments",
+              call.size_hr);
+        Check(call.path_hr == S_OK && call.path == doc, "GetPdfDocument across apartments", call.path_hr);
     }
 
     // Saving the stamped, assembled document.

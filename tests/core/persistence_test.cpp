@@ -406,35 +406,11 @@ TEST_F(PersistenceTest, LoadStopsAtTheFailingRead) {
     }
 }
 
-// Failing file operations while an embedded document moves between file and stream.
-TEST_F(PersistenceTest, FileFailuresAreWin32Results) {
-    struct Case {
-        fs::FileOp op;
-        int nth;
-        int error;
-    } load_cases[] = {
-        {fs::FileOp::Create, 1, fs::kErrorAccessDenied},      // making the temporary file
-        {fs::FileOp::Create, 2, fs::kErrorSharingViolation},  // opening it for writing
-        {fs::FileOp::Write, 1, fs::kErrorDiskFull},
-        {fs::FileOp::Write, 2, fs::kErrorDiskFull},
-        {fs::FileOp::Flush, 1, fs::kErrorWriteFault},
-        {fs::FileOp::Close, 1, fs::kErrorWriteFault},
-    };
+// A private copy that cannot be read while the record is saved. (Every failing disk step of a
+// load, which writes the private copy, is in fault_injection_test.cpp.)
+TEST_F(PersistenceTest, FailingReadOfThePrivateCopy) {
     const Bytes record =
         kV1 + Str("") + kEmbedTrue + kNull + U32(6000) + Raw(std::string(6000, 'q'));
-    for (const Case& c : load_cases) {
-        SCOPED_TRACE(std::string("load: ") + fs::FileOpName(c.op) + " #" + std::to_string(c.nth));
-        int seen = 0;
-        fs::SetFaultHook([&](fs::FileOp op, const stdfs::path&) {
-            return op == c.op && ++seen == c.nth ? c.error : 0;
-        });
-        CZPdfContentObject object;
-        EXPECT_EQ(LoadBytes(object, record), hr::FromWin32(c.error));
-        fs::SetFaultHook(nullptr);
-        ExpectState(object, {u"", -1, std::nullopt});
-        EXPECT_EQ(PrivateCopies(), 0u);
-    }
-
     for (int nth = 1; nth <= 2; ++nth) {
         SCOPED_TRACE("save: read #" + std::to_string(nth));
         CZPdfContentObject object;

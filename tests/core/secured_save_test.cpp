@@ -463,37 +463,5 @@ TEST_F(SecuredSaveTest, DocumentStateBeforeTheSave) {
     EXPECT_NE(test::ReadBytes(file).find("/Adobe.PubSec"), std::string::npos);
 }
 
-// A failing disk during either save: E_FAIL, the file as it was, no side file.
-TEST_F(SecuredSaveTest, DiskFailuresLeaveTheFileIntact) {
-    const stdfs::path dir = test::ScratchDir();
-    const Recipient alice = MakeRecipient(dir, "Alice");
-    const std::vector<OptionalText> recipients = {PemOf(alice.certificate)};
-    const stdfs::path source = MakeSource(dir, kSources[1]);
-    using Save = std::function<HResult(CZPdfContentObject&)>;
-    const std::pair<const char*, Save> saves[] = {
-        {"password", [](CZPdfContentObject& o) { return o.SaveWithSecurity(u"u", u"o"); }},
-        {"certificate",
-         [&](CZPdfContentObject& o) { return o.SaveWithPubKeySecurity(&recipients); }},
-    };
-    for (const auto& [name, save] : saves) {
-        for (const fs::FileOp op : {fs::FileOp::Create, fs::FileOp::Write, fs::FileOp::Move}) {
-            SCOPED_TRACE(std::string(name) + " / " + fs::FileOpName(op));
-            const stdfs::path file = dir / "doc.pdf";
-            stdfs::copy_file(source, file, stdfs::copy_options::overwrite_existing);
-            const std::string before = test::ReadBytes(file);
-            CZPdfContentObject object;
-            Open(object, file, u"user");
-            fs::SetFaultHook([op](fs::FileOp seen, const stdfs::path&) {
-                return seen == op ? fs::kErrorDiskFull : 0;
-            });
-            EXPECT_EQ(save(object), hr::kFail);
-            fs::SetFaultHook(nullptr);
-            EXPECT_EQ(test::ReadBytes(file), before);
-            EXPECT_FALSE(stdfs::exists(SidePath(file)));
-            EXPECT_FALSE(object.LastErrorText().empty());
-        }
-    }
-}
-
 }  // namespace
 }  // namespace zpdf

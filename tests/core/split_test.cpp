@@ -1,5 +1,5 @@
 // Splitting after marker pages: parts read back by independent tools, text found however the
-// content shows it, and every failure reported with the parts written so far.
+// content shows it, and unusable sources and folders reported with their reasons.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -275,52 +275,12 @@ TEST_F(SplitTest, UnusableSourceSaysWhy) {
     }
 }
 
-// A part that cannot be written stops the split with the system's reason; the parts before it
-// are whole, and nothing else is left behind.
-TEST_F(SplitTest, WriteFailureStopsWithPartsSoFar) {
-    struct Case {
-        fs::FileOp op;
-        int part;  // the part whose operation fails
-        int error;
-        HResult result;
-    } cases[] = {
-        {fs::FileOp::Create, 1, fs::kErrorAccessDenied, hr::FromWin32(fs::kErrorAccessDenied)},
-        {fs::FileOp::Create, 2, fs::kErrorWriteProtect, hr::FromWin32(fs::kErrorWriteProtect)},
-        {fs::FileOp::Write, 2, fs::kErrorDiskFull, hr::FromWin32(fs::kErrorDiskFull)},
-        {fs::FileOp::Flush, 3, fs::kErrorDiskFull, hr::FromWin32(fs::kErrorDiskFull)},
-        {fs::FileOp::Close, 1, fs::kErrorWriteFault, hr::FromWin32(fs::kErrorWriteFault)},
-        {fs::FileOp::Move, 3, fs::kErrorSharingViolation,
-         hr::FromWin32(fs::kErrorSharingViolation)},
-    };
+// A part whose folder is missing stops the split with the system's reason. (Every failing disk
+// step of a split is in fault_injection_test.cpp.)
+TEST_F(SplitTest, MissingFolderIsPathNotFound) {
     const stdfs::path dir = test::ScratchDir();
-    const stdfs::path source = test::GhostscriptPdf(
-        dir / "source.pdf", {Page(1, kMarker), Page(2, kMarker), Page(3, kMarker), Page(4)});
-    int n = 0;
-    for (const Case& c : cases) {
-        const std::string trace =
-            std::string(fs::FileOpName(c.op)) + " of part " + std::to_string(c.part);
-        SCOPED_TRACE(trace);
-        const stdfs::path case_dir = dir / std::to_string(++n);
-        stdfs::create_directories(case_dir);
-        const std::string failing = "part_" + std::to_string(c.part);
-        fs::SetFaultHook([&](fs::FileOp op, const stdfs::path& path) {
-            const std::string name = path.filename().string();
-            return op == c.op && (name == failing || name == failing + ".part") ? c.error : 0;
-        });
-        CZPdfContentObject object;
-        std::int32_t written = -1;
-        EXPECT_EQ(object.SplitPdf(FromPath(source), FromPath(case_dir / "part"), &written),
-                  c.result);
-        fs::SetFaultHook(nullptr);
-        EXPECT_EQ(written, c.part - 1);
-        EXPECT_FALSE(object.LastErrorText().empty());
-        Parts whole;
-        for (int part = 1; part < c.part; ++part) whole.push_back({part});
-        ExpectParts(case_dir, "part", whole);
-        for (int part = 1; part < c.part; ++part)
-            EXPECT_TRUE(test::QpdfCheckPasses(case_dir / ("part_" + std::to_string(part))));
-    }
-
+    const stdfs::path source =
+        test::GhostscriptPdf(dir / "source.pdf", {Page(1, kMarker), Page(2)});
     CZPdfContentObject object;
     std::int32_t written = -1;
     EXPECT_EQ(object.SplitPdf(FromPath(source), FromPath(dir / "missing" / "part"), &written),

@@ -1,0 +1,469 @@
+// Every disk-changing step of the writing methods, made to fail in turn. A clean run first
+// counts the steps that pass through the file fault hook; then, for every n, the n-th step
+// fails. Afterwards the user's file is byte-identical, nothing half-written or temporary is
+// left, the method reports the failure, nothing is written after the failing step, and the
+// same object succeeds once the disk works again.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "cli/sample_pdf.h"
+#include "content_object/content_object.h"
+#include "platform/byte_stream.h"
+#include "platform/files.h"
+#include "support/test_support.h"
+
+namespace zpdf {
+namespace {
+
+namespace stdfs = std::filesystem;
+using fs::FileOp;
+
+// The split source: five labelled pages cut into the parts {1, 2}, {3} and {4, 5}.
+const char* const kLabels[] = {"Alpha", "Bravo", "Charlie", "Delta", "Echo"};
+const std::vector<std::vector<int>> kParts = {{1, 2}, {3}, {4, 5}};
+
+// Content that makes a page large: small squares at scattered places. The numbers do not
+// compress to nothing, so the document reaches the disk in several writes even after qpdf
+// compressed its streams.
+std::string ScatteredSquares(int count) {
+    std::string out = "0.5 g\n";
+    unsigned state = 20240607u;
+    char line[64];
+    for (int i = 0; i < count; ++i) {
+        state = state * 1103515245u + 12345u;
+        const unsigned x = (state >> 4) % 50000u;
+        state = state * 1103515245u + 12345u;
+        const unsigned y = (state >> 4) % 80000u;
+        std::snprintf(line, sizeof line, "%u.%02u %u.%02u 0.5 0.5 re f\n", x / 100, x % 100,
+                      y / 100, y % 100);
+        out += line;
+    }
+    return out;
+}
+
+stdfs::path Sample(const stdfs::path& path, const std::vector<samples::SamplePage>& pages) {
+    EXPECT_TRUE(samples::WriteFile(path, samples::BuildPdf(pages)));
+    return path;
+}
+
+samples::SamplePage TextPage(const std::vector<std::string>& lines, std::string more = "") {
+    samples::SamplePage page;
+    page.content = samples::TextContent(lines, page.height) + more;
+    return page;
+}
+
+// The documents every attempt starts from; none of them is ever written by an attempt.
+struct Inputs {
+    stdfs::path dir;
+    stdfs::path document;      // two pages, the first large
+    stdfs::path extra;         // one page, appended before the saves
+    stdfs::path encrypted;     // the document under AES-128, passwords "user" and "owner"
+    stdfs::path split_source;  // the five labelled pages with their markers
+    std::vector<OptionalText> recipients;  // one certificate
+
+    // Like `encrypted`, but large enough for the certificate writer, which hands the file over
+    // in pieces of a megabyte, to write it in more than one. Made when first needed.
+    const stdfs::path& LargeEncrypted() {
+        if (large_encrypted.empty()) {
+            const stdfs::path plain = dir / "large.pdf";
+            Sample(plain, {TextPage({"Keep me"}, ScatteredSquares(200000)), TextPage({"And me"})});
+            large_encrypted =
+                test::QpdfEncrypt(plain, dir / "large-encrypted.pdf", "user", "owner", 128);
+        }
+        return large_encrypted;
+    }
+    stdfs::path large_encrypted;
+};
+
+// One attempt at a scenario: its folder, its objects, and what it expects of its result.
+struct Attempt {
+    explicit Attempt(Inputs& inputs) : in(inputs) {}
+    Inputs& in;
+    stdfs::path dir;
+    stdfs::path user_file;  // must stay byte-identical when the call fails; empty: none
+    CZPdfContentObject object;
+    CZPdfContentObject extra;
+    int expected_pages = 0;
+    std::int32_t parts = -1;  // SplitPdf's count
+};
+
+struct Step {
+    FileOp op;
+    stdfs::path path;
+};
+
+// Records every step the hook is asked about and fails the `fail_at`-th (1-based; 0 fails
+// none) with `error`.
+class StepRecorder {
+  public:
+    StepRecorder(std::size_t fail_at, int error) {
+        fs::SetFaultHook([this, fail_at, error](FileOp op, const stdfs::path& path) {
+            steps_.push_back({op, path});
+            return steps_.size() == fail_at ? error : 0;
+        });
+    }
+    ~StepRecorder() { Stop(); }
+    StepRecorder(const StepRecorder&) = delete;
+    StepRecorder& operator=(const StepRecorder&) = delete;
+    void Stop() { fs::SetFaultHook(nullptr); }
+    const std::vector<Step>& Steps() const { return steps_; }
+
+  private:
+    std::vector<Step> steps_;
+};
+
+// Keeps the load diagnostics off the console for the scope.
+class QuietStderr {
+  public:
+    QuietStderr() { ::testing::internal::CaptureStderr(); }
+    ~QuietStderr() { ::testing::internal::GetCapturedStderr(); }
+    QuietStderr(const QuietStderr&) = delete;
+    QuietStderr& operator=(const QuietStderr&) = delete;
+};
+
+struct Scenario {
+    const char* name;
+    // Steps a clean run must pass through the hook, each at least as often as listed.
+    std::vector<FileOp> steps;
+    std::function<void(Attempt&)> prepare;  // runs without the hook
+    std::function<HResult(Attempt&)> call;
+    bool win32_failure;  // a failure returns HRESULT_FROM_WIN32(error); otherwise E_FAIL
+    std::function<void(Attempt&, const Step& failed)> failed;  // what else holds after a failure
+    std::function<void(Attempt&)> succeeded;                   // what holds after success
+    std::size_t private_copies;  // "zpf" files the object holds after success
+};
+
+void PrintTo(const Scenario& scenario, std::ostream* out) {
+    *out << scenario.name;
+}
+
+// ---- The saves ----
+
+// Opens `file` and appends the extra page, so that the save has a change to carry.
+void OpenAndAppend(Attempt& attempt, const stdfs::path& source, const OptionalText& password) {
+    attempt.user_file = attempt.dir / "doc.pdf";
+    stdfs::copy_file(source, attempt.user_file);
+    ASSERT_EQ(attempt.object.SetPdfDocument(FromPath(attempt.user_file), 0, password), hr::kOk);
+    ASSERT_EQ(attempt.extra.SetPdfDocument(FromPath(attempt.in.extra), 0, u""), hr::kOk);
+    ASSERT_EQ(attempt.object.AppendPages(&attempt.extra), hr::kOk)
+        << attempt.object.LastErrorText();
+    attempt.expected_pages = 3;
+}
+
+// The documents stay open unless the failure came at the move, which closes them first. The
+// host then opens the file again, as it was: the appended page lived only in memory.
+void AfterFailedSave(Attempt& attempt, const Step& failed) {
+    const bool at_move = failed.op == FileOp::Move;
+    EXPECT_EQ(attempt.object.IsDocumentOpen(), !at_move);
+    if (at_move) {
+        std::int32_t pages = 0;
+        EXPECT_EQ(attempt.object.PageCount(&pages), hr::kOk) << attempt.object.LastErrorText();
+        EXPECT_EQ(pages, 2);
+        attempt.expected_pages = 2;
+    }
+}
+
+std::string QpdfOutput(const std::string& arguments, const stdfs::path& file) {
+    return test::Run("qpdf " + arguments + " " + test::Quote(file)).output;
+}
+
+// ---- The split ----
+
+int PartNumber(const stdfs::path& path) {
+    std::string name = path.filename().string();
+    const std::string side = ".part";
+    if (name.size() > side.size() &&
+        name.compare(name.size() - side.size(), side.size(), side) == 0)
+        name.resize(name.size() - side.size());
+    return std::atoi(name.substr(name.find('_') + 1).c_str());
+}
+
+// Exactly the first `count` parts are in `dir`, each whole: its pages and no other.
+void ExpectWholeParts(const stdfs::path& dir, int count) {
+    EXPECT_EQ(test::FilesStartingWith(dir, "part_").size(), static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        const stdfs::path part = dir / ("part_" + std::to_string(i + 1));
+        SCOPED_TRACE(part.filename().string());
+        ASSERT_TRUE(stdfs::exists(part));
+        EXPECT_TRUE(test::QpdfCheckPasses(part));
+        const std::vector<int>& pages = kParts[static_cast<std::size_t>(i)];
+        EXPECT_EQ(test::QpdfPageCount(part), static_cast<int>(pages.size()));
+        const std::string text = test::PdfToText(part);
+        for (int page = 1; page <= 5; ++page) {
+            const bool held = std::find(pages.begin(), pages.end(), page) != pages.end();
+            EXPECT_EQ(text.find(kLabels[page - 1]) != std::string::npos, held)
+                << "page " << page << " in: " << text;
+        }
+    }
+}
+
+// ---- The embedded record ----
+
+std::vector<std::uint8_t> EmbeddedRecord(const stdfs::path& document) {
+    const std::string bytes = test::ReadBytes(document);
+    std::vector<std::uint8_t> record;
+    const auto u32 = [&record](std::uint32_t v) {
+        for (int shift = 0; shift < 32; shift += 8)
+            record.push_back(static_cast<std::uint8_t>(v >> shift));
+    };
+    u32(1);  // version
+    u32(2);  // an empty path: its terminator only
+    record.insert(record.end(), {0, 0});
+    record.insert(record.end(), {0xFF, 0xFF});  // embedded
+    u32(0);                                     // a null password
+    u32(static_cast<std::uint32_t>(bytes.size()));
+    record.insert(record.end(), bytes.begin(), bytes.end());
+    return record;
+}
+
+void ExpectPrivateCopyOf(CZPdfContentObject& object, const stdfs::path& original) {
+    ASSERT_TRUE(object.HasPath());
+    const stdfs::path copy = ToPath(*object.PdfFilePath());
+    EXPECT_EQ(copy.filename().string().rfind("zpf", 0), 0u) << copy;
+    EXPECT_EQ(test::ReadBytes(copy), test::ReadBytes(original));
+    std::int32_t pages = 0;
+    EXPECT_EQ(object.PageCount(&pages), hr::kOk) << object.LastErrorText();
+    EXPECT_EQ(pages, 2);
+}
+
+const Scenario kScenarios[] = {
+    {"Save",
+     {FileOp::Create, FileOp::Write, FileOp::Write, FileOp::Flush, FileOp::Close, FileOp::Move},
+     [](Attempt& attempt) { OpenAndAppend(attempt, attempt.in.document, u""); },
+     [](Attempt& attempt) { return attempt.object.Save(); },
+     false,
+     AfterFailedSave,
+     [](Attempt& attempt) {
+         EXPECT_TRUE(test::QpdfCheckPasses(attempt.user_file));
+         EXPECT_EQ(test::QpdfPageCount(attempt.user_file), attempt.expected_pages);
+     },
+     0},
+    {"SaveWithSecurity",
+     {FileOp::Create, FileOp::Write, FileOp::Write, FileOp::Flush, FileOp::Close, FileOp::Move},
+     [](Attempt& attempt) { OpenAndAppend(attempt, attempt.in.encrypted, u"user"); },
+     [](Attempt& attempt) { return attempt.object.SaveWithSecurity(u"new user", u"new owner"); },
+     false,
+     AfterFailedSave,
+     [](Attempt& attempt) {
+         EXPECT_NE(QpdfOutput("--show-encryption --password='new user'", attempt.user_file)
+                       .find("R = 6\n"),
+                   std::string::npos);
+         EXPECT_EQ(QpdfOutput("--show-npages --password='new owner'", attempt.user_file),
+                   std::to_string(attempt.expected_pages) + "\n");
+     },
+     0},
+    {"SaveWithPubKeySecurity",
+     {FileOp::Create, FileOp::Write, FileOp::Write, FileOp::Flush, FileOp::Close, FileOp::Move},
+     [](Attempt& attempt) { OpenAndAppend(attempt, attempt.in.LargeEncrypted(), u"user"); },
+     [](Attempt& attempt) { return attempt.object.SaveWithPubKeySecurity(&attempt.in.recipients); },
+     false,
+     AfterFailedSave,
+     [](Attempt& attempt) {
+         // Only a certificate holder reads the pages (secured_save_test has PDFBox do that);
+         // here it is enough that the file is a certificate-secured document now.
+         const std::string bytes = test::ReadBytes(attempt.user_file);
+         EXPECT_EQ(bytes.substr(0, 9), "%PDF-1.7\n");
+         EXPECT_NE(bytes.find("/Adobe.PubSec"), std::string::npos);
+     },
+     0},
+    {"SplitPdf",
+     {FileOp::Create, FileOp::Create, FileOp::Create, FileOp::Write, FileOp::Write, FileOp::Write,
+      FileOp::Flush, FileOp::Flush, FileOp::Flush, FileOp::Close, FileOp::Close, FileOp::Close,
+      FileOp::Move, FileOp::Move, FileOp::Move},
+     [](Attempt& attempt) { attempt.user_file = attempt.in.split_source; },
+     [](Attempt& attempt) {
+         return attempt.object.SplitPdf(FromPath(attempt.in.split_source),
+                                        FromPath(attempt.dir / "part"), &attempt.parts);
+     },
+     true,
+     [](Attempt& attempt, const Step& failed) {
+         // The parts before the failing one are in place and whole; of that one nothing is.
+         const int failing = PartNumber(failed.path);
+         EXPECT_EQ(attempt.parts, failing - 1);
+         ExpectWholeParts(attempt.dir, failing - 1);
+     },
+     [](Attempt& attempt) {
+         EXPECT_EQ(attempt.parts, 3);
+         ExpectWholeParts(attempt.dir, 3);
+     },
+     0},
+    {"SetPdfDocumentEmbed",
+     {FileOp::Create, FileOp::Copy},
+     [](Attempt& attempt) { attempt.user_file = attempt.in.document; },
+     [](Attempt& attempt) {
+         return attempt.object.SetPdfDocument(FromPath(attempt.in.document), -1, u"");
+     },
+     true,
+     [](Attempt& attempt, const Step&) { EXPECT_FALSE(attempt.object.HasPath()); },
+     [](Attempt& attempt) { ExpectPrivateCopyOf(attempt.object, attempt.in.document); },
+     1},
+    {"LoadEmbeddedRecord",
+     // The temporary file is made, then opened for writing.
+     {FileOp::Create, FileOp::Create, FileOp::Write, FileOp::Write, FileOp::Write, FileOp::Flush,
+      FileOp::Close},
+     [](Attempt&) {},
+     [](Attempt& attempt) {
+         MemoryByteStream stream(EmbeddedRecord(attempt.in.document));
+         return attempt.object.Load(stream);
+     },
+     true,
+     [](Attempt& attempt, const Step&) {
+         // The object is reset, with the fields read before the content.
+         EXPECT_EQ(attempt.object.PdfFilePath(), OptionalText(u""));
+         EXPECT_EQ(attempt.object.EmbedFlag(), -1);
+         EXPECT_EQ(attempt.object.PasswordText(), std::nullopt);
+     },
+     [](Attempt& attempt) { ExpectPrivateCopyOf(attempt.object, attempt.in.document); },
+     1},
+};
+
+// Private copies go to a temporary folder of the test's own, so that leftovers can be counted.
+class FaultInjectionTest : public ::testing::TestWithParam<Scenario> {
+  protected:
+    void SetUp() override {
+        dir_ = test::ScratchDir();
+        tmp_ = dir_ / "tmp";
+        stdfs::create_directories(tmp_);
+        if (const char* old = std::getenv("TMPDIR")) old_tmp_ = old;
+        ::setenv("TMPDIR", tmp_.c_str(), 1);
+
+        const stdfs::path inputs = dir_ / "inputs";
+        stdfs::create_directories(inputs);
+        in_.dir = inputs;
+        in_.document =
+            Sample(inputs / "document.pdf",
+                   {TextPage({"Keep me"}, ScatteredSquares(12000)), TextPage({"And me"})});
+        in_.extra = Sample(inputs / "extra.pdf", {TextPage({"Appended"})});
+        in_.encrypted =
+            test::QpdfEncrypt(in_.document, inputs / "encrypted.pdf", "user", "owner", 128);
+        std::vector<samples::SamplePage> pages;
+        for (int page = 1; page <= 5; ++page) {
+            const bool marker = page == 2 || page == 3;
+            pages.push_back(marker ? TextPage({kLabels[page - 1], "@@nd@@"})
+                                   : TextPage({kLabels[page - 1]}));
+        }
+        in_.split_source = Sample(inputs / "split.pdf", pages);
+        const stdfs::path certificate = inputs / "cert.pem";
+        const auto made = test::Run(
+            "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj '/CN=Alice' -keyout " +
+            test::Quote(inputs / "key.pem") + " -out " + test::Quote(certificate));
+        ASSERT_EQ(made.exit_code, 0) << made.output;
+        in_.recipients = {FromAnsi(test::ReadBytes(certificate))};
+    }
+    void TearDown() override {
+        fs::SetFaultHook(nullptr);
+        if (old_tmp_) {
+            ::setenv("TMPDIR", old_tmp_->c_str(), 1);
+        } else {
+            ::unsetenv("TMPDIR");
+        }
+    }
+
+    std::unique_ptr<Attempt> NewAttempt(const std::string& name) {
+        auto attempt = std::make_unique<Attempt>(in_);
+        attempt->dir = dir_ / "runs" / name;
+        stdfs::create_directories(attempt->dir);
+        return attempt;
+    }
+    std::size_t PrivateCopies() const { return test::FilesStartingWith(tmp_, "zpf").size(); }
+    // Side files (".part") anywhere below the test's folder.
+    std::vector<stdfs::path> SideFiles() const {
+        std::vector<stdfs::path> found;
+        for (const auto& entry : stdfs::recursive_directory_iterator(dir_)) {
+            if (entry.path().extension() == ".part") found.push_back(entry.path());
+        }
+        return found;
+    }
+
+    stdfs::path dir_;
+    stdfs::path tmp_;
+    Inputs in_;
+    std::optional<std::string> old_tmp_;
+};
+
+TEST_P(FaultInjectionTest, EveryStepFailsCleanly) {
+    const Scenario& scenario = GetParam();
+
+    // The clean run: the steps that pass through the hook, and the result they make.
+    std::vector<Step> clean;
+    {
+        const auto attempt = NewAttempt("clean");
+        const QuietStderr quiet;
+        scenario.prepare(*attempt);
+        if (HasFatalFailure()) return;
+        StepRecorder recorder(0, 0);
+        const HResult result = scenario.call(*attempt);
+        recorder.Stop();
+        clean = recorder.Steps();
+        ASSERT_EQ(result, hr::kOk) << attempt->object.LastErrorText();
+        scenario.succeeded(*attempt);
+        EXPECT_TRUE(SideFiles().empty());
+        EXPECT_EQ(PrivateCopies(), scenario.private_copies);
+    }
+    EXPECT_EQ(PrivateCopies(), 0u) << "the object deletes its private copy";
+    std::map<FileOp, int> seen;
+    for (const Step& step : clean) ++seen[step.op];
+    std::map<FileOp, int> wanted;
+    for (const FileOp op : scenario.steps) ++wanted[op];
+    for (const auto& [op, count] : wanted) {
+        EXPECT_GE(seen[op], count) << fs::FileOpName(op) << " steps of a clean run";
+    }
+
+    for (std::size_t n = 1; n <= clean.size(); ++n) {
+        const FileOp op = clean[n - 1].op;
+        std::vector<int> errors = {fs::kErrorDiskFull};
+        if (op == FileOp::Create || op == FileOp::Move) errors.push_back(fs::kErrorAccessDenied);
+        for (const int error : errors) {
+            const std::string name = "step" + std::to_string(n) + "-error" + std::to_string(error);
+            SCOPED_TRACE(name + ": " + fs::FileOpName(op) + " of " +
+                         clean[n - 1].path.filename().string());
+            const auto attempt = NewAttempt(name);
+            const QuietStderr quiet;
+            scenario.prepare(*attempt);
+            if (HasFatalFailure()) return;
+            const std::string before =
+                attempt->user_file.empty() ? std::string() : test::ReadBytes(attempt->user_file);
+
+            StepRecorder recorder(n, error);
+            const HResult result = scenario.call(*attempt);
+            recorder.Stop();
+            ASSERT_EQ(recorder.Steps().size(), n) << "nothing is written after the failing step";
+            const Step& failed = recorder.Steps()[n - 1];
+            EXPECT_EQ(failed.op, op);
+            EXPECT_EQ(result, scenario.win32_failure ? hr::FromWin32(error) : hr::kFail);
+            EXPECT_FALSE(attempt->object.LastErrorText().empty());
+            if (!attempt->user_file.empty()) {
+                EXPECT_EQ(test::ReadBytes(attempt->user_file), before);
+            }
+            EXPECT_TRUE(SideFiles().empty());
+            EXPECT_EQ(PrivateCopies(), 0u);
+            scenario.failed(*attempt, failed);
+
+            // The disk works again: the same object succeeds.
+            EXPECT_EQ(scenario.call(*attempt), hr::kOk) << attempt->object.LastErrorText();
+            scenario.succeeded(*attempt);
+            EXPECT_TRUE(SideFiles().empty());
+            EXPECT_EQ(PrivateCopies(), scenario.private_copies);
+        }
+    }
+}
+
+std::string ScenarioName(const ::testing::TestParamInfo<Scenario>& param) {
+    return param.param.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Writes, FaultInjectionTest, ::testing::ValuesIn(kScenarios), ScenarioName);
+
+}  // namespace
+}  // namespace zpdf

@@ -32,6 +32,9 @@ cmake --build "$build" -j "$jobs"
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:strict_string_checks=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 
+# Eight threads doing the typical job at once, under ThreadSanitizer (its own small build).
+bash scripts/run-tsan.sh
+
 # The fuzz targets, each for a bounded time (ZPDF_FUZZ_SECONDS, default 30), built with clang.
 # ZPDF_SKIP_FUZZ=1 leaves them out, for a quick local run.
 if [ "${ZPDF_SKIP_FUZZ:-0}" != 1 ]; then

@@ -8,7 +8,11 @@
 namespace zpdf::engine {
 namespace {
 
-std::array<std::mutex, FZ_LOCK_MAX> g_locks;
+// Recursive: the engine takes its allocation lock while it compares the keys of its store, and
+// comparing two equal dictionaries from different documents can grow a document's cross-reference
+// table, which allocates and takes that lock again on the same thread. An engine context without
+// locks lets that pass; a plain mutex would wait for itself forever.
+std::array<std::recursive_mutex, FZ_LOCK_MAX> g_locks;
 
 void LockEngine(void* /*user*/, int lock) {
     g_locks[static_cast<std::size_t>(lock)].lock();

@@ -1,0 +1,118 @@
+// What the corpus run and the document fuzz target found, each as a small file of its kind made
+// here. Every file goes through the whole job in a process of its own with a time limit, as the
+// corpus run does it, and its pages are counted and measured in this process.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "content_object/content_object.h"
+#include "platform/text.h"
+#include "support/test_support.h"
+
+namespace zpdf {
+namespace {
+
+namespace stdfs = std::filesystem;
+
+// A PDF file whose object i + 1 is objects[i], with a classic cross-reference table that lists
+// the first `listed` objects (all of them when negative) and a /Size to match.
+std::string PdfFile(const std::vector<std::string>& objects, int listed = -1) {
+    const std::size_t count = listed < 0 ? objects.size() : static_cast<std::size_t>(listed);
+    std::string out = "%PDF-1.4\n";
+    std::vector<std::size_t> offsets;
+    for (std::size_t i = 0; i < objects.size(); ++i) {
+        offsets.push_back(out.size());
+        out += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+    }
+    const std::size_t xref = out.size();
+    out += "xref\n0 " + std::to_string(count + 1) + "\n0000000000 65535 f \n";
+    for (std::size_t i = 0; i < count; ++i) {
+        char entry[24];
+        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offsets[i]);
+        out += entry;
+    }
+    out += "trailer\n<< /Size " + std::to_string(count + 1) + " /Root 1 0 R >>\nstartxref\n" +
+           std::to_string(xref) + "\n%%EOF\n";
+    return out;
+}
+
+std::string Stream(const std::string& content) {
+    return "<< /Length " + std::to_string(content.size()) + " >>\nstream\n" + content +
+           "\nendstream";
+}
+
+std::string Page(int parent, int width, int height, const std::string& extra = "") {
+    return "<< /Type /Page /Parent " + std::to_string(parent) + " 0 R /MediaBox [0 0 " +
+           std::to_string(width) + " " + std::to_string(height) + "] " + extra + " >>";
+}
+
+struct Size {
+    double width;
+    double height;
+};
+
+struct Case {
+    const char* name;
+    std::string pdf;
+    std::vector<Size> pages;  // what the content object must count and measure
+};
+
+std::vector<Case> Cases() {
+    const std::string text = Stream("BT /F1 24 Tf 72 700 Td (Hello) Tj ET");
+    return {
+        // The page's font is a dictionary of its own inside the page. Drawing the page puts the
+        // font in the engine's store under that dictionary; drawing a page stamped with it in
+        // another document compares the two equal dictionaries, which grows the first
+        // document's cross-reference table under the store's lock: the job waited for itself.
+        {"direct font dictionary",
+         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+                  Page(2, 595, 842,
+                       "/Contents 4 0 R /Resources << /Font << /F1 << /Type /Font /Subtype "
+                       "/Type1 /BaseFont /Helvetica >> >> >>"),
+                  text}),
+         {{595, 842}}},
+    };
+}
+
+TEST(CorpusRegression, DamagedFilesGoThroughTheWholeJob) {
+    const stdfs::path scratch = test::ScratchDir();
+    const std::vector<Case> cases = Cases();
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        const Case& c = cases[i];
+        SCOPED_TRACE(c.name);
+        const stdfs::path dir = scratch / std::to_string(i);
+        stdfs::create_directories(dir);
+        const stdfs::path file = dir / "document.pdf";
+        test::WriteBytes(file, c.pdf);
+
+        // The count and sizes in this process; a failure here leaves the other cases to run.
+        [&] {
+            CZPdfContentObject object;
+            ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
+            std::int32_t pages = 0;
+            ASSERT_EQ(object.PageCount(&pages), hr::kOk) << object.LastErrorText();
+            ASSERT_EQ(pages, static_cast<std::int32_t>(c.pages.size()));
+            for (std::int32_t page = 1; page <= pages; ++page) {
+                double width = 0;
+                double height = 0;
+                ASSERT_EQ(object.GetPageSize(page, &width, &height), hr::kOk)
+                    << "page " << page << ": " << object.LastErrorText();
+                EXPECT_DOUBLE_EQ(width, c.pages[page - 1].width) << "page " << page;
+                EXPECT_DOUBLE_EQ(height, c.pages[page - 1].height) << "page " << page;
+            }
+        }();
+
+        const test::ToolResult job =
+            test::Run("timeout -k 5 60 " + std::string(ZPDF_CORPUS_JOB) + " " + test::Quote(file) +
+                      " " + test::Quote(dir / "job") + " 2>/dev/null");
+        EXPECT_EQ(job.exit_code, 0) << job.output;
+        EXPECT_EQ(job.output.rfind("pages: " + std::to_string(c.pages.size()) + "\n", 0), 0u)
+            << job.output;
+        EXPECT_EQ(job.output.find(": refused"), std::string::npos) << job.output;
+    }
+}
+
+}  // namespace
+}  // namespace zpdf

@@ -1,3 +1,4 @@
+#include <climits>
 #include <cstring>
 
 #include "engine/engine_internal.h"
@@ -52,12 +53,108 @@ int Authenticate(fz_context* ctx, pdf_document* doc, const char* password) {
     return authenticated;
 }
 
+// Deeper page trees are broken or hostile.
+constexpr int kMaxPageTreeDepth = 64;
+
+// Whether a kid of a page tree node is a node itself or a page, decided as the engine's page
+// lookup decides it.
+bool IsPageTreeNode(fz_context* ctx, pdf_obj* kid) {
+    pdf_obj* type = pdf_dict_get(ctx, kid, PDF_NAME(Type));
+    if (type != nullptr) return pdf_name_eq(ctx, type, PDF_NAME(Pages)) != 0;
+    return pdf_dict_get(ctx, kid, PDF_NAME(Kids)) != nullptr &&
+           pdf_dict_get(ctx, kid, PDF_NAME(MediaBox)) == nullptr;
+}
+
+// Page counts of the indirect nodes already counted, by object number; -1 for not yet. A node
+// that several parents share is counted once.
+struct NodeCounts {
+    int64_t* counts = nullptr;
+    int length = 0;
+};
+
+// The pages below `node`, as the engine's lookup walks them; every node whose /Count says
+// otherwise is given the number found.
+int64_t CountAndCorrect(fz_context* ctx, pdf_obj* node, NodeCounts* known, int depth) {
+    const int num = pdf_is_indirect(ctx, node) ? pdf_to_num(ctx, node) : 0;
+    if (num > 0 && num < known->length && known->counts[num] >= 0) return known->counts[num];
+    if (depth > kMaxPageTreeDepth) fz_throw(ctx, FZ_ERROR_GENERIC, "page tree too deep");
+    if (pdf_mark_obj(ctx, node)) fz_throw(ctx, FZ_ERROR_GENERIC, "cycle in the page tree");
+    volatile int64_t total = 0;
+    fz_try(ctx) {
+        pdf_obj* kids = pdf_dict_get(ctx, node, PDF_NAME(Kids));
+        const int length = pdf_array_len(ctx, kids);
+        for (int i = 0; i < length; ++i) {
+            pdf_obj* kid = pdf_array_get(ctx, kids, i);
+            total = total +
+                    (IsPageTreeNode(ctx, kid) ? CountAndCorrect(ctx, kid, known, depth + 1) : 1);
+            if (total > INT_MAX) fz_throw(ctx, FZ_ERROR_GENERIC, "too many pages");
+        }
+        pdf_obj* count = pdf_dict_get(ctx, node, PDF_NAME(Count));
+        if (!pdf_is_int(ctx, count) || pdf_to_int64(ctx, count) != total)
+            pdf_dict_put_int(ctx, node, PDF_NAME(Count), total);
+    }
+    fz_always(ctx) {
+        pdf_unmark_obj(ctx, node);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+    if (num > 0 && num < known->length) known->counts[num] = total;
+    return total;
+}
+
+// The engine takes the number of pages from the page tree root's /Count and finds a page by
+// the /Count of the nodes on the way down. A count that disagrees with the tree makes pages
+// appear that are not there (a damaged /Count of ten billion) or vanish; each node is given the
+// number of pages it holds. A tree with a cycle or too deep is left as it is: the engine
+// refuses its pages as it meets them.
+void CorrectPageCounts(fz_context* ctx, pdf_document* doc) {
+    NodeCounts known;
+    fz_var(known);
+    fz_try(ctx) {
+        pdf_obj* root = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
+        if (pdf_is_dict(ctx, root)) {
+            known.length = pdf_xref_len(ctx, doc);
+            known.counts = static_cast<int64_t*>(
+                fz_malloc(ctx, sizeof(int64_t) * static_cast<size_t>(known.length)));
+            for (int i = 0; i < known.length; ++i) known.counts[i] = -1;
+            CountAndCorrect(ctx, root, &known, 0);
+        }
+    }
+    fz_always(ctx) {
+        fz_free(ctx, known.counts);
+    }
+    fz_catch(ctx) {
+        fz_warn(ctx, "cannot check the page counts: %s", fz_caught_message(ctx));
+    }
+}
+
 bool LooksLikeSecurityProblem(const char* message) {
     return std::strstr(message, "encrypt") != nullptr || std::strstr(message, "crypt") != nullptr ||
            std::strstr(message, "security") != nullptr;
 }
 
 }  // namespace
+
+// A cross-reference table can read without error and still leave the catalog's page tree out,
+// when a damaged subsection header cuts the table short. The engine rebuilds a table only when
+// reading it fails, or when an object is not where the table says; an object the table does not
+// list at all is simply absent. A document whose page tree cannot be reached is rebuilt here
+// from its objects, with the steps the engine takes when it rebuilds one on its own.
+void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc) {
+    if (doc->repair_attempted) return;
+    fz_try(ctx) {
+        if (!pdf_is_dict(ctx, pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages"))) {
+            fz_warn(ctx, "the page tree cannot be reached: rebuilding the cross-reference table");
+            pdf_repair_xref(ctx, doc);
+            pdf_repair_obj_stms(ctx, doc);
+            pdf_repair_trailer(ctx, doc);
+        }
+    }
+    fz_catch(ctx) {
+        fz_warn(ctx, "cannot rebuild the document: %s", fz_caught_message(ctx));
+    }
+}
 
 Document::Document() : impl_(std::make_unique<Impl>()) {
     impl_->ctx = NewClonedContext();
@@ -100,6 +197,9 @@ void Document::Open(std::FILE* file, const std::optional<std::string>& password)
         throw EngineError(ErrorCategory::Password,
                           "the document needs a password, and none given fits");
     }
+
+    RebuildIfPageTreeUnreachable(ctx, doc);
+    CorrectPageCounts(ctx, doc);
 
     fz_try(ctx) {
         RunOpenScripts(ctx, doc);

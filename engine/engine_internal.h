@@ -28,6 +28,10 @@ struct FileStreamState;
 fz_stream* OpenFileStream(fz_context* ctx, std::FILE* file);
 bool FileStreamFailed(fz_stream* stream);
 
+// Rebuilds the cross-reference table of a document whose page tree cannot be reached, as the
+// engine rebuilds a damaged one. Never throws.
+void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc);
+
 // Runs the engine's writer over `sink` with the given options. Throws EngineError.
 void WriteDocument(fz_context* ctx, pdf_document* doc, ByteSink& sink,
                    const pdf_write_options& options);

@@ -480,6 +480,7 @@ void SplitSource::Open(std::FILE* file) {
     if (!OpensWithoutPassword(ctx, doc)) {
         throw EngineError(ErrorCategory::Password, "the document needs a password");
     }
+    RebuildIfPageTreeUnreachable(ctx, doc);
     // What is parsed by now (trailer, catalogue, encryption) stays; the rest comes and goes.
     MarkObjectsToKeep(ctx, doc);
     BuildPageIndex(ctx, doc, &impl_->index);

@@ -73,6 +73,39 @@ std::vector<Case> Cases() {
                        "/Type1 /BaseFont /Helvetica >> >> >>"),
                   text}),
          {{595, 842}}},
+        // The table lists the catalog alone, as a damaged subsection header leaves it; the
+        // page tree is only found by rebuilding the table (no page at all before).
+        {"page tree left out of the table",
+         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+                  Page(2, 300, 400)},
+                 1),
+         {{300, 400}}},
+        // The root's /Count claims ten billion pages (the engine read it as 1410065407 and the
+        // job measured for hours); the tree holds one.
+        {"root count of ten billion",
+         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
+                  "<< /Type /Pages /Kids [3 0 R] /Count 9999999999 >>", Page(2, 200, 100)}),
+         {{200, 100}}},
+        // A negative count hid both pages.
+        {"negative root count",
+         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
+                  "<< /Type /Pages /Kids [3 0 R 4 0 R] /Count -3 >>", Page(2, 100, 200),
+                  Page(2, 300, 400)}),
+         {{100, 200}, {300, 400}}},
+        // An inner node that says it holds one page of its two: the second page was found in
+        // the third's place and the third not at all.
+        {"inner count too small",
+         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
+                  "<< /Type /Pages /Kids [3 0 R 6 0 R] /Count 3 >>",
+                  "<< /Type /Pages /Parent 2 0 R /Kids [4 0 R 5 0 R] /Count 1 >>",
+                  Page(3, 100, 100), Page(3, 200, 200), Page(2, 300, 300)}),
+         {{100, 100}, {200, 200}, {300, 300}}},
+        // One node under the root twice: its page is there twice, counted once per place.
+        {"shared inner node",
+         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
+                  "<< /Type /Pages /Kids [3 0 R 3 0 R] /Count 7 >>",
+                  "<< /Type /Pages /Parent 2 0 R /Kids [4 0 R] /Count 1 >>", Page(3, 150, 250)}),
+         {{150, 250}, {150, 250}}},
     };
 }
 

@@ -1,26 +1,6 @@
-# Cross build for 32-bit Windows with Debian's MinGW-w64 compilers (posix thread model, so
-# std::thread and std::mutex work). Everything is linked statically, libgcc, libstdc++ and
-# winpthread included, so the DLL imports nothing but Windows' own DLLs.
+# Cross build for 32-bit Windows with Debian's MinGW-w64 compilers.
 #   cmake -S . -B build-i686 -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/i686-w64-mingw32.cmake \
 #         -DZPDF_MUPDF_PREFIX=$(scripts/windows/build-deps.sh i686 | tail -n 1)
-set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR i686)
-
 set(ZPDF_MINGW_TRIPLET i686-w64-mingw32)
-set(ZPDF_MINGW_TRIPLET ${ZPDF_MINGW_TRIPLET} CACHE STRING "Target triplet of the MinGW-w64 tools")
-
-set(CMAKE_C_COMPILER ${ZPDF_MINGW_TRIPLET}-gcc-posix)
-set(CMAKE_CXX_COMPILER ${ZPDF_MINGW_TRIPLET}-g++-posix)
-set(CMAKE_RC_COMPILER ${ZPDF_MINGW_TRIPLET}-windres)
-
-# Libraries and headers come from the MinGW-w64 tree (and from explicit prefixes), programs
-# from the build machine.
-set(CMAKE_FIND_ROOT_PATH /usr/${ZPDF_MINGW_TRIPLET})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
-set(CMAKE_MODULE_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-w64.cmake)

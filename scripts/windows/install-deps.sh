@@ -97,7 +97,6 @@ print("\n\n".join(out))
 EOF
 }
 
-updated=0
 src_file=/etc/apt/sources.list.d/zpdf-deb-src.sources
 if ! has_deb_src; then
     stanzas=$(deb_src_stanzas)
@@ -109,15 +108,7 @@ if ! has_deb_src; then
     printf '# Source packages for scripts/windows/build-deps.sh.\n%s\n' "$stanzas" |
         "${sudo_cmd[@]}" tee "$src_file" >/dev/null
     "${sudo_cmd[@]}" apt-get update -qq
-    updated=1
 fi
 
-missing=()
-for p in "${packages[@]}"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-[ ${#missing[@]} -eq 0 ] && exit 0
-
-echo "installing: ${missing[*]}" >&2
-[ "$updated" -eq 1 ] || "${sudo_cmd[@]}" apt-get update -qq
-"${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# The packages themselves, with the native build's: checked and installed as there.
+ZPDF_EXTRA_PACKAGES="${packages[*]}" bash "$(dirname "$0")/../install-deps.sh"

@@ -156,6 +156,19 @@ void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc) {
     }
 }
 
+void RequireCatalog(fz_context* ctx, pdf_document* doc) {
+    if (!pdf_is_dict(ctx, pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root)))) {
+        fz_throw(ctx, FZ_ERROR_GENERIC,
+                 doc->repair_attempted ? "the document could not be repaired and lost its objects"
+                                       : "the document has no catalog");
+    }
+}
+
+int CountDocumentPages(fz_context* ctx, pdf_document* doc) {
+    RequireCatalog(ctx, doc);
+    return pdf_count_pages(ctx, doc);
+}
+
 Document::Document() : impl_(std::make_unique<Impl>()) {
     impl_->ctx = NewClonedContext();
 }
@@ -234,7 +247,7 @@ int Document::PageCount() {
     fz_context* ctx = impl_->ctx;
     volatile int count = 0;
     fz_try(ctx) {
-        count = pdf_count_pages(ctx, impl_->doc);
+        count = CountDocumentPages(ctx, impl_->doc);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, ErrorCategory::NotPdf, "cannot count the pages");
@@ -248,7 +261,7 @@ PageSize Document::GetPageSize(int index) {
     fz_page* page = nullptr;
     fz_var(page);
     fz_try(ctx) {
-        if (index < 0 || index >= pdf_count_pages(ctx, impl_->doc)) {
+        if (index < 0 || index >= CountDocumentPages(ctx, impl_->doc)) {
             fz_throw(ctx, FZ_ERROR_GENERIC, "page %d does not exist", index + 1);
         }
         page = fz_load_page(ctx, &impl_->doc->super, index);
@@ -325,6 +338,7 @@ void WriteDocument(fz_context* ctx, pdf_document* doc, ByteSink& sink,
     fz_var(out);
     SinkState state{&sink, 0};
     fz_try(ctx) {
+        RequireCatalog(ctx, doc);
         out = fz_new_output(ctx, 64 * 1024, &state, WriteToSink, nullptr, nullptr);
         out->tell = TellSink;
         pdf_write_document(ctx, doc, out, &options);

@@ -28,6 +28,14 @@ struct FileStreamState;
 fz_stream* OpenFileStream(fz_context* ctx, std::FILE* file);
 bool FileStreamFailed(fz_stream* stream);
 
+// The engine rebuilds a damaged cross-reference table on its own when an object is not where the
+// table says; when that rebuild fails halfway, the document is left without any object. Throws
+// (an engine error, so call it inside fz_try) for a document without a catalog: nothing of it
+// may be counted, drawn, copied or written as if it were the document.
+void RequireCatalog(fz_context* ctx, pdf_document* doc);
+// The page count of a document that has its catalog; throws an engine error otherwise.
+int CountDocumentPages(fz_context* ctx, pdf_document* doc);
+
 // Rebuilds the cross-reference table of a document whose page tree cannot be reached, as the
 // engine rebuilds a damaged one. Never throws.
 void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc);

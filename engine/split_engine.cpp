@@ -423,7 +423,7 @@ int OpensWithoutPassword(fz_context* ctx, pdf_document* doc) {
 int CountPages(fz_context* ctx, pdf_document* doc) {
     volatile int count = 0;
     fz_try(ctx) {
-        count = pdf_count_pages(ctx, doc);
+        count = CountDocumentPages(ctx, doc);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, ErrorCategory::NotPdf, "cannot count the pages");

@@ -227,7 +227,7 @@ int SpliceContent(fz_context* ctx, pdf_document* doc, pdf_obj* page, const char*
 }
 
 pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, int page_index) {
-    if (page_index < 0 || page_index >= pdf_count_pages(ctx, doc)) {
+    if (page_index < 0 || page_index >= engine::CountDocumentPages(ctx, doc)) {
         fz_throw(ctx, FZ_ERROR_GENERIC, "page %d does not exist", page_index + 1);
     }
     return pdf_lookup_page_obj(ctx, doc, page_index);
@@ -255,9 +255,10 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
     pdf_document* from = src.Internals().doc;
     volatile int count = 0;
     fz_try(ctx) {
-        const int total = pdf_count_pages(ctx, to);
+        const int total = engine::CountDocumentPages(ctx, to);
         if (at < 0 || at > total)
             fz_throw(ctx, FZ_ERROR_GENERIC, "cannot insert pages at index %d", at);
+        engine::RequireCatalog(ctx, from);
         count = pages != nullptr ? static_cast<int>(pages->size()) : pdf_count_pages(ctx, from);
         PrepareDestination(ctx, to);
     }
@@ -278,7 +279,8 @@ void DeletePage(engine::Document& doc, int index) {
     fz_context* ctx = doc.Internals().ctx;
     pdf_document* pdf = doc.Internals().doc;
     fz_try(ctx) {
-        if (index >= 0 && index < pdf_count_pages(ctx, pdf)) pdf_delete_page(ctx, pdf, index);
+        if (index >= 0 && index < engine::CountDocumentPages(ctx, pdf))
+            pdf_delete_page(ctx, pdf, index);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, engine::ErrorCategory::Other, "cannot delete a page");

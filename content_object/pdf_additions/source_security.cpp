@@ -12,6 +12,7 @@ SourceSecurity ReadSourceSecurity(fz_context* ctx, pdf_document* doc) {
     SourceSecurity source;
     fz_var(source);
     fz_try(ctx) {
+        engine::RequireCatalog(ctx, doc);
         pdf_obj* reference = pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Encrypt));
         pdf_obj* encrypt = pdf_resolve_indirect(ctx, reference);
         if (pdf_is_dict(ctx, encrypt)) {

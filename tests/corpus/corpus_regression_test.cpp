@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -17,8 +18,9 @@ namespace {
 namespace stdfs = std::filesystem;
 
 // A PDF file whose object i + 1 is objects[i], with a classic cross-reference table that lists
-// the first `listed` objects (all of them when negative) and a /Size to match.
-std::string PdfFile(const std::vector<std::string>& objects, int listed = -1) {
+// the first `listed` objects (all of them when negative) and a /Size to match. The entry of
+// object `misplaced` points at the end of the object before it.
+std::string PdfFile(const std::vector<std::string>& objects, int listed = -1, int misplaced = 0) {
     const std::size_t count = listed < 0 ? objects.size() : static_cast<std::size_t>(listed);
     std::string out = "%PDF-1.4\n";
     std::vector<std::size_t> offsets;
@@ -30,7 +32,10 @@ std::string PdfFile(const std::vector<std::string>& objects, int listed = -1) {
     out += "xref\n0 " + std::to_string(count + 1) + "\n0000000000 65535 f \n";
     for (std::size_t i = 0; i < count; ++i) {
         char entry[24];
-        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offsets[i]);
+        const std::size_t offset = static_cast<int>(i) + 1 == misplaced
+                                       ? offsets[i] - std::strlen("endobj\n")
+                                       : offsets[i];
+        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offset);
         out += entry;
     }
     out += "trailer\n<< /Size " + std::to_string(count + 1) + " /Root 1 0 R >>\nstartxref\n" +
@@ -57,6 +62,8 @@ struct Case {
     const char* name;
     std::string pdf;
     std::vector<Size> pages;  // what the content object must count and measure
+    // Lines the job must print; with none, every step of the job must be done.
+    std::vector<std::string> job_lines = {};
 };
 
 std::vector<Case> Cases() {
@@ -106,6 +113,22 @@ std::vector<Case> Cases() {
                   "<< /Type /Pages /Kids [3 0 R 3 0 R] /Count 7 >>",
                   "<< /Type /Pages /Parent 2 0 R /Kids [4 0 R] /Count 1 >>", Page(3, 150, 250)}),
          {{150, 250}, {150, 250}}},
+        // Drawing loads the font, which is not where the table says, so the engine rebuilds the
+        // table; the rebuild gives up at the last object, whose string runs to the end of the
+        // file, and leaves the document without any object. The steps after that saved an empty
+        // document over the file and appended
+        // no page while reporting success; now they refuse.
+        {"rebuild that fails halfway",
+         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+                  Page(2, 400, 500, "/Contents 4 0 R /Resources << /Font << /F1 5 0 R >> >>"), text,
+                  "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>", "<< /Damaged (text >>"},
+                 -1, 5),
+         {{400, 500}},
+         {"draw: done: 1 pages\n",
+          "append: refused: Cannot append the pages: cannot import the pages: the document could "
+          "not be repaired and lost its objects (0x8000FFFF)\n",
+          "save: refused: cannot write the document: the document could not be repaired and lost "
+          "its objects (0x80004005)\n"}},
     };
 }
 
@@ -143,7 +166,12 @@ TEST(CorpusRegression, DamagedFilesGoThroughTheWholeJob) {
         EXPECT_EQ(job.exit_code, 0) << job.output;
         EXPECT_EQ(job.output.rfind("pages: " + std::to_string(c.pages.size()) + "\n", 0), 0u)
             << job.output;
-        EXPECT_EQ(job.output.find(": refused"), std::string::npos) << job.output;
+        if (c.job_lines.empty()) {
+            EXPECT_EQ(job.output.find(": refused"), std::string::npos) << job.output;
+        }
+        for (const std::string& line : c.job_lines) {
+            EXPECT_NE(job.output.find(line), std::string::npos) << line << job.output;
+        }
     }
 }
 

@@ -1,0 +1,64 @@
+// Any bytes as a PDF file: a content object loads them and runs the typical job on the loaded
+// document (page count, page sizes, the first page drawn small into an in-memory raster, its
+// pages stamped onto a small document and appended to one, saved to a temporary file, split,
+// and re-secured when encrypted). The component must refuse what it cannot do with a result and
+// a reason, and whatever it claims to have done must hold: the job reports any step whose
+// result is wrong, and that stops the run.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "tests/corpus/typical_job.h"
+
+namespace {
+
+void Check(bool condition) {
+    if (!condition) std::abort();
+}
+
+std::filesystem::path g_folder;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    // Every file of a run goes to a folder of its own, removed at exit; so do the component's
+    // private copies.
+    std::string base = (std::filesystem::temp_directory_path() / "zpdf-fuzz-XXXXXX").string();
+    Check(::mkdtemp(base.data()) != nullptr);
+    g_folder = base;
+    ::setenv("TMPDIR", base.c_str(), 1);
+    std::atexit([] {
+        std::error_code ec;
+        std::filesystem::remove_all(g_folder, ec);
+    });
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::filesystem::path input = g_folder / "input.pdf";
+    {
+        std::ofstream out(input, std::ios::binary | std::ios::trunc);
+        out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+        Check(static_cast<bool>(out));
+    }
+    zpdf::corpus::JobOptions options;
+    options.document = input;
+    options.work_dir = g_folder / "job";
+    options.pages_to_measure = 16;
+    options.max_pages_to_assemble = 16;
+    options.pages_to_draw = 1;
+    options.draw_dpi = 9;
+    options.max_raster_side = 64;
+    const zpdf::corpus::JobReport report = zpdf::corpus::RunTypicalJob(options);
+    if (report.AnyWrong()) {
+        std::fputs(zpdf::corpus::FormatReport(report).c_str(), stderr);
+        std::abort();
+    }
+    std::error_code ec;
+    std::filesystem::remove_all(options.work_dir, ec);
+    return 0;
+}

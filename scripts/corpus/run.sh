@@ -9,8 +9,9 @@
 #   scripts/corpus/run.sh JOB_BINARY [CORPUS_DIR]
 # JOB_BINARY is tests/corpus/zpdf_corpus_job of a build; a build with ZPDF_SANITIZE=ON finds
 # the most. ZPDF_CORPUS_TIMEOUT: seconds per file (default 120). ZPDF_CORPUS_JOBS: files at
-# once (default 2). ZPDF_CORPUS_LOGS: a folder that keeps the output of every file that did
-# not simply pass (default: a new temporary folder, printed at the end).
+# once (default 2). ZPDF_CORPUS_LOGS: a folder that keeps the verdicts (results.tsv) and the
+# output of every file where not every step was done (default: a new temporary folder, printed
+# at the end).
 set -euo pipefail
 
 job=$(realpath "${1:?usage: run.sh JOB_BINARY [CORPUS_DIR]}")
@@ -64,7 +65,7 @@ check_one() {
         verdict="$verdict qpdf-reads(qpdf=$theirs)"
     fi
     case "$verdict" in
-        opened-all-done | opened-some-refused | refused) ;;
+        opened-all-done) ;;
         *) printf '%s\n%s\n' "$file" "$out" >"$logs/$(basename "$file").$(basename "$dir").log" ;;
     esac
     printf '%s\t%s\n' "$verdict" "$file"
@@ -75,6 +76,7 @@ find "$corpus" -type f -iname '*.pdf' -print0 | sort -z |
     xargs -0 -P "$parallel" -I{} bash -c 'check_one "$@"' _ {} "$job" "$limit" "$work" "$logs" \
         >"$work/results"
 
+sort -k2 "$work/results" >"$logs/results.tsv"
 total=$(wc -l <"$work/results")
 count() { grep -c -E "$1" "$work/results" || true; }
 row() { printf '%-44s %6s\n' "$1" "$2"; }
@@ -91,5 +93,5 @@ row "wrong results" "$(count '^wrong')"
 row "page count differs from qpdf" "$(count 'differs\(')"
 row "failed without a clear message" "$(count '^unclear')"
 grep -v -E '^(opened-all-done|opened-some-refused|refused)'$'\t' "$work/results" | sed 's/^/  /' || true
-echo "logs of the files listed: $logs"
+echo "verdicts and logs: $logs"
 [ "$(count '^(crash|hang|sanitizer|wrong)')" -eq 0 ]

@@ -1,5 +1,6 @@
 #include <climits>
 #include <cstring>
+#include <new>
 
 #include "engine/engine_internal.h"
 
@@ -158,15 +159,69 @@ void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc) {
 
 void RequireCatalog(fz_context* ctx, pdf_document* doc) {
     if (!pdf_is_dict(ctx, pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root)))) {
+        const bool emptied = doc->repair_attempted && pdf_xref_len(ctx, doc) <= 1;
         fz_throw(ctx, FZ_ERROR_GENERIC,
-                 doc->repair_attempted ? "the document could not be repaired and lost its objects"
-                                       : "the document has no catalog");
+                 emptied ? "the document could not be repaired and lost its objects"
+                         : "the document has no catalog");
     }
 }
 
 int CountDocumentPages(fz_context* ctx, pdf_document* doc) {
     RequireCatalog(ctx, doc);
     return pdf_count_pages(ctx, doc);
+}
+
+namespace {
+
+// Fills the page number cache from one walk of the page tree. Leaves it empty when the tree
+// cannot be walked; lookups then take the engine's own way.
+void LoadPageNumbers(Document::Impl& impl, int count) noexcept {
+    fz_context* ctx = impl.ctx;
+    pdf_document* doc = impl.doc;
+    volatile int loaded = 0;
+    fz_try(ctx) {
+        pdf_load_page_tree(ctx, doc);
+        loaded = 1;
+    }
+    fz_catch(ctx) {
+        loaded = 0;
+    }
+    if (loaded == 0) return;
+    if (doc->fwd_page_map != nullptr && doc->map_page_count == count) {
+        try {
+            impl.page_numbers.assign(doc->fwd_page_map, doc->fwd_page_map + count);
+        } catch (const std::bad_alloc&) {
+            impl.page_numbers.clear();
+        }
+    }
+    pdf_drop_page_tree(ctx, doc);
+}
+
+}  // namespace
+
+pdf_obj* LookupPage(Document::Impl& impl, int index) {
+    fz_context* ctx = impl.ctx;
+    pdf_document* doc = impl.doc;
+    const int count = CountDocumentPages(ctx, doc);
+    if (index < 0 || index >= count) {
+        fz_throw(ctx, FZ_ERROR_GENERIC, "page %d does not exist", index + 1);
+    }
+    // A repair may renumber everything; a count that moved means pages came or went.
+    const bool repaired = pdf_was_repaired(ctx, doc) != 0;
+    if (impl.page_numbers.size() != static_cast<std::size_t>(count) ||
+        impl.page_numbers_after_repair != repaired) {
+        impl.page_numbers.clear();
+        LoadPageNumbers(impl, count);
+        impl.page_numbers_after_repair = repaired;
+    }
+    if (!impl.page_numbers.empty() && impl.page_numbers[static_cast<std::size_t>(index)] > 0) {
+        pdf_obj* page = pdf_load_object(ctx, doc, impl.page_numbers[static_cast<std::size_t>(index)]);
+        // The document's table of objects keeps the page; the caller borrows it from there, as
+        // it would borrow it from the page tree.
+        pdf_drop_obj(ctx, page);
+        if (pdf_is_dict(ctx, page)) return page;
+    }
+    return pdf_lookup_page_obj(ctx, doc, index);
 }
 
 Document::Document() : impl_(std::make_unique<Impl>()) {

@@ -8,6 +8,7 @@ extern "C" {
 }
 
 #include <cstdio>
+#include <vector>
 
 #include "engine/engine.h"
 
@@ -48,6 +49,18 @@ struct Document::Impl {
     fz_context* ctx = nullptr;
     pdf_document* doc = nullptr;
     fz_stream* stream = nullptr;
+    // The object numbers of the pages in page order, so that stamping every page of a long
+    // document does not walk the page tree once per page. Built on first use; cleared by every
+    // change of the page tree; 0 for a page that is not an indirect object.
+    std::vector<int> page_numbers;
+    bool page_numbers_after_repair = false;
 };
+
+// The page dictionary at `index` (borrowed: the document keeps it), through the page number
+// cache of `impl` when it still describes the document. Throws an engine error (call it inside
+// fz_try) for an index outside the document.
+pdf_obj* LookupPage(Document::Impl& impl, int index);
+// Forgets the page number cache; call it after any change of the page tree.
+inline void PageTreeChanged(Document::Impl& impl) { impl.page_numbers.clear(); }
 
 }  // namespace zpdf::engine

@@ -104,9 +104,8 @@ fz_buffer* GatherContent(fz_context* ctx, pdf_obj* page) {
     return data;
 }
 
-std::uint32_t MakeForm(fz_context* ctx, pdf_document* doc, int page_index, float* width,
+std::uint32_t MakeForm(fz_context* ctx, pdf_document* doc, pdf_obj* page, float* width,
                        float* height) {
-    pdf_obj* page = pdf_lookup_page_obj(ctx, doc, page_index);
     fz_rect box;
     fz_matrix ctm;
     pdf_page_obj_transform(ctx, page, &box, &ctm);
@@ -226,19 +225,13 @@ int SpliceContent(fz_context* ctx, pdf_document* doc, pdf_obj* page, const char*
     return placed;
 }
 
-pdf_obj* PageObject(fz_context* ctx, pdf_document* doc, int page_index) {
-    if (page_index < 0 || page_index >= engine::CountDocumentPages(ctx, doc)) {
-        fz_throw(ctx, FZ_ERROR_GENERIC, "page %d does not exist", page_index + 1);
-    }
-    return pdf_lookup_page_obj(ctx, doc, page_index);
-}
-
-bool PlaceStreams(fz_context* ctx, pdf_document* pdf, int page_index, const char* front,
+bool PlaceStreams(engine::Document::Impl& impl, int page_index, const char* front,
                   size_t front_size, const char* back, size_t back_size) {
+    fz_context* ctx = impl.ctx;
     volatile int placed = 0;
     fz_try(ctx) {
-        placed = SpliceContent(ctx, pdf, PageObject(ctx, pdf, page_index), front, front_size, back,
-                               back_size);
+        placed = SpliceContent(ctx, impl.doc, engine::LookupPage(impl, page_index), front,
+                               front_size, back, back_size);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, engine::ErrorCategory::Page, "cannot place the form");
@@ -268,6 +261,7 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
 
     const int inserted =
         GraftPages(ctx, to, from, pages != nullptr ? pages->data() : nullptr, count, at);
+    engine::PageTreeChanged(dst.Internals());
     if (inserted != count) {
         // Take back what a failed import added, so that the document is as it was.
         for (int k = 0; k < inserted; ++k) DeletePage(dst, at);
@@ -278,6 +272,7 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
 void DeletePage(engine::Document& doc, int index) {
     fz_context* ctx = doc.Internals().ctx;
     pdf_document* pdf = doc.Internals().doc;
+    engine::PageTreeChanged(doc.Internals());
     fz_try(ctx) {
         if (index >= 0 && index < engine::CountDocumentPages(ctx, pdf))
             pdf_delete_page(ctx, pdf, index);
@@ -294,8 +289,8 @@ FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index) {
     float height = 0;
     volatile std::uint32_t number = 0;
     fz_try(ctx) {
-        PageObject(ctx, pdf, page_index);
-        number = MakeForm(ctx, pdf, page_index, &width, &height);
+        number = MakeForm(ctx, pdf, engine::LookupPage(doc.Internals(), page_index), &width,
+                          &height);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, engine::ErrorCategory::Page, "cannot make a form of the page");
@@ -310,7 +305,8 @@ std::string AddXObjectResource(engine::Document& doc, int page_index, std::uint3
     char name[32] = {};
     const char* cat = category.c_str();
     fz_try(ctx) {
-        AddResource(ctx, pdf, PageObject(ctx, pdf, page_index), object_number, cat, name);
+        AddResource(ctx, pdf, engine::LookupPage(doc.Internals(), page_index), object_number, cat,
+                    name);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, engine::ErrorCategory::Page, "cannot name the resource");
@@ -359,7 +355,7 @@ bool PlaceFormXObject(engine::Document& doc, std::uint32_t object_number, int pa
     const std::string front = background ? draw : "q\n";
     const std::string back = background ? "" : "Q\n" + draw;
 
-    return PlaceStreams(doc.Internals().ctx, doc.Internals().doc, page_index, front.data(),
-                        front.size(), back.data(), back.size());
+    return PlaceStreams(doc.Internals(), page_index, front.data(), front.size(), back.data(),
+                        back.size());
 }
 }  // namespace zpdf::additions

@@ -262,6 +262,42 @@ TEST(Place, ResourceNamesAndContentSplicing) {
     EXPECT_NE(texts[1].find("p2"), std::string::npos);
 }
 
+// Placements address pages as they are now: after a replacement that keeps the page count and
+// after an append, a page number names the page that stands there, not the one before.
+TEST(Place, FollowsThePagesAfterAssembly) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path letterhead = Sample(dir / "lh.pdf", {Labelled("letterhead")});
+    const stdfs::path source =
+        Sample(dir / "source.pdf", {Labelled("s1"), Labelled("s2"), Labelled("s3")});
+    const stdfs::path target =
+        Sample(dir / "target.pdf", {Labelled("d1"), Labelled("d2"), Labelled("d3")});
+    CZPdfContentObject lh;
+    CZPdfContentObject src;
+    CZPdfContentObject dst;
+    Open(lh, letterhead);
+    Open(src, source);
+    Open(dst, target);
+    std::vector<std::uint32_t> ids;
+    ASSERT_EQ(dst.ImportContent(&lh, &ids), hr::kOk);
+    ASSERT_EQ(dst.PlaceContent(ids[0], 1, 0, 0, 1, 1, 0), hr::kOk);  // on d1, replaced next
+    ASSERT_EQ(dst.ReplacePages(1, &src, 3, 3), hr::kOk);
+    ASSERT_EQ(dst.PlaceContent(ids[0], 1, 0, 0, 1, 1, 0), hr::kOk);
+    ASSERT_EQ(dst.AppendPages(&src), hr::kOk);
+    ASSERT_EQ(dst.PlaceContent(ids[0], 5, 0, 0, 1, 1, -1), hr::kOk);
+    ASSERT_EQ(dst.Save(), hr::kOk);
+    ASSERT_TRUE(test::QpdfCheckPasses(target));
+
+    const std::vector<std::string> texts = PageTexts(target);
+    const std::vector<std::string> labels{"s3", "d2", "d3", "s1", "s2", "s3"};
+    ASSERT_EQ(texts.size(), labels.size());
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        SCOPED_TRACE("page " + std::to_string(i + 1));
+        EXPECT_NE(texts[i].find(labels[i]), std::string::npos) << texts[i];
+        const bool stamped = i == 0 || i == 4;
+        EXPECT_EQ(texts[i].find("letterhead") != std::string::npos, stamped) << texts[i];
+    }
+}
+
 TEST(Place, TakenNamesAreSkipped) {
     const stdfs::path dir = test::ScratchDir();
     SamplePage page = Labelled("p");

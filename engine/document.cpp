@@ -159,10 +159,10 @@ void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc) {
 
 void RequireCatalog(fz_context* ctx, pdf_document* doc) {
     if (!pdf_is_dict(ctx, pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root)))) {
-        const bool emptied = doc->repair_attempted && pdf_xref_len(ctx, doc) <= 1;
         fz_throw(ctx, FZ_ERROR_GENERIC,
-                 emptied ? "the document could not be repaired and lost its objects"
-                         : "the document has no catalog");
+                 doc->repair_attempted
+                     ? "the document has no catalog: its damaged table could not be repaired"
+                     : "the document has no catalog");
     }
 }
 
@@ -385,18 +385,72 @@ int64_t TellSink(fz_context* /*ctx*/, void* state) {
     return static_cast<SinkState*>(state)->position;
 }
 
+// Objects nested deeper are not searched for empty names.
+constexpr int kMaxNameSearchDepth = 256;
+
+bool HoldsEmptyName(fz_context* ctx, pdf_obj* obj, int depth) {
+    if (depth > kMaxNameSearchDepth || pdf_is_indirect(ctx, obj)) return false;
+    if (pdf_is_name(ctx, obj)) return pdf_to_name(ctx, obj)[0] == '\0';
+    if (pdf_is_array(ctx, obj)) {
+        const int length = pdf_array_len(ctx, obj);
+        for (int i = 0; i < length; ++i) {
+            if (HoldsEmptyName(ctx, pdf_array_get(ctx, obj, i), depth + 1)) return true;
+        }
+    } else if (pdf_is_dict(ctx, obj)) {
+        const int length = pdf_dict_len(ctx, obj);
+        for (int i = 0; i < length; ++i) {
+            if (HoldsEmptyName(ctx, pdf_dict_get_key(ctx, obj, i), depth + 1) ||
+                HoldsEmptyName(ctx, pdf_dict_get_val(ctx, obj, i), depth + 1)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+// The objects are loaded here as the writer loads them next; one it cannot read is left to
+// the writer to report.
+int ObjectHoldsEmptyName(fz_context* ctx, pdf_document* doc, int num) {
+    volatile int found = 0;
+    fz_try(ctx) {
+        const pdf_xref_entry* entry = pdf_get_xref_entry_no_null(ctx, doc, num);
+        if (entry->type == 'n' || entry->type == 'o') {
+            pdf_obj* obj = pdf_load_object(ctx, doc, num);
+            found = HoldsEmptyName(ctx, obj, 0);
+            pdf_drop_obj(ctx, obj);
+        }
+    }
+    fz_catch(ctx) {
+        found = 0;
+    }
+    return found;
+}
+
 }  // namespace
+
+bool DocumentHoldsEmptyName(fz_context* ctx, pdf_document* doc) {
+    const int length = pdf_xref_len(ctx, doc);
+    for (int num = 1; num < length; ++num) {
+        if (ObjectHoldsEmptyName(ctx, doc, num)) return true;
+    }
+    return HoldsEmptyName(ctx, pdf_trailer(ctx, doc), 0);
+}
 
 void WriteDocument(fz_context* ctx, pdf_document* doc, ByteSink& sink,
                    const pdf_write_options& options) {
     fz_output* out = nullptr;
     fz_var(out);
     SinkState state{&sink, 0};
+    pdf_write_options chosen = options;
     fz_try(ctx) {
         RequireCatalog(ctx, doc);
+        if (!chosen.do_pretty && DocumentHoldsEmptyName(ctx, doc)) chosen.do_pretty = 1;
         out = fz_new_output(ctx, 64 * 1024, &state, WriteToSink, nullptr, nullptr);
         out->tell = TellSink;
-        pdf_write_document(ctx, doc, out, &options);
+        pdf_write_document(ctx, doc, out, &chosen);
+        // Reading every object can make the engine rebuild a damaged table, and a rebuild that
+        // fails empties the document: what was written then is not the document.
+        RequireCatalog(ctx, doc);
         fz_close_output(ctx, out);
     }
     fz_always(ctx) {

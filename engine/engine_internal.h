@@ -41,6 +41,13 @@ int CountDocumentPages(fz_context* ctx, pdf_document* doc);
 // engine rebuilds a damaged one. Never throws.
 void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc);
 
+// The engine's compact writer puts nothing between an empty name ("/") and a number, boolean,
+// null or reference after it: "/ 0" comes out as "/0" and reads back as another name, which can
+// take the page tree with it. Its spaced layout keeps them apart, so a document holding an empty
+// name is written spaced. True when an object of `doc` or its trailer holds one; throws only
+// what pdf_xref_len throws.
+bool DocumentHoldsEmptyName(fz_context* ctx, pdf_document* doc);
+
 // Runs the engine's writer over `sink` with the given options. Throws EngineError.
 void WriteDocument(fz_context* ctx, pdf_document* doc, ByteSink& sink,
                    const pdf_write_options& options);

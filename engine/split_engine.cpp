@@ -388,6 +388,7 @@ void WritePart(fz_context* ctx, pdf_document* src, const PageIndex* pages, int f
         map = pdf_new_graft_map(ctx, dst);
         for (int page = first; page <= last; ++page)
             CopyPage(ctx, map, dst, src, pages, page, page - first);
+        if (DocumentHoldsEmptyName(ctx, dst)) options.do_pretty = 1;
         out = fz_new_output(ctx, 64 * 1024, state, WriteToSink, nullptr, nullptr);
         out->tell = TellSink;
         pdf_write_document(ctx, dst, out, &options);

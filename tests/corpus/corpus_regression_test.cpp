@@ -67,6 +67,8 @@ struct Case {
 };
 
 std::vector<Case> Cases() {
+    const std::string kNoCatalog =
+        "the document has no catalog: its damaged table could not be repaired";
     const std::string text = Stream("BT /F1 24 Tf 72 700 Td (Hello) Tj ET");
     return {
         // The page's font is a dictionary of its own inside the page. Drawing the page puts the
@@ -113,11 +115,16 @@ std::vector<Case> Cases() {
                   "<< /Type /Pages /Kids [3 0 R 3 0 R] /Count 7 >>",
                   "<< /Type /Pages /Parent 2 0 R /Kids [4 0 R] /Count 1 >>", Page(3, 150, 250)}),
          {{150, 250}, {150, 250}}},
+        // An empty name before a number: the engine's writer glued them into the name "/7", so
+        // the saved page tree no longer read and the saved document had no page.
+        {"empty name before a number",
+         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
+                  "<< /Type /Pages / 7 /Kids [3 0 R] /Count 1 >>", Page(2, 250, 350)}),
+         {{250, 350}}},
         // Drawing loads the font, which is not where the table says, so the engine rebuilds the
         // table; the rebuild gives up at the last object, whose string runs to the end of the
         // file, and leaves the document without any object. The steps after that saved an empty
-        // document over the file and appended
-        // no page while reporting success; now they refuse.
+        // document over the file and appended no page while reporting success.
         {"rebuild that fails halfway",
          PdfFile({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
                   Page(2, 400, 500, "/Contents 4 0 R /Resources << /Font << /F1 5 0 R >> >>"), text,
@@ -125,10 +132,17 @@ std::vector<Case> Cases() {
                  -1, 5),
          {{400, 500}},
          {"draw: done: 1 pages\n",
-          "append: refused: Cannot append the pages: cannot import the pages: the document could "
-          "not be repaired and lost its objects (0x8000FFFF)\n",
-          "save: refused: cannot write the document: the document could not be repaired and lost "
-          "its objects (0x80004005)\n"}},
+          "append: refused: Cannot append the pages: cannot import the pages: " + kNoCatalog +
+              " (0x8000FFFF)\n",
+          "save: refused: cannot write the document: " + kNoCatalog + " (0x80004005)\n"}},
+        // The same with an object that only saving reads: the rebuild fails while the document is
+        // written, and what was written must not replace the file.
+        {"rebuild that fails while saving",
+         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+                  Page(2, 400, 500), "<< /Unused true >>", "<< /Damaged (text >>"},
+                 -1, 4),
+         {{400, 500}},
+         {"save: refused: cannot write the document: " + kNoCatalog + " (0x80004005)\n"}},
     };
 }
 

@@ -104,6 +104,8 @@ int64_t CountAndCorrect(fz_context* ctx, pdf_obj* node, NodeCounts* known, int d
     return total;
 }
 
+}  // namespace
+
 // The engine takes the number of pages from the page tree root's /Count and finds a page by
 // the /Count of the nodes on the way down. A count that disagrees with the tree makes pages
 // appear that are not there (a damaged /Count of ten billion) or vanish; each node is given the
@@ -129,6 +131,8 @@ void CorrectPageCounts(fz_context* ctx, pdf_document* doc) {
         fz_warn(ctx, "cannot check the page counts: %s", fz_caught_message(ctx));
     }
 }
+
+namespace {
 
 bool LooksLikeSecurityProblem(const char* message) {
     return std::strstr(message, "encrypt") != nullptr || std::strstr(message, "crypt") != nullptr ||

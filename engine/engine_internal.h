@@ -41,6 +41,10 @@ int CountDocumentPages(fz_context* ctx, pdf_document* doc);
 // engine rebuilds a damaged one. Never throws.
 void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc);
 
+// Gives every node of the document's page tree the number of pages it holds, as the engine's
+// page lookup walks the tree, where its /Count says otherwise. Never throws.
+void CorrectPageCounts(fz_context* ctx, pdf_document* doc);
+
 // The engine's compact writer puts nothing between an empty name ("/") and a number, boolean,
 // null or reference after it: "/ 0" comes out as "/0" and reads back as another name, which can
 // take the page tree with it. Its spaced layout keeps them apart, so a document holding an empty

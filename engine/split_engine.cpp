@@ -482,6 +482,8 @@ void SplitSource::Open(std::FILE* file) {
         throw EngineError(ErrorCategory::Password, "the document needs a password");
     }
     RebuildIfPageTreeUnreachable(ctx, doc);
+    // Pages that the page tree's counts hide or invent are found as a document finds them.
+    CorrectPageCounts(ctx, doc);
     // What is parsed by now (trailer, catalogue, encryption) stays; the rest comes and goes.
     MarkObjectsToKeep(ctx, doc);
     BuildPageIndex(ctx, doc, &impl_->index);

@@ -189,5 +189,31 @@ TEST(CorpusRegression, DamagedFilesGoThroughTheWholeJob) {
     }
 }
 
+// The split reads the file on its own. When its walk of the page tree meets a page that is not
+// an object of its own, it falls back on the engine's count and lookup, and so on the root's
+// /Count: a count that is not a number hid both pages from it, while the document had two.
+TEST(CorpusRegression, SplitFindsThePagesThatTheCountHides) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path file = dir / "document.pdf";
+    test::WriteBytes(
+        file, PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
+                       "<< /Type /Pages /Kids [3 0 R << /Type /Page /Parent 2 0 R /MediaBox [0 0 "
+                       "100 100] >>] /Count /Two >>",
+                       Page(2, 200, 200, "/Contents 4 0 R /Resources << /Font << /F1 5 0 R >> >>"),
+                       Stream("BT /F1 12 Tf 72 100 Td (@@nd@@) Tj ET"),
+                       "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>"}));
+    CZPdfContentObject object;
+    std::int32_t pages = 0;
+    ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
+    ASSERT_EQ(object.PageCount(&pages), hr::kOk);
+    EXPECT_EQ(pages, 2);
+    std::int32_t parts = 0;
+    EXPECT_EQ(object.SplitPdf(FromPath(file), FromPath(dir / "part"), &parts), hr::kOk)
+        << object.LastErrorText();
+    EXPECT_EQ(parts, 2);
+    EXPECT_EQ(test::QpdfPageCount(dir / "part_1"), 1);
+    EXPECT_EQ(test::QpdfPageCount(dir / "part_2"), 1);
+}
+
 }  // namespace
 }  // namespace zpdf

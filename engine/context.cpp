@@ -9,9 +9,9 @@ namespace zpdf::engine {
 namespace {
 
 // Recursive: the engine takes its allocation lock while it compares the keys of its store, and
-// comparing two equal dictionaries from different documents can grow a document's cross-reference
-// table, which allocates and takes that lock again on the same thread. An engine context without
-// locks lets that pass; a plain mutex would wait for itself forever.
+// comparing two equal dictionaries can grow the document's cross-reference table, which
+// allocates and takes that lock again on the same thread. An engine context without locks lets
+// that pass; a plain mutex would wait for itself forever.
 std::array<std::recursive_mutex, FZ_LOCK_MAX> g_locks;
 
 void LockEngine(void* /*user*/, int lock) {
@@ -80,10 +80,10 @@ fz_context* ProcessContext() {
     return g_process_context;
 }
 
-fz_context* NewClonedContext() {
-    fz_context* base = ProcessContext();
-    if (base == nullptr) throw EngineError(ErrorCategory::Other, "the PDF engine could not start");
-    fz_context* ctx = fz_clone_context(base);
+fz_context* NewDocumentContext() {
+    if (ProcessContext() == nullptr)
+        throw EngineError(ErrorCategory::Other, "the PDF engine could not start");
+    fz_context* ctx = fz_new_context(nullptr, &g_lock_context, FZ_STORE_DEFAULT);
     if (ctx == nullptr)
         throw EngineError(ErrorCategory::Other, "out of memory for an engine context");
     RouteDiagnostics(ctx);

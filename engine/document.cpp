@@ -229,7 +229,7 @@ pdf_obj* LookupPage(Document::Impl& impl, int index) {
 }
 
 Document::Document() : impl_(std::make_unique<Impl>()) {
-    impl_->ctx = NewClonedContext();
+    impl_->ctx = NewDocumentContext();
 }
 
 Document::~Document() {

@@ -68,8 +68,8 @@ struct DocumentFacts {
     bool repaired = false;
 };
 
-// One open PDF document in its own engine context (cloned from the process context, so two
-// documents can be used on two threads at once).
+// One open PDF document in its own engine context (sharing the process context's locks, so two
+// documents can be used on two threads at once, and with a store of its own).
 class Document {
   public:
     Document();

@@ -445,7 +445,7 @@ struct SplitSource::Impl {
 };
 
 SplitSource::SplitSource() : impl_(std::make_unique<Impl>()) {
-    impl_->ctx = NewClonedContext();
+    impl_->ctx = NewDocumentContext();
 }
 
 SplitSource::~SplitSource() {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "content_object/content_object.h"
+#include "platform/raster.h"
 #include "platform/text.h"
 #include "support/test_support.h"
 
@@ -213,6 +214,46 @@ TEST(CorpusRegression, SplitFindsThePagesThatTheCountHides) {
     EXPECT_EQ(parts, 2);
     EXPECT_EQ(test::QpdfPageCount(dir / "part_1"), 1);
     EXPECT_EQ(test::QpdfPageCount(dir / "part_2"), 1);
+}
+
+// Two documents whose pages use a font dictionary of the same words, written inside the page:
+// a Type 3 font whose one glyph is a square in the first document and nothing in the second.
+// The engine's store compared such dictionaries across documents by their words, so the second
+// document was drawn with the first one's glyphs; on the way the comparison looked the second
+// document's object number up in the first document's table, past its end (valgrind: invalid
+// write in the table's index). Each document now keeps its own store.
+TEST(CorpusRegression, DocumentsDoNotShareFontsOfTheSameWords) {
+    const stdfs::path dir = test::ScratchDir();
+    const auto type3_document = [&](const std::string& name, const std::string& glyph) {
+        const stdfs::path file = dir / name;
+        test::WriteBytes(
+            file,
+            PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
+                     "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+                     Page(2, 200, 200,
+                          "/Contents 4 0 R /Resources << /Font << /F1 << /Type /Font /Subtype "
+                          "/Type3 /FontBBox [0 0 1000 1000] /FontMatrix [0.001 0 0 0.001 0 0] "
+                          "/CharProcs 5 0 R /Encoding << /Type /Encoding /Differences [65 /A] >> "
+                          "/FirstChar 65 /LastChar 65 /Widths [1000] >> >> >>"),
+                     Stream("BT /F1 100 Tf 50 50 Td (A) Tj ET"), "<< /A 6 0 R >>", Stream(glyph)}));
+        return file;
+    };
+    const stdfs::path square =
+        type3_document("square.pdf", "1000 0 0 0 1000 1000 d1 0 0 1000 1000 re f");
+    const stdfs::path blank = type3_document("blank.pdf", "1000 0 d0");
+
+    // Drawn at 72 dpi, the square covers device pixels 50 to 150 of the 200 x 200 page.
+    const auto centre_of = [](const stdfs::path& file, CZPdfContentObject& object) {
+        EXPECT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
+        RasterDeviceContext dc(200, 200);
+        EXPECT_EQ(object.DrawPageToDC(dc, 1, 0, 0, 200, 200, 0, 0, 0, 0, 0), hr::kOk)
+            << object.LastErrorText();
+        return static_cast<int>(dc.Pixel(100, 100)[0]);
+    };
+    CZPdfContentObject first;
+    CZPdfContentObject second;
+    EXPECT_EQ(centre_of(square, first), 0);
+    EXPECT_EQ(centre_of(blank, second), 255);
 }
 
 }  // namespace

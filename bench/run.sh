@@ -163,3 +163,20 @@ row "split peak RSS KB, 8000 pages" "$rss8000" "qpdf --split-pages, 8000 pages" 
     "$(median_rss --setup "$fresh" "qpdf --split-pages $work/marked8000.pdf $work/parts/page.pdf")"
 row "split peak RSS KB, 8000 pages" "$rss8000" "pdftotext, 8000 pages" \
     "$(median_rss "pdftotext $work/marked8000.pdf $work/peer.txt")"
+
+# Peak memory (MiB, in the time columns) of stamping, appending and saving at 1000 and 8000
+# pages: the growth with the page count, against qpdf's plain rewrite of the 8000 pages.
+declare -A peak_stamp peak_append peak_save
+big="$work/marked8000.pdf"
+small="$work/text1000.pdf"
+for size in small big; do
+    doc=${!size}
+    peak_stamp[$size]=$(peak_mib "$zpdf stamp $doc $work/lh.pdf --background -o $work/mem-stamped.pdf")
+    peak_append[$size]=$(peak_mib "$zpdf append $doc $doc -o $work/mem-appended.pdf")
+    peak_save[$size]=$(peak_mib "cp $doc $work/mem-save.pdf && $bench save $work/mem-save.pdf")
+done
+qpdf_peak=$(peak_mib "qpdf $big $work/qpdf-out.pdf")
+row "stamp peak MiB, 8000 pages" "${peak_stamp[big]}" "ours at 1000 pages" "${peak_stamp[small]}"
+row "append peak MiB, 8000 + 8000" "${peak_append[big]}" "ours at 1000 + 1000" "${peak_append[small]}"
+row "save peak MiB, 8000 pages" "${peak_save[big]}" "ours at 1000 pages" "${peak_save[small]}"
+row "save peak MiB, 8000 pages" "${peak_save[big]}" "qpdf in.pdf out.pdf, 8000 pages" "$qpdf_peak"

@@ -175,6 +175,18 @@ int CountDocumentPages(fz_context* ctx, pdf_document* doc) {
     return pdf_count_pages(ctx, doc);
 }
 
+void KeepPageCountsCorrect(Document::Impl& impl) {
+    if (impl.counts_corrected_after_repair || impl.doc == nullptr) return;
+    if (!pdf_was_repaired(impl.ctx, impl.doc)) return;
+    CorrectPageCounts(impl.ctx, impl.doc);
+    impl.counts_corrected_after_repair = true;
+}
+
+int CountDocumentPages(Document::Impl& impl) {
+    KeepPageCountsCorrect(impl);
+    return CountDocumentPages(impl.ctx, impl.doc);
+}
+
 namespace {
 
 // Fills the page number cache from one walk of the page tree. Leaves it empty when the tree
@@ -206,7 +218,7 @@ void LoadPageNumbers(Document::Impl& impl, int count) noexcept {
 pdf_obj* LookupPage(Document::Impl& impl, int index) {
     fz_context* ctx = impl.ctx;
     pdf_document* doc = impl.doc;
-    const int count = CountDocumentPages(ctx, doc);
+    const int count = CountDocumentPages(impl);
     if (index < 0 || index >= count) {
         fz_throw(ctx, FZ_ERROR_GENERIC, "page %d does not exist", index + 1);
     }
@@ -282,6 +294,7 @@ void Document::Open(std::FILE* file, const std::optional<std::string>& password)
 
     impl_->doc = doc;
     impl_->stream = stm;
+    impl_->counts_corrected_after_repair = false;
 }
 
 void Document::Close() noexcept {
@@ -306,7 +319,7 @@ int Document::PageCount() {
     fz_context* ctx = impl_->ctx;
     volatile int count = 0;
     fz_try(ctx) {
-        count = CountDocumentPages(ctx, impl_->doc);
+        count = CountDocumentPages(*impl_);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, ErrorCategory::NotPdf, "cannot count the pages");
@@ -320,7 +333,7 @@ PageSize Document::GetPageSize(int index) {
     fz_page* page = nullptr;
     fz_var(page);
     fz_try(ctx) {
-        if (index < 0 || index >= CountDocumentPages(ctx, impl_->doc)) {
+        if (index < 0 || index >= CountDocumentPages(*impl_)) {
             fz_throw(ctx, FZ_ERROR_GENERIC, "page %d does not exist", index + 1);
         }
         page = fz_load_page(ctx, &impl_->doc->super, index);

@@ -69,7 +69,18 @@ struct Document::Impl {
     // change of the page tree; 0 for a page that is not an indirect object.
     std::vector<int> page_numbers;
     bool page_numbers_after_repair = false;
+    // The page counts were corrected again after the engine rebuilt the document's table.
+    bool counts_corrected_after_repair = false;
 };
+
+// The engine rebuilds a damaged table on its own when it meets an object that is not where the
+// table says, and then reads every object again from the file: the page counts corrected when
+// the document was opened come back as the file has them. Corrects them once more after such a
+// rebuild. Never throws.
+void KeepPageCountsCorrect(Document::Impl& impl);
+// The page count of the document of `impl`, its counts kept correct; throws an engine error
+// (call it inside fz_try) for a document without a catalog.
+int CountDocumentPages(Document::Impl& impl);
 
 // The page dictionary at `index` (borrowed: the document keeps it), through the page number
 // cache of `impl` when it still describes the document. Throws an engine error (call it inside

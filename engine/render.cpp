@@ -84,7 +84,7 @@ void Document::RenderPage(int index, const DeviceRect& page_rect, const DeviceRe
 
     // Record the page once, then replay the record band by band.
     fz_try(ctx) {
-        if (index < 0 || index >= CountDocumentPages(ctx, impl_->doc)) {
+        if (index < 0 || index >= CountDocumentPages(*impl_)) {
             fz_throw(ctx, FZ_ERROR_GENERIC, "page %d does not exist", index + 1);
         }
         page = fz_load_page(ctx, &impl_->doc->super, index);

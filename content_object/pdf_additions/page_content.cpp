@@ -248,9 +248,10 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
     pdf_document* from = src.Internals().doc;
     volatile int count = 0;
     fz_try(ctx) {
-        const int total = engine::CountDocumentPages(ctx, to);
+        const int total = engine::CountDocumentPages(dst.Internals());
         if (at < 0 || at > total)
             fz_throw(ctx, FZ_ERROR_GENERIC, "cannot insert pages at index %d", at);
+        engine::KeepPageCountsCorrect(src.Internals());
         engine::RequireCatalog(ctx, from);
         count = pages != nullptr ? static_cast<int>(pages->size()) : pdf_count_pages(ctx, from);
         PrepareDestination(ctx, to);
@@ -274,7 +275,7 @@ void DeletePage(engine::Document& doc, int index) {
     pdf_document* pdf = doc.Internals().doc;
     engine::PageTreeChanged(doc.Internals());
     fz_try(ctx) {
-        if (index >= 0 && index < engine::CountDocumentPages(ctx, pdf))
+        if (index >= 0 && index < engine::CountDocumentPages(doc.Internals()))
             pdf_delete_page(ctx, pdf, index);
     }
     fz_catch(ctx) {

@@ -122,6 +122,17 @@ std::vector<Case> Cases() {
          PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
                   "<< /Type /Pages / 7 /Kids [3 0 R] /Count 1 >>", Page(2, 250, 350)}),
          {{250, 350}}},
+        // The counts are corrected when the document opens; drawing then loads the font, which is
+        // not where the table says, and the engine rebuilds the table and reads the root's
+        // /Count of five again: the document lost its pages' count halfway through the job.
+        {"count read again by a rebuild",
+         PdfFile(
+             {"<< /Type /Catalog /Pages 2 0 R >>",
+              "<< /Type /Pages /Kids [3 0 R 4 0 R] /Count 5 >>",
+              Page(2, 300, 300, "/Contents 5 0 R /Resources << /Font << /F1 6 0 R >> >>"),
+              Page(2, 400, 400), text, "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>"},
+             -1, 6),
+         {{300, 300}, {400, 400}}},
         // Drawing loads the font, which is not where the table says, so the engine rebuilds the
         // table; the rebuild gives up at the last object, whose string runs to the end of the
         // file, and leaves the document without any object. The steps after that saved an empty

@@ -182,6 +182,60 @@ void KeepPageCountsCorrect(Document::Impl& impl) {
     impl.counts_corrected_after_repair = true;
 }
 
+namespace {
+
+// 1 when the object `num` of the table starts where its entry says, with its own number: what
+// the engine checks before it decides to rebuild the table.
+int ObjectHeadFits(fz_context* ctx, pdf_document* doc, int num, int64_t offset) {
+    volatile int fits = 0;
+    fz_try(ctx) {
+        pdf_lexbuf* buf = &doc->lexbuf.base;
+        fz_seek(ctx, doc->file, offset, SEEK_SET);
+        if (pdf_lex(ctx, doc->file, buf) == PDF_TOK_INT && buf->i == num &&
+            pdf_lex(ctx, doc->file, buf) == PDF_TOK_INT && buf->i >= 0 && buf->i < 65536 &&
+            pdf_lex(ctx, doc->file, buf) == PDF_TOK_OBJ) {
+            fits = 1;
+        }
+    }
+    fz_catch(ctx) {
+        fits = 0;
+    }
+    return fits;
+}
+
+int AllObjectsInPlace(fz_context* ctx, pdf_document* doc) {
+    const int length = pdf_xref_len(ctx, doc);
+    for (int num = 1; num < length; ++num) {
+        const pdf_xref_entry* entry = pdf_get_xref_entry(ctx, doc, num);
+        // Parsed objects and those of object streams are not read from an offset again.
+        if (entry == nullptr || entry->type != 'n' || entry->obj != nullptr) continue;
+        if (!ObjectHeadFits(ctx, doc, num, entry->ofs)) return 0;
+    }
+    return 1;
+}
+
+}  // namespace
+
+void PlaceObjectsBeforeChanges(Document::Impl& impl) {
+    if (impl.objects_placed || impl.doc == nullptr) return;
+    impl.objects_placed = true;
+    fz_context* ctx = impl.ctx;
+    pdf_document* doc = impl.doc;
+    if (doc->repair_attempted) return;  // the engine rebuilds a table only once
+    fz_try(ctx) {
+        if (!AllObjectsInPlace(ctx, doc)) {
+            fz_warn(ctx, "an object is not where the table says: rebuilding the table");
+            pdf_repair_xref(ctx, doc);
+            pdf_repair_obj_stms(ctx, doc);
+            pdf_repair_trailer(ctx, doc);
+        }
+    }
+    fz_catch(ctx) {
+        fz_warn(ctx, "cannot rebuild the document: %s", fz_caught_message(ctx));
+    }
+    KeepPageCountsCorrect(impl);
+}
+
 int CountDocumentPages(Document::Impl& impl) {
     KeepPageCountsCorrect(impl);
     return CountDocumentPages(impl.ctx, impl.doc);
@@ -295,6 +349,7 @@ void Document::Open(std::FILE* file, const std::optional<std::string>& password)
     impl_->doc = doc;
     impl_->stream = stm;
     impl_->counts_corrected_after_repair = false;
+    impl_->objects_placed = false;
 }
 
 void Document::Close() noexcept {
@@ -503,6 +558,7 @@ void Document::Write(ByteSink& sink) {
     pdf_write_options options = pdf_default_write_options;
     options.do_incremental = 0;
     options.do_encrypt = PDF_ENCRYPT_KEEP;
+    PlaceObjectsBeforeChanges(*impl_);
     WriteDocument(impl_->ctx, impl_->doc, sink, options);
 }
 

@@ -71,6 +71,8 @@ struct Document::Impl {
     bool page_numbers_after_repair = false;
     // The page counts were corrected again after the engine rebuilt the document's table.
     bool counts_corrected_after_repair = false;
+    // Every object of the table was found where the table says, or the table was rebuilt.
+    bool objects_placed = false;
 };
 
 // The engine rebuilds a damaged table on its own when it meets an object that is not where the
@@ -78,6 +80,14 @@ struct Document::Impl {
 // the document was opened come back as the file has them. Corrects them once more after such a
 // rebuild. Never throws.
 void KeepPageCountsCorrect(Document::Impl& impl);
+// The engine rebuilds a document's table on its own the first time it reads an object that is
+// not where the table says, and reads everything from the file again: changes made before that
+// are gone (pages appended to a document vanished when a later drawing loaded a misplaced
+// font, and the save wrote the document without them). Before the first change and before a
+// write, the head of every object the table lists is checked once ("N G obj" where the table
+// says), without parsing the objects, and a table that misplaces one is rebuilt there and then.
+// Never throws.
+void PlaceObjectsBeforeChanges(Document::Impl& impl);
 // The page count of the document of `impl`, its counts kept correct; throws an engine error
 // (call it inside fz_try) for a document without a catalog.
 int CountDocumentPages(Document::Impl& impl);

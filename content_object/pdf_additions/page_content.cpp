@@ -243,6 +243,7 @@ bool PlaceStreams(engine::Document::Impl& impl, int page_index, const char* fron
 
 void ImportPages(engine::Document& dst, engine::Document& src, const std::vector<int>* pages,
                  int at) {
+    engine::PlaceObjectsBeforeChanges(dst.Internals());
     fz_context* ctx = dst.Internals().ctx;
     pdf_document* to = dst.Internals().doc;
     pdf_document* from = src.Internals().doc;
@@ -271,6 +272,7 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
 }
 
 void DeletePage(engine::Document& doc, int index) {
+    engine::PlaceObjectsBeforeChanges(doc.Internals());
     fz_context* ctx = doc.Internals().ctx;
     pdf_document* pdf = doc.Internals().doc;
     engine::PageTreeChanged(doc.Internals());
@@ -284,6 +286,7 @@ void DeletePage(engine::Document& doc, int index) {
 }
 
 FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index) {
+    engine::PlaceObjectsBeforeChanges(doc.Internals());
     fz_context* ctx = doc.Internals().ctx;
     pdf_document* pdf = doc.Internals().doc;
     float width = 0;
@@ -301,6 +304,7 @@ FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index) {
 
 std::string AddXObjectResource(engine::Document& doc, int page_index, std::uint32_t object_number,
                                const std::string& category) {
+    engine::PlaceObjectsBeforeChanges(doc.Internals());
     fz_context* ctx = doc.Internals().ctx;
     pdf_document* pdf = doc.Internals().doc;
     char name[32] = {};

@@ -59,6 +59,7 @@ void SaveWithPasswords(engine::Document& doc, engine::ByteSink& sink,
                        const std::optional<std::string>& owner_password) {
     engine::Document::Impl& impl = doc.Internals();
     if (impl.doc == nullptr) throw SecuredSaveError("No document is open");
+    engine::PlaceObjectsBeforeChanges(impl);
     const SourceSecurity source = ReadSourceSecurity(impl.ctx, impl.doc);
     if (!source.encrypted) throw SecuredSaveError(kNotEncryptedText);
 

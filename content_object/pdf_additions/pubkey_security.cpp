@@ -187,6 +187,7 @@ void SaveWithRecipients(engine::Document& doc, engine::ByteSink& sink,
                         const std::vector<std::string>& recipients) {
     engine::Document::Impl& impl = doc.Internals();
     if (impl.doc == nullptr) throw SecuredSaveError("No document is open");
+    engine::PlaceObjectsBeforeChanges(impl);
     if (recipients.empty()) throw SecuredSaveError("No recipient was given");
     if (!ReadSourceSecurity(impl.ctx, impl.doc).encrypted) {
         throw SecuredSaveError(kNotEncryptedText);

@@ -267,5 +267,58 @@ TEST(CorpusRegression, DocumentsDoNotShareFontsOfTheSameWords) {
     EXPECT_EQ(centre_of(blank, second), 255);
 }
 
+// A document whose font is not where its table says: the engine rebuilds the table the first
+// time the font is read, which a drawing after the change did, and read everything from the
+// file again. The appended page and the stamp were gone, and the save wrote the document without
+// them. The table is now checked, and rebuilt if need be, before the first change.
+TEST(CorpusRegression, ChangesSurviveTheRebuildOfADamagedTable) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path square = dir / "square.pdf";
+    test::WriteBytes(
+        square,
+        PdfFile({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+                 Page(2, 100, 100, "/Contents 4 0 R"), Stream("0 0 100 100 re f")}));
+    enum class Change { Append, Stamp };
+    for (const Change change : {Change::Append, Change::Stamp}) {
+        SCOPED_TRACE(change == Change::Append ? "append" : "stamp");
+        const stdfs::path file = dir / (change == Change::Append ? "append.pdf" : "stamp.pdf");
+        test::WriteBytes(
+            file,
+            PdfFile(
+                {"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+                 Page(2, 300, 300, "/Contents 4 0 R /Resources << /Font << /F1 5 0 R >> >>"),
+                 Stream("BT /F1 24 Tf 72 200 Td (Hello) Tj ET"),
+                 "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>"},
+                -1, 5));
+        CZPdfContentObject object;
+        CZPdfContentObject source;
+        ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
+        ASSERT_EQ(source.SetPdfDocument(FromPath(square), 0, u""), hr::kOk);
+        if (change == Change::Append) {
+            ASSERT_EQ(object.AppendPages(&source), hr::kOk) << object.LastErrorText();
+        } else {
+            std::vector<std::uint32_t> forms;
+            ASSERT_EQ(object.ImportContent(&source, &forms), hr::kOk) << object.LastErrorText();
+            ASSERT_EQ(object.PlaceContent(forms.at(0), 1, 0, 0, 1, 1, 0), hr::kOk);
+        }
+        RasterDeviceContext drawn(300, 300);
+        EXPECT_EQ(object.DrawPageToDC(drawn, 1, 0, 0, 300, 300, 0, 0, 0, 0, 0), hr::kOk);
+        ASSERT_EQ(object.Save(), hr::kOk) << object.LastErrorText();
+
+        CZPdfContentObject saved;
+        ASSERT_EQ(saved.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
+        std::int32_t pages = 0;
+        ASSERT_EQ(saved.PageCount(&pages), hr::kOk);
+        EXPECT_EQ(pages, change == Change::Append ? 2 : 1);
+        EXPECT_EQ(test::QpdfPageCount(file), pages);
+        if (change == Change::Stamp) {
+            // The square covers the bottom left 100 x 100 points of the page.
+            RasterDeviceContext dc(300, 300);
+            EXPECT_EQ(saved.DrawPageToDC(dc, 1, 0, 0, 300, 300, 0, 0, 0, 0, 0), hr::kOk);
+            EXPECT_EQ(dc.Pixel(50, 250)[0], 0);
+        }
+    }
+}
+
 }  // namespace
 }  // namespace zpdf

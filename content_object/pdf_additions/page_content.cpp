@@ -38,9 +38,10 @@ void PrepareDestination(fz_context* ctx, pdf_document* doc) {
     }
 }
 
-// Copies `count` pages; returns how many were inserted before a failure (all on success).
+// Copies `count` pages; returns how many were inserted before a failure (all on success), and
+// puts the engine's reason for a failure into `why` (`why_size` bytes).
 int GraftPages(fz_context* ctx, pdf_document* dst, pdf_document* src, const int* pages, int count,
-               int at) {
+               int at, char* why, size_t why_size) {
     pdf_graft_map* map = nullptr;
     volatile int inserted = 0;
     fz_var(map);
@@ -59,6 +60,7 @@ int GraftPages(fz_context* ctx, pdf_document* dst, pdf_document* src, const int*
     }
     fz_catch(ctx) {
         fz_warn(ctx, "page import stopped: %s", fz_caught_message(ctx));
+        fz_strlcpy(why, fz_caught_message(ctx), why_size);
     }
     return inserted;
 }
@@ -261,13 +263,16 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
         ThrowCaught(ctx, engine::ErrorCategory::Other, "cannot import the pages");
     }
 
-    const int inserted =
-        GraftPages(ctx, to, from, pages != nullptr ? pages->data() : nullptr, count, at);
+    char why[256] = {};
+    const int inserted = GraftPages(ctx, to, from, pages != nullptr ? pages->data() : nullptr,
+                                    count, at, why, sizeof why);
     engine::PageTreeChanged(dst.Internals());
     if (inserted != count) {
         // Take back what a failed import added, so that the document is as it was.
         for (int k = 0; k < inserted; ++k) DeletePage(dst, at);
-        throw engine::EngineError(engine::ErrorCategory::Other, "cannot import the pages");
+        throw engine::EngineError(
+            engine::ErrorCategory::Other,
+            "cannot import page " + std::to_string(inserted + 1) + ": " + why);
     }
 }
 

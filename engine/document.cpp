@@ -66,18 +66,20 @@ bool IsPageTreeNode(fz_context* ctx, pdf_obj* kid) {
            pdf_dict_get(ctx, kid, PDF_NAME(MediaBox)) == nullptr;
 }
 
-// Page counts of the indirect nodes already counted, by object number; -1 for not yet. A node
-// that several parents share is counted once.
-struct NodeCounts {
-    int64_t* counts = nullptr;
+// A walk of the page tree that counts the pages below each node, as the engine's lookup finds
+// them. Checking, it stops at the first node whose /Count is wrong, or when it has looked at
+// `budget` kids; correcting, it gives every node the number it holds.
+struct PageTreeWalk {
+    int64_t* counts = nullptr;  // by object number, for nodes met before; -1 for not yet
     int length = 0;
+    bool correct = false;
+    int budget = 0;
+    bool found_wrong_count = false;
 };
 
-// The pages below `node`, as the engine's lookup walks them; every node whose /Count says
-// otherwise is given the number found.
-int64_t CountAndCorrect(fz_context* ctx, pdf_obj* node, NodeCounts* known, int depth) {
+int64_t CountPagesBelow(fz_context* ctx, pdf_obj* node, PageTreeWalk* walk, int depth) {
     const int num = pdf_is_indirect(ctx, node) ? pdf_to_num(ctx, node) : 0;
-    if (num > 0 && num < known->length && known->counts[num] >= 0) return known->counts[num];
+    if (num > 0 && num < walk->length && walk->counts[num] >= 0) return walk->counts[num];
     if (depth > kMaxPageTreeDepth) fz_throw(ctx, FZ_ERROR_GENERIC, "page tree too deep");
     if (pdf_mark_obj(ctx, node)) fz_throw(ctx, FZ_ERROR_GENERIC, "cycle in the page tree");
     volatile int64_t total = 0;
@@ -85,14 +87,21 @@ int64_t CountAndCorrect(fz_context* ctx, pdf_obj* node, NodeCounts* known, int d
         pdf_obj* kids = pdf_dict_get(ctx, node, PDF_NAME(Kids));
         const int length = pdf_array_len(ctx, kids);
         for (int i = 0; i < length; ++i) {
+            if (!walk->correct && --walk->budget < 0)
+                fz_throw(ctx, FZ_ERROR_GENERIC, "enough of the page tree checked");
             pdf_obj* kid = pdf_array_get(ctx, kids, i);
-            total = total +
-                    (IsPageTreeNode(ctx, kid) ? CountAndCorrect(ctx, kid, known, depth + 1) : 1);
+            total =
+                total + (IsPageTreeNode(ctx, kid) ? CountPagesBelow(ctx, kid, walk, depth + 1) : 1);
             if (total > INT_MAX) fz_throw(ctx, FZ_ERROR_GENERIC, "too many pages");
         }
         pdf_obj* count = pdf_dict_get(ctx, node, PDF_NAME(Count));
-        if (!pdf_is_int(ctx, count) || pdf_to_int64(ctx, count) != total)
+        if (!pdf_is_int(ctx, count) || pdf_to_int64(ctx, count) != total) {
+            if (!walk->correct) {
+                walk->found_wrong_count = true;
+                fz_throw(ctx, FZ_ERROR_GENERIC, "a page count is wrong");
+            }
             pdf_dict_put_int(ctx, node, PDF_NAME(Count), total);
+        }
     }
     fz_always(ctx) {
         pdf_unmark_obj(ctx, node);
@@ -100,32 +109,68 @@ int64_t CountAndCorrect(fz_context* ctx, pdf_obj* node, NodeCounts* known, int d
     fz_catch(ctx) {
         fz_rethrow(ctx);
     }
-    if (num > 0 && num < known->length) known->counts[num] = total;
+    if (num > 0 && num < walk->length) walk->counts[num] = total;
     return total;
+}
+
+// Kids looked at when the page tree is only checked: every page of a document of this many
+// pages, the first ones of a longer one. Looking at a kid parses it, and checking all of a
+// hundred thousand pages took longer than everything else opening the document does.
+constexpr int kPageTreeKidsChecked = 2048;
+
+// A root /Count that the tree cannot hold: not a number, negative, none for kids or some for
+// none, or more pages than the document has objects for (eight to an object allows for nodes
+// that several parents share).
+bool RootCountImplausible(fz_context* ctx, pdf_document* doc, pdf_obj* root) {
+    pdf_obj* count = pdf_dict_get(ctx, root, PDF_NAME(Count));
+    if (!pdf_is_int(ctx, count)) return true;
+    const int64_t pages = pdf_to_int64(ctx, count);
+    const bool kids = pdf_array_len(ctx, pdf_dict_get(ctx, root, PDF_NAME(Kids))) > 0;
+    return pages < 0 || (pages > 0) != kids ||
+           pages > 8 * static_cast<int64_t>(pdf_xref_len(ctx, doc));
+}
+
+// Walks the tree from the root; a walk that stops early (checked enough, a wrong count found
+// while checking, a cycle, too deep) changes nothing further.
+void WalkPageTree(fz_context* ctx, pdf_obj* root, PageTreeWalk* walk) {
+    for (int i = 0; i < walk->length; ++i) walk->counts[i] = -1;
+    fz_try(ctx) {
+        CountPagesBelow(ctx, root, walk, 0);
+    }
+    fz_catch(ctx) {
+        if (walk->correct) fz_rethrow(ctx);
+    }
 }
 
 }  // namespace
 
 // The engine takes the number of pages from the page tree root's /Count and finds a page by
 // the /Count of the nodes on the way down. A count that disagrees with the tree makes pages
-// appear that are not there (a damaged /Count of ten billion) or vanish; each node is given the
-// number of pages it holds. A tree with a cycle or too deep is left as it is: the engine
-// refuses its pages as it meets them.
+// appear that are not there (a damaged /Count of ten billion) or vanish, or be found in another
+// one's place. The tree is checked (all of it for a document of up to kPageTreeKidsChecked
+// pages) and, when a count is wrong, each node is given the number of pages it holds; a
+// repaired document, or one whose root count the tree cannot hold, is corrected at once. A tree
+// with a cycle or too deep is left as it is: the engine refuses its pages as it meets them.
 void CorrectPageCounts(fz_context* ctx, pdf_document* doc) {
-    NodeCounts known;
-    fz_var(known);
+    PageTreeWalk walk;
+    fz_var(walk);
     fz_try(ctx) {
         pdf_obj* root = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
         if (pdf_is_dict(ctx, root)) {
-            known.length = pdf_xref_len(ctx, doc);
-            known.counts = static_cast<int64_t*>(
-                fz_malloc(ctx, sizeof(int64_t) * static_cast<size_t>(known.length)));
-            for (int i = 0; i < known.length; ++i) known.counts[i] = -1;
-            CountAndCorrect(ctx, root, &known, 0);
+            walk.length = pdf_xref_len(ctx, doc);
+            walk.counts = static_cast<int64_t*>(
+                fz_malloc(ctx, sizeof(int64_t) * static_cast<size_t>(walk.length)));
+            walk.correct = pdf_was_repaired(ctx, doc) || RootCountImplausible(ctx, doc, root);
+            if (!walk.correct) {
+                walk.budget = kPageTreeKidsChecked;
+                WalkPageTree(ctx, root, &walk);
+                walk.correct = walk.found_wrong_count;
+            }
+            if (walk.correct) WalkPageTree(ctx, root, &walk);
         }
     }
     fz_always(ctx) {
-        fz_free(ctx, known.counts);
+        fz_free(ctx, walk.counts);
     }
     fz_catch(ctx) {
         fz_warn(ctx, "cannot check the page counts: %s", fz_caught_message(ctx));

@@ -482,11 +482,15 @@ void SplitSource::Open(std::FILE* file) {
         throw EngineError(ErrorCategory::Password, "the document needs a password");
     }
     RebuildIfPageTreeUnreachable(ctx, doc);
-    // Pages that the page tree's counts hide or invent are found as a document finds them.
-    CorrectPageCounts(ctx, doc);
     // What is parsed by now (trailer, catalogue, encryption) stays; the rest comes and goes.
     MarkObjectsToKeep(ctx, doc);
     BuildPageIndex(ctx, doc, &impl_->index);
+    if (impl_->index.numbers == nullptr) {
+        // The engine counts and finds the pages through the counts of the tree: pages that they
+        // hide or invent are found as a document finds them, and the corrected counts stay.
+        CorrectPageCounts(ctx, doc);
+        MarkObjectsToKeep(ctx, doc);
+    }
     impl_->pages = impl_->index.numbers != nullptr ? impl_->index.count : CountPages(ctx, doc);
     DropUnheldObjects(ctx, doc);
 }

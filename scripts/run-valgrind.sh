@@ -1,0 +1,112 @@
+#!/usr/bin/env bash
+# Runs the typical job (zpdf_corpus_job) and the zpdf commands that change documents under
+# valgrind, on a handful of documents made here: a Ghostscript print file with part-end markers,
+# the same file encrypted by qpdf with a user password and with an owner password only, and
+# damaged files whose table the engine has to rebuild. Builds a plain RelWithDebInfo tree
+# (build-valgrind; ZPDF_VALGRIND_BUILD_DIR changes it) with the two executables only. Any
+# further arguments are PDF files (from the corpus, for example) that go through the job too.
+# Fails when valgrind reports an error or a definite leak, or when a command fails that must not.
+#   scripts/run-valgrind.sh [EXTRA.pdf...]
+set -euo pipefail
+extra=()
+for file in "$@"; do extra+=("$(realpath "$file")"); done
+cd "$(dirname "$0")/.."
+
+ZPDF_EXTRA_PACKAGES="valgrind" bash scripts/install-deps.sh
+build=${ZPDF_VALGRIND_BUILD_DIR:-build-valgrind}
+jobs=${ZPDF_JOBS:-$(nproc 2>/dev/null || echo 2)}
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZPDF_SANITIZE=OFF -DZPDF_TSAN=OFF \
+    -DZPDF_BUILD_TESTS=ON -DZPDF_BUILD_CLI=ON -DZPDF_BUILD_BENCH=OFF >/dev/null
+cmake --build "$build" -j "$jobs" --target zpdf_corpus_job zpdf >/dev/null
+job=$(realpath "$build/tests/corpus/zpdf_corpus_job")
+zpdf=$(realpath "$build/cli/zpdf")
+
+work=$(mktemp -d -t zpdf-valgrind.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+# A six-page print file whose third and sixth pages carry the part-end marker, and a letterhead.
+{
+    echo "/Helvetica findfont 10 scalefont setfont"
+    echo "1 1 6 { /p exch def 0 1 39 { /l exch def 50 780 l 18 mul sub moveto"
+    echo "(Page ) show p 10 string cvs show ( line ) show l 10 string cvs show"
+    echo "(: the quick brown fox jumps over the lazy dog) show } for"
+    echo "p 3 mod 0 eq { 50 40 moveto (@@nd@@) show } if showpage } for"
+} >marked.ps
+gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pdfwrite -sPAPERSIZE=a4 -o marked.pdf marked.ps
+gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pdfwrite -sPAPERSIZE=a4 -o letterhead.pdf \
+    -c '/Helvetica findfont 20 scalefont setfont 50 800 moveto (Letterhead) show showpage'
+qpdf --encrypt user owner 256 -- marked.pdf user-password.pdf
+qpdf --encrypt "" owner 256 -- marked.pdf owner-password.pdf
+
+# damaged OUT MISPLACED OBJECT...: a PDF of the given objects (numbered from 1) whose table
+# entry for object MISPLACED points at the end of the object before it.
+damaged() {
+    local out=$1 misplaced=$2 body="%PDF-1.4"$'\n' i=1 offsets=() xref
+    shift 2
+    for object in "$@"; do
+        offsets+=("${#body}")
+        body+="$i 0 obj"$'\n'"$object"$'\n'"endobj"$'\n'
+        i=$((i + 1))
+    done
+    xref=${#body}
+    body+="xref"$'\n'"0 $i"$'\n'"0000000000 65535 f "$'\n'
+    for ((n = 1; n < i; n++)); do
+        local offset=${offsets[n - 1]}
+        [ "$n" -eq "$misplaced" ] && offset=$((offset - 7))
+        body+="$(printf '%010d 00000 n ' "$offset")"$'\n'
+    done
+    body+="trailer"$'\n'"<< /Size $i /Root 1 0 R >>"$'\n'"startxref"$'\n'"$xref"$'\n'"%%EOF"$'\n'
+    printf '%s' "$body" >"$out"
+}
+content="BT /F1 24 Tf 72 200 Td (Hello) Tj ET"
+text="<< /Length ${#content} >>"$'\n'"stream"$'\n'"$content"$'\n'"endstream"
+font="<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>"
+page="<< /Type /Page /Parent 2 0 R /MediaBox [0 0 300 300] /Contents 4 0 R"
+page+=" /Resources << /Font << /F1 5 0 R >> >> >>"
+# Drawing reads the misplaced font and the engine rebuilds the table; the root's /Count is wrong.
+damaged rebuilt.pdf 5 "<< /Type /Catalog /Pages 2 0 R >>" \
+    "<< /Type /Pages /Kids [3 0 R] /Count 5 >>" "$page" "$text" "$font"
+# The rebuild gives up at the last object, whose string runs to the end of the file.
+damaged failed-rebuild.pdf 5 "<< /Type /Catalog /Pages 2 0 R >>" \
+    "<< /Type /Pages /Kids [3 0 R] /Count 1 >>" "$page" "$text" "$font" "<< /Damaged (text >>"
+openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=zpdf-valgrind \
+    -keyout recipient.key -out recipient.pem 2>/dev/null
+
+failures=0
+# check EXPECTED_STATUSES COMMAND...: runs the command under valgrind; its exit status must be
+# one of EXPECTED_STATUSES (a pattern such as "0|1"), and valgrind must report nothing.
+check() {
+    local expected=$1 status=0
+    shift
+    valgrind --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite -q \
+        --log-file=valgrind.log "$@" >command.log 2>&1 || status=$?
+    if [ -s valgrind.log ] || [[ ! "$status" =~ ^($expected)$ ]]; then
+        echo "FAILED (status $status): $*"
+        cat valgrind.log command.log
+        failures=$((failures + 1))
+    else
+        echo "clean: $*"
+    fi
+}
+
+for file in marked.pdf user-password.pdf owner-password.pdf rebuilt.pdf failed-rebuild.pdf \
+    "${extra[@]}"; do
+    rm -rf job
+    # The job exits with 1 when the document is refused and 3 on a wrong result.
+    check "0|1" "$job" "$file" job --certificate recipient.pem
+done
+cp marked.pdf a.pdf
+check 0 "$zpdf" stamp a.pdf letterhead.pdf --all -o stamped.pdf
+check 0 "$zpdf" stamp a.pdf letterhead.pdf --page 2 --at 10,10 --scale 0.5 --background
+check 0 "$zpdf" append a.pdf letterhead.pdf -o appended.pdf
+check 0 "$zpdf" replace a.pdf 2 letterhead.pdf 1 1 -o replaced.pdf
+check 0 "$zpdf" split appended.pdf part
+check 0 "$zpdf" split owner-password.pdf secured-part
+check 0 "$zpdf" protect owner-password.pdf --user u --owner o -o protected.pdf
+check 0 "$zpdf" protect-pubkey owner-password.pdf recipient.pem -o pubkey.pdf
+check 0 "$zpdf" info user-password.pdf --password user
+check 0 "$zpdf" render rebuilt.pdf 1 page.png --dpi 36
+
+[ "$failures" -eq 0 ] || { echo "$failures command(s) failed under valgrind"; exit 1; }
+echo "valgrind: clean"

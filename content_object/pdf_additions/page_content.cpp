@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cstdio>
 
+#include "content_object/pdf_additions/page_graft.h"
 #include "engine/engine_internal.h"
 
 namespace zpdf::additions {
@@ -36,33 +37,6 @@ void PrepareDestination(fz_context* ctx, pdf_document* doc) {
         pdf_dict_put_int(ctx, pages, PDF_NAME(Count), 0);
         pdf_dict_put_drop(ctx, pages, PDF_NAME(Kids), pdf_add_new_array(ctx, doc, 1));
     }
-}
-
-// Copies `count` pages; returns how many were inserted before a failure (all on success), and
-// puts the engine's reason for a failure into `why` (`why_size` bytes).
-int GraftPages(fz_context* ctx, pdf_document* dst, pdf_document* src, const int* pages, int count,
-               int at, char* why, size_t why_size) {
-    pdf_graft_map* map = nullptr;
-    volatile int inserted = 0;
-    fz_var(map);
-    fz_try(ctx) {
-        map = pdf_new_graft_map(ctx, dst);
-        for (int k = 0; k < count; ++k) {
-            int from = pages != nullptr ? pages[k] : k;
-            // Copying within one document: pages at or behind the insertion point have moved.
-            if (src == dst && from >= at) from += inserted;
-            pdf_graft_mapped_page(ctx, map, at + inserted, src, from);
-            inserted = inserted + 1;
-        }
-    }
-    fz_always(ctx) {
-        pdf_drop_graft_map(ctx, map);
-    }
-    fz_catch(ctx) {
-        fz_warn(ctx, "page import stopped: %s", fz_caught_message(ctx));
-        fz_strlcpy(why, fz_caught_message(ctx), why_size);
-    }
-    return inserted;
 }
 
 void AppendStreamData(fz_context* ctx, fz_buffer* into, pdf_obj* stream, int separate) {
@@ -263,16 +237,15 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
         ThrowCaught(ctx, engine::ErrorCategory::Other, "cannot import the pages");
     }
 
+    // A failed run leaves the page tree as it was and none of its objects behind.
     char why[256] = {};
-    const int inserted = GraftPages(ctx, to, from, pages != nullptr ? pages->data() : nullptr,
-                                    count, at, why, sizeof why);
+    const int failed =
+        GraftPageRun(dst.Internals(), src.Internals(), pages != nullptr ? pages->data() : nullptr,
+                     count, at, why, sizeof why);
     engine::PageTreeChanged(dst.Internals());
-    if (inserted != count) {
-        // Take back what a failed import added, so that the document is as it was.
-        for (int k = 0; k < inserted; ++k) DeletePage(dst, at);
-        throw engine::EngineError(
-            engine::ErrorCategory::Other,
-            "cannot import page " + std::to_string(inserted + 1) + ": " + why);
+    if (failed >= 0) {
+        throw engine::EngineError(engine::ErrorCategory::Other,
+                                  "cannot import page " + std::to_string(failed + 1) + ": " + why);
     }
 }
 

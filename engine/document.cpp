@@ -314,6 +314,33 @@ void LoadPageNumbers(Document::Impl& impl, int count) noexcept {
 
 }  // namespace
 
+void ReleaseUnchangedObjects(fz_context* ctx, pdf_document* doc) noexcept {
+    // A document made in memory has no file to parse its objects from again; a rebuilt table
+    // changes objects where they stand (stream lengths), and those changes are not in the file.
+    if (doc == nullptr || doc->file == nullptr || doc->repair_attempted) return;
+    // The sections past the updates are the file's own: an object changed since opening was
+    // moved to the update section, and what it left behind here is a copy nothing needs.
+    for (int x = doc->num_incremental_sections; x < doc->num_xref_sections; ++x) {
+        for (pdf_xref_subsec* sub = doc->xref_sections[x].subsec; sub != nullptr; sub = sub->next) {
+            for (int e = 0; e < sub->len; ++e) {
+                pdf_xref_entry& entry = sub->table[e];
+                if (entry.obj == nullptr || entry.stm_buf != nullptr) continue;
+                if (entry.type != 'n' && entry.type != 'o') continue;
+                if (pdf_obj_refs(ctx, entry.obj) != 1) continue;
+                pdf_drop_obj(ctx, entry.obj);
+                entry.obj = nullptr;
+            }
+        }
+    }
+}
+
+void NoteWork(Document::Impl& impl) noexcept {
+    constexpr unsigned kWorkBetweenReleases = 256;
+    if (++impl.work_since_release < kWorkBetweenReleases) return;
+    impl.work_since_release = 0;
+    ReleaseUnchangedObjects(impl.ctx, impl.doc);
+}
+
 pdf_obj* LookupPage(Document::Impl& impl, int index) {
     fz_context* ctx = impl.ctx;
     pdf_document* doc = impl.doc;
@@ -330,7 +357,8 @@ pdf_obj* LookupPage(Document::Impl& impl, int index) {
         impl.page_numbers_after_repair = repaired;
     }
     if (!impl.page_numbers.empty() && impl.page_numbers[static_cast<std::size_t>(index)] > 0) {
-        pdf_obj* page = pdf_load_object(ctx, doc, impl.page_numbers[static_cast<std::size_t>(index)]);
+        pdf_obj* page =
+            pdf_load_object(ctx, doc, impl.page_numbers[static_cast<std::size_t>(index)]);
         // The document's table of objects keeps the page; the caller borrows it from there, as
         // it would borrow it from the page tree.
         pdf_drop_obj(ctx, page);
@@ -395,6 +423,7 @@ void Document::Open(std::FILE* file, const std::optional<std::string>& password)
     impl_->stream = stm;
     impl_->counts_corrected_after_repair = false;
     impl_->objects_placed = false;
+    impl_->placed_streams.clear();
 }
 
 void Document::Close() noexcept {
@@ -408,6 +437,7 @@ void Document::Close() noexcept {
         }
         pdf_drop_document(ctx, impl_->doc);
         impl_->doc = nullptr;
+        impl_->placed_streams.clear();
     }
     if (impl_->stream != nullptr) {
         fz_drop_stream(ctx, impl_->stream);
@@ -428,6 +458,7 @@ int Document::PageCount() {
 }
 
 PageSize Document::GetPageSize(int index) {
+    NoteWork(*impl_);
     fz_context* ctx = impl_->ctx;
     fz_rect bounds = fz_empty_rect;
     fz_page* page = nullptr;
@@ -489,13 +520,24 @@ unsigned FindFeatures(fz_context* ctx, pdf_document* doc) {
 struct SinkState {
     ByteSink* sink;
     int64_t position;
+    pdf_document* doc;
+    int64_t released_at;
 };
+
+// Bytes written between two releases of the objects the writer has parsed and written.
+constexpr int64_t kBytesBetweenReleases = 256 * 1024;
 
 void WriteToSink(fz_context* ctx, void* state, const void* data, size_t size) {
     auto* s = static_cast<SinkState*>(state);
     if (!s->sink->Write(data, size))
         fz_throw(ctx, FZ_ERROR_GENERIC, "cannot write the output file");
     s->position += static_cast<int64_t>(size);
+    // The writer holds the object it is writing; those written before are held by nobody and
+    // are let go, so that writing a long document does not keep all of it parsed.
+    if (s->position - s->released_at >= kBytesBetweenReleases) {
+        s->released_at = s->position;
+        ReleaseUnchangedObjects(ctx, s->doc);
+    }
 }
 
 int64_t TellSink(fz_context* /*ctx*/, void* state) {
@@ -546,9 +588,11 @@ int ObjectHoldsEmptyName(fz_context* ctx, pdf_document* doc, int num) {
 }  // namespace
 
 bool DocumentHoldsEmptyName(fz_context* ctx, pdf_document* doc) {
+    constexpr int kObjectsBetweenReleases = 1024;
     const int length = pdf_xref_len(ctx, doc);
     for (int num = 1; num < length; ++num) {
         if (ObjectHoldsEmptyName(ctx, doc, num)) return true;
+        if (num % kObjectsBetweenReleases == 0) ReleaseUnchangedObjects(ctx, doc);
     }
     return HoldsEmptyName(ctx, pdf_trailer(ctx, doc), 0);
 }
@@ -557,7 +601,7 @@ void WriteDocument(fz_context* ctx, pdf_document* doc, ByteSink& sink,
                    const pdf_write_options& options) {
     fz_output* out = nullptr;
     fz_var(out);
-    SinkState state{&sink, 0};
+    SinkState state{&sink, 0, doc, 0};
     pdf_write_options chosen = options;
     fz_try(ctx) {
         RequireCatalog(ctx, doc);

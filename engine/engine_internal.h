@@ -8,6 +8,8 @@ extern "C" {
 }
 
 #include <cstdio>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "engine/engine.h"
@@ -73,7 +75,23 @@ struct Document::Impl {
     bool counts_corrected_after_repair = false;
     // Every object of the table was found where the table says, or the table was rebuilt.
     bool objects_placed = false;
+    // Units of per-page work since the unchanged objects were last released.
+    unsigned work_since_release = 0;
+    // The content streams placed on pages, by their bytes, so that the same content placed on
+    // many pages is one stream. Checked against the document before each reuse.
+    std::unordered_map<std::string, int> placed_streams;
 };
+
+// Drops the objects the document parsed from its file that are still as the file has them and
+// that nothing else holds; the engine parses them again from the file when they are next asked
+// for. Changed and new objects live in the document's section of updates and stay. The engine
+// otherwise keeps every object it has parsed until the document closes, so stamping or saving a
+// long document would hold all of it. A pointer borrowed into a dropped object dangles: call it
+// only where nothing up the stack holds one. Never throws.
+void ReleaseUnchangedObjects(fz_context* ctx, pdf_document* doc) noexcept;
+// Counts one unit of per-page work on the document of `impl` and releases its unchanged objects
+// every few hundred units. Call it where nothing up the stack holds a borrowed object.
+void NoteWork(Document::Impl& impl) noexcept;
 
 // The engine rebuilds a damaged table on its own when it meets an object that is not where the
 // table says, and then reads every object again from the file: the page counts corrected when
@@ -97,6 +115,8 @@ int CountDocumentPages(Document::Impl& impl);
 // fz_try) for an index outside the document.
 pdf_obj* LookupPage(Document::Impl& impl, int index);
 // Forgets the page number cache; call it after any change of the page tree.
-inline void PageTreeChanged(Document::Impl& impl) { impl.page_numbers.clear(); }
+inline void PageTreeChanged(Document::Impl& impl) {
+    impl.page_numbers.clear();
+}
 
 }  // namespace zpdf::engine

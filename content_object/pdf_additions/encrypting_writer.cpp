@@ -28,6 +28,9 @@ constexpr std::size_t kStreamChunk = 256u * 1024;
 
 // ---- Engine calls: each sequence in its own small function, engine errors as EngineError ----
 
+// Objects written between two releases of those the writer has parsed.
+constexpr int kObjectsBetweenReleases = 1024;
+
 struct ObjectSlot {
     int in_use = 0;
     int gen = 0;
@@ -182,6 +185,8 @@ class EncryptingWriter {
         gens_.assign(static_cast<std::size_t>(length), 0);
 
         for (int num = 1; num < length; ++num) {
+            // What was written is let go: a long document is not kept parsed in full.
+            if (num % kObjectsBetweenReleases == 0) engine::ReleaseUnchangedObjects(ctx_, doc_);
             if (num == source.object_number) continue;  // replaced by our dictionary
             ObjectSlot slot;
             LoadSlot(ctx_, doc_, num, &slot);

@@ -2,6 +2,8 @@
 
 #include <charconv>
 #include <cstdio>
+#include <cstring>
+#include <string>
 
 #include "content_object/pdf_additions/page_graft.h"
 #include "engine/engine_internal.h"
@@ -162,9 +164,50 @@ pdf_obj* AddContentStream(fz_context* ctx, pdf_document* doc, const char* bytes,
     return stream;
 }
 
-// Adds the streams and splices them into the page's content; 0 when the page has none.
-int SpliceContent(fz_context* ctx, pdf_document* doc, pdf_obj* page, const char* front,
-                  size_t front_size, const char* back, size_t back_size) {
+// A stream of `doc` whose decoded bytes are `bytes`, or 0 when object `num` is not one (any
+// more). Never throws.
+int SameStream(fz_context* ctx, pdf_document* doc, int num, const char* bytes, size_t size) {
+    volatile int same = 0;
+    fz_buffer* data = nullptr;
+    fz_var(data);
+    fz_try(ctx) {
+        if (num > 0 && num < pdf_xref_len(ctx, doc) && pdf_obj_num_is_stream(ctx, doc, num)) {
+            data = pdf_load_stream_number(ctx, doc, num);
+            unsigned char* stored = nullptr;
+            const size_t length = fz_buffer_storage(ctx, data, &stored);
+            same = length == size && (size == 0 || std::memcmp(stored, bytes, size) == 0);
+        }
+    }
+    fz_always(ctx) {
+        fz_drop_buffer(ctx, data);
+    }
+    fz_catch(ctx) {
+        same = 0;
+    }
+    return same != 0 ? num : 0;
+}
+
+// Object `num` when it is not 0, else a new content stream holding `bytes`; a reference of
+// the caller's.
+pdf_obj* ContentStream(fz_context* ctx, pdf_document* doc, int num, const char* bytes,
+                       size_t size) {
+    if (num > 0) return pdf_new_indirect(ctx, doc, num, 0);
+    return AddContentStream(ctx, doc, bytes, size);
+}
+
+// Streams placed on pages, by content: placing the same content on many pages (a letterhead
+// on every page of a long print file) shares one stream instead of adding one a page.
+struct PlacedStream {
+    const char* bytes;
+    size_t size;
+    int reuse;          // an earlier stream with these bytes, 0 for none
+    volatile int used;  // the stream spliced in
+};
+
+// Adds the streams, or takes the earlier ones, and splices them into the page's content; 0
+// when the page has none.
+int SpliceContent(fz_context* ctx, pdf_document* doc, pdf_obj* page, PlacedStream* front,
+                  PlacedStream* back) {
     pdf_obj* front_ref = nullptr;
     pdf_obj* back_ref = nullptr;
     pdf_obj* array = nullptr;
@@ -173,8 +216,12 @@ int SpliceContent(fz_context* ctx, pdf_document* doc, pdf_obj* page, const char*
     fz_var(back_ref);
     fz_var(array);
     fz_try(ctx) {
-        front_ref = AddContentStream(ctx, doc, front, front_size);
-        if (back_size > 0) back_ref = AddContentStream(ctx, doc, back, back_size);
+        front_ref = ContentStream(ctx, doc, front->reuse, front->bytes, front->size);
+        front->used = pdf_to_num(ctx, front_ref);
+        if (back->size > 0) {
+            back_ref = ContentStream(ctx, doc, back->reuse, back->bytes, back->size);
+            back->used = pdf_to_num(ctx, back_ref);
+        }
         pdf_obj* contents = pdf_dict_get(ctx, page, PDF_NAME(Contents));
         if (!contents) {
             placed = 0;
@@ -201,17 +248,39 @@ int SpliceContent(fz_context* ctx, pdf_document* doc, pdf_obj* page, const char*
     return placed;
 }
 
+// The stream placed earlier with these bytes, when the document still holds it unchanged.
+int EarlierStream(engine::Document::Impl& impl, const char* bytes, size_t size) {
+    const auto found = impl.placed_streams.find(std::string(bytes, size));
+    if (found == impl.placed_streams.end()) return 0;
+    return SameStream(impl.ctx, impl.doc, found->second, bytes, size);
+}
+
+void RememberStream(engine::Document::Impl& impl, const char* bytes, size_t size, int num) {
+    // Content that differs from page to page is not worth keeping.
+    constexpr std::size_t kMaxRemembered = 64;
+    constexpr std::size_t kMaxRememberedBytes = 4096;
+    if (num <= 0 || size > kMaxRememberedBytes) return;
+    if (impl.placed_streams.size() >= kMaxRemembered) impl.placed_streams.clear();
+    impl.placed_streams[std::string(bytes, size)] = num;
+}
+
 bool PlaceStreams(engine::Document::Impl& impl, int page_index, const char* front,
                   size_t front_size, const char* back, size_t back_size) {
+    engine::NoteWork(impl);
     fz_context* ctx = impl.ctx;
+    PlacedStream front_stream{front, front_size, EarlierStream(impl, front, front_size), 0};
+    PlacedStream back_stream{back, back_size,
+                             back_size > 0 ? EarlierStream(impl, back, back_size) : 0, 0};
     volatile int placed = 0;
     fz_try(ctx) {
-        placed = SpliceContent(ctx, impl.doc, engine::LookupPage(impl, page_index), front,
-                               front_size, back, back_size);
+        placed = SpliceContent(ctx, impl.doc, engine::LookupPage(impl, page_index), &front_stream,
+                               &back_stream);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, engine::ErrorCategory::Page, "cannot place the form");
     }
+    RememberStream(impl, front, front_size, front_stream.used);
+    if (back_size > 0) RememberStream(impl, back, back_size, back_stream.used);
     return placed != 0;
 }
 
@@ -265,14 +334,15 @@ void DeletePage(engine::Document& doc, int index) {
 
 FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index) {
     engine::PlaceObjectsBeforeChanges(doc.Internals());
+    engine::NoteWork(doc.Internals());
     fz_context* ctx = doc.Internals().ctx;
     pdf_document* pdf = doc.Internals().doc;
     float width = 0;
     float height = 0;
     volatile std::uint32_t number = 0;
     fz_try(ctx) {
-        number = MakeForm(ctx, pdf, engine::LookupPage(doc.Internals(), page_index), &width,
-                          &height);
+        number =
+            MakeForm(ctx, pdf, engine::LookupPage(doc.Internals(), page_index), &width, &height);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, engine::ErrorCategory::Page, "cannot make a form of the page");
@@ -283,6 +353,7 @@ FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index) {
 std::string AddXObjectResource(engine::Document& doc, int page_index, std::uint32_t object_number,
                                const std::string& category) {
     engine::PlaceObjectsBeforeChanges(doc.Internals());
+    engine::NoteWork(doc.Internals());
     fz_context* ctx = doc.Internals().ctx;
     pdf_document* pdf = doc.Internals().doc;
     char name[32] = {};

@@ -48,6 +48,9 @@ int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_o
     return number;
 }
 
+// Pages copied between two releases of the source objects parsed for them.
+constexpr int kPagesBetweenReleases = 256;
+
 // The page at `index` of `src`, looked up in the source document's own context (the two
 // documents keep separate contexts, and an error must reach the handler that waits for it);
 // its failure is thrown again in `ctx`.
@@ -287,6 +290,10 @@ int GraftPageRun(engine::Document::Impl& dst, engine::Document::Impl& src, const
             pdf_obj* source = LookupSourcePage(ctx, src, pages != nullptr ? pages[k] : k);
             numbers[k] = CopyPageObject(ctx, map, doc, source);
             copied = k + 1;
+            // The source pages copied so far are held by nobody now: a long run does not keep
+            // the whole source parsed.
+            if (copied % kPagesBetweenReleases == 0)
+                engine::ReleaseUnchangedObjects(src.ctx, src.doc);
         }
         InsertRun(ctx, doc, numbers, count, at, total);
     }

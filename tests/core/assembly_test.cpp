@@ -298,6 +298,80 @@ TEST(Place, FollowsThePagesAfterAssembly) {
     }
 }
 
+// Long documents: while a few hundred pages are measured, stamped or copied, the engine lets go
+// of the objects it parsed from the file, and the same content placed on many pages is one
+// stream. Every change must survive both, and different content must not be shared.
+TEST(Place, LongDocumentsKeepEveryChange) {
+    constexpr int kPages = 600;
+    const struct {
+        const char* name;
+        bool measure_first;  // measure every page before stamping
+        bool append_self;    // append the document to itself before stamping
+        int every;           // stamp every n-th page
+        bool two_positions;  // odd and even pages get the form at different places
+    } cases[] = {
+        {"stamp every page", false, false, 1, false},
+        {"measure, then stamp every other page", true, false, 2, false},
+        {"append to itself, then stamp", false, true, 1, false},
+        {"two positions", false, false, 1, true},
+    };
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path letterhead = Sample(dir / "lh.pdf", {Labelled("letterhead")});
+    std::vector<SamplePage> pages;
+    for (int i = 1; i <= kPages; ++i) pages.push_back(Labelled("p" + std::to_string(i) + "x"));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const stdfs::path target = Sample(dir / "long.pdf", pages);
+        CZPdfContentObject lh;
+        CZPdfContentObject dst;
+        Open(lh, letterhead);
+        Open(dst, target);
+        if (c.append_self) {
+            ASSERT_EQ(dst.AppendPages(&dst), hr::kOk);
+        }
+        const int total = Pages(dst);
+        ASSERT_EQ(total, c.append_self ? 2 * kPages : kPages);
+        if (c.measure_first) {
+            for (int page = 1; page <= total; ++page) {
+                double width = 0;
+                double height = 0;
+                ASSERT_EQ(dst.GetPageSize(page, &width, &height), hr::kOk);
+                ASSERT_GT(width, 0);
+            }
+        }
+        std::vector<std::uint32_t> ids;
+        ASSERT_EQ(dst.ImportContent(&lh, &ids), hr::kOk);
+        for (int page = 1; page <= total; page += c.every) {
+            const float x = c.two_positions && page % 2 == 0 ? 20.0F : 0.0F;
+            ASSERT_EQ(dst.PlaceContent(ids[0], page, x, 0, 1, 1, -1), hr::kOk);
+        }
+        ASSERT_EQ(dst.Save(), hr::kOk);
+        ASSERT_TRUE(test::QpdfCheckPasses(target));
+
+        const std::vector<std::string> texts = PageTexts(target);
+        ASSERT_EQ(static_cast<int>(texts.size()), total);
+        int wrong = 0;
+        for (int i = 0; i < total; ++i) {
+            const std::string label = "p" + std::to_string(i % kPages + 1) + "x";
+            const bool stamped = i % c.every == 0;
+            if (texts[i].find(label) == std::string::npos ||
+                (texts[i].find("letterhead") != std::string::npos) != stamped) {
+                ADD_FAILURE() << "page " << i + 1 << ": " << texts[i];
+                if (++wrong > 5) break;
+            }
+        }
+        // Beneath the page content, the form is drawn by the first stream of a stamped page.
+        // The last page stamped as page 1 was.
+        int last = total;
+        while ((last - 1) % c.every != 0 || (c.two_positions && last % 2 == 0)) --last;
+        const int first_stream = ContentStreams(target, 1).at(0);
+        EXPECT_EQ(ContentStreams(target, last).at(0), first_stream);
+        if (c.two_positions) {
+            EXPECT_NE(ContentStreams(target, 2).at(0), first_stream);
+        }
+    }
+}
+
 TEST(Place, TakenNamesAreSkipped) {
     const stdfs::path dir = test::ScratchDir();
     SamplePage page = Labelled("p");

@@ -463,5 +463,59 @@ TEST_F(SecuredSaveTest, DocumentStateBeforeTheSave) {
     EXPECT_NE(test::ReadBytes(file).find("/Adobe.PubSec"), std::string::npos);
 }
 
+// A long document goes out whole: while writing, the objects already written are let go, and
+// those of object streams are read again when they are next needed.
+TEST_F(SecuredSaveTest, LongDocumentsArriveWhole) {
+    constexpr int kLong = 1200;
+    const stdfs::path dir = test::ScratchDir();
+    std::vector<std::string> texts;
+    for (int i = 1; i <= kLong; ++i) texts.push_back("Sheet " + std::to_string(i) + " end");
+    const stdfs::path plain = test::TextPdf(dir / "long-plain.pdf", texts);
+    const Recipient alice = MakeRecipient(dir, "Alice");
+    const std::vector<OptionalText> recipients = {PemOf(alice.certificate)};
+    const struct {
+        const char* name;
+        const char* qpdf_options;
+        bool certificate;
+    } cases[] = {
+        {"password, aes256", "--encrypt user owner 256 --", false},
+        {"password, object streams",
+         "--object-streams=generate --encrypt user owner 128 --use-aes=y --", false},
+        {"certificate, object streams", "--object-streams=generate --encrypt user owner 256 --",
+         true},
+    };
+    const std::string checked[] = {texts.front(), texts[kLong / 2], texts.back()};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const stdfs::path file = dir / "long.pdf";
+        const auto made = test::Run(std::string("qpdf ") + c.qpdf_options + " " +
+                                    test::Quote(plain) + " " + test::Quote(file));
+        ASSERT_TRUE(made.exit_code == 0 || made.exit_code == 3) << made.output;
+        CZPdfContentObject object;
+        Open(object, file, u"user");
+        if (c.certificate) {
+            ASSERT_EQ(object.SaveWithPubKeySecurity(&recipients), hr::kOk)
+                << object.LastErrorText();
+            const Probe probe = ProbeAs(file, alice);
+            ASSERT_EQ(probe.exit_code, 0) << probe.output;
+            EXPECT_EQ(probe.Fact("pages"), std::to_string(kLong));
+            for (const std::string& text : checked) {
+                EXPECT_NE(probe.text.find(text), std::string::npos) << text;
+            }
+        } else {
+            ASSERT_EQ(object.SaveWithSecurity(u"new user", u"new owner"), hr::kOk)
+                << object.LastErrorText();
+            const std::string owner = " --password='new owner' " + test::Quote(file);
+            EXPECT_EQ(test::Run("qpdf --check" + owner).exit_code, 0);
+            EXPECT_EQ(test::Run("qpdf --show-npages" + owner).output, std::to_string(kLong) + "\n");
+            const std::string all =
+                test::Run("pdftotext -q -upw 'new user' " + test::Quote(file) + " -").output;
+            for (const std::string& text : checked) {
+                EXPECT_NE(all.find(text), std::string::npos) << text;
+            }
+        }
+    }
+}
+
 }  // namespace
 }  // namespace zpdf

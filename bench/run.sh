@@ -31,8 +31,9 @@ echo "making the documents..." >&2
 } >"$work/text.ps"
 gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pdfwrite -sPAPERSIZE=a4 -o "$work/text1000.pdf" "$work/text.ps"
 "$bench" make-text "$work/plain1000.pdf" 1000
-# Print files for splitting: 40 lines a page, the marker "@@nd@@" at the foot of every 7th page.
-for pages in 2000 8000; do
+# Print files for splitting and for the memory rows: 40 lines a page, the marker "@@nd@@" at the
+# foot of every 7th page.
+for pages in 1000 2000 8000; do
     {
         echo "/Helvetica findfont 10 scalefont setfont"
         echo "1 1 $pages { /p exch def 0 1 39 { /l exch def 50 780 l 18 mul sub moveto"
@@ -119,6 +120,12 @@ ours=$(median "$append_ours")
 row "append 1000 to 1000 pages + save" "$ours" "qpdf --empty --pages" "$(median "$append_qpdf")"
 row "append 1000 to 1000 pages + save" "$ours" "pdfunite" "$(median "pdfunite $in $work/plain1000.pdf $work/unite.pdf")"
 row "append, peak MiB" "$(peak_mib "$append_ours")" "qpdf --empty --pages, peak MiB" "$(peak_mib "$append_qpdf")"
+# A long print file appended to itself: the time must grow with the pages, not their square.
+long="$work/marked8000.pdf"
+ours=$(median "$zpdf append $long $long -o $work/appended.pdf")
+row "append 8000 to 8000 pages + save" "$ours" "pdfunite" "$(median "pdfunite $long $long $work/unite.pdf")"
+row "append 8000 to 8000 pages + save" "$ours" "qpdf --empty --pages" \
+    "$(median "qpdf --empty --pages $long $long -- $work/qpdf-appended.pdf")"
 
 # Secured saves. Both re-secure an encrypted file, so each document is first encrypted by qpdf
 # (AES-256, password u); ours and the peer open it with that password. The certificate save is
@@ -168,7 +175,7 @@ row "split peak RSS KB, 8000 pages" "$rss8000" "pdftotext, 8000 pages" \
 # pages: the growth with the page count, against qpdf's plain rewrite of the 8000 pages.
 declare -A peak_stamp peak_append peak_save
 big="$work/marked8000.pdf"
-small="$work/text1000.pdf"
+small="$work/marked1000.pdf"
 for size in small big; do
     doc=${!size}
     peak_stamp[$size]=$(peak_mib "$zpdf stamp $doc $work/lh.pdf --background -o $work/mem-stamped.pdf")

@@ -314,6 +314,52 @@ void LoadPageNumbers(Document::Impl& impl, int count) noexcept {
 
 }  // namespace
 
+namespace {
+
+// Page entries a copied page takes from the source. Those marked inheritable may sit on an
+// ancestor in the source's page tree; the copy holds them itself. Entries that point to other
+// pages or to the document's structure (annotations, thread beads, structure parents) would
+// drag the rest of the source along and stay behind.
+struct PageEntry {
+    pdf_obj* key;
+    bool inheritable;
+};
+
+}  // namespace
+
+int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_obj* source) {
+    const PageEntry entries[] = {
+        {PDF_NAME(Contents), false}, {PDF_NAME(Resources), true}, {PDF_NAME(MediaBox), true},
+        {PDF_NAME(CropBox), true},   {PDF_NAME(BleedBox), false}, {PDF_NAME(TrimBox), false},
+        {PDF_NAME(ArtBox), false},   {PDF_NAME(Rotate), true},    {PDF_NAME(UserUnit), false},
+        {PDF_NAME(Group), false},
+    };
+    pdf_obj* page = nullptr;
+    volatile int number = 0;
+    fz_var(page);
+    fz_try(ctx) {
+        page = pdf_new_dict(ctx, dst, 12);
+        pdf_dict_put(ctx, page, PDF_NAME(Type), PDF_NAME(Page));
+        for (const PageEntry& entry : entries) {
+            pdf_obj* value = entry.inheritable ? pdf_dict_get_inheritable(ctx, source, entry.key)
+                                               : pdf_dict_get(ctx, source, entry.key);
+            if (value != nullptr) {
+                pdf_dict_put_drop(ctx, page, entry.key, pdf_graft_mapped_object(ctx, map, value));
+            }
+        }
+        pdf_obj* ref = pdf_add_object(ctx, dst, page);
+        number = pdf_to_num(ctx, ref);
+        pdf_drop_obj(ctx, ref);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, page);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+    return number;
+}
+
 void ReleaseUnchangedObjects(fz_context* ctx, pdf_document* doc) noexcept {
     // A document made in memory has no file to parse its objects from again; a rebuilt table
     // changes objects where they stand (stream lengths), and those changes are not in the file.

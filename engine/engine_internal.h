@@ -58,6 +58,10 @@ void CorrectPageCounts(fz_context* ctx, pdf_document* doc);
 // what pdf_xref_len throws.
 bool DocumentHoldsEmptyName(fz_context* ctx, pdf_document* doc);
 
+// Copies what draws the page `source` into a new page object of `dst`, not yet in its page tree,
+// through `map`; returns the new object's number. Throws an engine error.
+int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_obj* source);
+
 // Runs the engine's writer over `sink` with the given options. Throws EngineError.
 void WriteDocument(fz_context* ctx, pdf_document* doc, ByteSink& sink,
                    const pdf_write_options& options);

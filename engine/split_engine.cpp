@@ -306,46 +306,19 @@ void CollectPageText(fz_context* ctx, pdf_document* doc, const PageIndex* pages,
     }
 }
 
-// Page entries a part's page takes from the source. Those marked inheritable may sit on an
-// ancestor in the source's page tree; the copy holds them itself. Entries that point to other
-// pages or to the document's structure (annotations, thread beads, structure parents) would
-// drag the rest of the source along and stay behind.
-struct PageEntry {
-    pdf_obj* key;
-    bool inheritable;
-};
-
 void CopyPage(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_document* src,
               const PageIndex* pages, int from, int to) {
-    const PageEntry entries[] = {
-        {PDF_NAME(Contents), false}, {PDF_NAME(Resources), true}, {PDF_NAME(MediaBox), true},
-        {PDF_NAME(CropBox), true},   {PDF_NAME(BleedBox), false}, {PDF_NAME(TrimBox), false},
-        {PDF_NAME(ArtBox), false},   {PDF_NAME(Rotate), true},    {PDF_NAME(UserUnit), false},
-        {PDF_NAME(Group), false},
-    };
     pdf_obj* source = nullptr;
-    pdf_obj* page = nullptr;
     pdf_obj* ref = nullptr;
     fz_var(source);
-    fz_var(page);
     fz_var(ref);
     fz_try(ctx) {
         source = LoadPageObject(ctx, src, pages, from);
-        page = pdf_new_dict(ctx, dst, 12);
-        pdf_dict_put(ctx, page, PDF_NAME(Type), PDF_NAME(Page));
-        for (const PageEntry& entry : entries) {
-            pdf_obj* value = entry.inheritable ? pdf_dict_get_inheritable(ctx, source, entry.key)
-                                               : pdf_dict_get(ctx, source, entry.key);
-            if (value != nullptr) {
-                pdf_dict_put_drop(ctx, page, entry.key, pdf_graft_mapped_object(ctx, map, value));
-            }
-        }
-        ref = pdf_add_object(ctx, dst, page);
+        ref = pdf_new_indirect(ctx, dst, CopyPageObject(ctx, map, dst, source), 0);
         pdf_insert_page(ctx, dst, to, ref);
     }
     fz_always(ctx) {
         pdf_drop_obj(ctx, ref);
-        pdf_drop_obj(ctx, page);
         pdf_drop_obj(ctx, source);
     }
     fz_catch(ctx) {

@@ -8,46 +8,6 @@ namespace {
 // Engine-level helpers: plain data only, so that the engine's error jumps skip no destructor.
 // Each either returns normally or throws an engine error.
 
-struct PageEntry {
-    pdf_obj* key;
-    bool inheritable;
-};
-
-// Copies what draws the page into a new page object of `dst`; returns its object number. Other
-// entries (annotations, links, the parent) name objects of the source document's structure.
-int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_obj* source) {
-    const PageEntry entries[] = {
-        {PDF_NAME(Contents), false}, {PDF_NAME(Resources), true}, {PDF_NAME(MediaBox), true},
-        {PDF_NAME(CropBox), true},   {PDF_NAME(BleedBox), false}, {PDF_NAME(TrimBox), false},
-        {PDF_NAME(ArtBox), false},   {PDF_NAME(Rotate), true},    {PDF_NAME(UserUnit), false},
-        {PDF_NAME(Group), false},
-    };
-    pdf_obj* page = nullptr;
-    volatile int number = 0;
-    fz_var(page);
-    fz_try(ctx) {
-        page = pdf_new_dict(ctx, dst, 12);
-        pdf_dict_put(ctx, page, PDF_NAME(Type), PDF_NAME(Page));
-        for (const PageEntry& entry : entries) {
-            pdf_obj* value = entry.inheritable ? pdf_dict_get_inheritable(ctx, source, entry.key)
-                                               : pdf_dict_get(ctx, source, entry.key);
-            if (value != nullptr) {
-                pdf_dict_put_drop(ctx, page, entry.key, pdf_graft_mapped_object(ctx, map, value));
-            }
-        }
-        pdf_obj* ref = pdf_add_object(ctx, dst, page);
-        number = pdf_to_num(ctx, ref);
-        pdf_drop_obj(ctx, ref);
-    }
-    fz_always(ctx) {
-        pdf_drop_obj(ctx, page);
-    }
-    fz_catch(ctx) {
-        fz_rethrow(ctx);
-    }
-    return number;
-}
-
 // Pages copied between two releases of the source objects parsed for them.
 constexpr int kPagesBetweenReleases = 256;
 
@@ -288,7 +248,7 @@ int GraftPageRun(engine::Document::Impl& dst, engine::Document::Impl& src, const
         // into the same document still name the pages they named before the call.
         for (int k = 0; k < count; ++k) {
             pdf_obj* source = LookupSourcePage(ctx, src, pages != nullptr ? pages[k] : k);
-            numbers[k] = CopyPageObject(ctx, map, doc, source);
+            numbers[k] = engine::CopyPageObject(ctx, map, doc, source);
             copied = k + 1;
             // The source pages copied so far are held by nobody now: a long run does not keep
             // the whole source parsed.

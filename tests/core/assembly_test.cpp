@@ -42,17 +42,8 @@ std::int32_t Pages(CZPdfContentObject& object) {
     return pages;
 }
 
-// The text of each page, by pdftotext.
 std::vector<std::string> PageTexts(const stdfs::path& file) {
-    std::vector<std::string> pages;
-    std::stringstream all(test::PdfToText(file));
-    std::string page;
-    while (std::getline(all, page, '\f')) {
-        page.erase(std::remove(page.begin(), page.end(), '\n'), page.end());
-        pages.push_back(page);
-    }
-    if (!pages.empty() && pages.back().empty()) pages.pop_back();
-    return pages;
+    return test::PdfPageTexts(file);
 }
 
 // The object numbers of page `page`'s content streams, as qpdf lists them.

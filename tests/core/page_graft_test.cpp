@@ -54,15 +54,7 @@ void Save(CZPdfContentObject& object) {
 }
 
 std::vector<std::string> PageTexts(const stdfs::path& file) {
-    std::vector<std::string> pages;
-    std::stringstream all(test::PdfToText(file));
-    std::string page;
-    while (std::getline(all, page, '\f')) {
-        page.erase(std::remove(page.begin(), page.end(), '\n'), page.end());
-        pages.push_back(page);
-    }
-    if (!pages.empty() && pages.back().empty()) pages.pop_back();
-    return pages;
+    return test::PdfPageTexts(file);
 }
 
 // The page tree of a file as the engine writes it (plain objects, no object streams), read

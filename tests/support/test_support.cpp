@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -134,6 +135,18 @@ bool QpdfCheckPasses(const std::filesystem::path& path) {
 
 std::string PdfToText(const std::filesystem::path& path) {
     return Run("pdftotext -q " + Quote(path) + " -").output;
+}
+
+std::vector<std::string> PdfPageTexts(const std::filesystem::path& path) {
+    std::vector<std::string> pages;
+    std::stringstream all(PdfToText(path));
+    std::string page;
+    while (std::getline(all, page, '\f')) {
+        page.erase(std::remove(page.begin(), page.end(), '\n'), page.end());
+        pages.push_back(page);
+    }
+    if (!pages.empty() && pages.back().empty()) pages.pop_back();
+    return pages;
 }
 
 std::vector<std::filesystem::path> FilesStartingWith(const std::filesystem::path& dir,

@@ -42,6 +42,8 @@ std::filesystem::path QpdfObjectStreams(const std::filesystem::path& in,
 int QpdfPageCount(const std::filesystem::path& path);  // -1 when qpdf cannot read the file
 bool QpdfCheckPasses(const std::filesystem::path& path);
 std::string PdfToText(const std::filesystem::path& path);
+// The text of each page, by pdftotext, line breaks removed.
+std::vector<std::string> PdfPageTexts(const std::filesystem::path& path);
 
 // Files whose name starts with `prefix` in `dir`.
 std::vector<std::filesystem::path> FilesStartingWith(const std::filesystem::path& dir,

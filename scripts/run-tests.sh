@@ -35,6 +35,12 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 # Eight threads doing the typical job at once, under ThreadSanitizer (its own small build).
 bash scripts/run-tsan.sh
 
+# The typical job and the zpdf commands that change documents, under valgrind (a plain build of
+# those two programs). ZPDF_SKIP_VALGRIND=1 leaves it out, for a quick local run.
+if [ "${ZPDF_SKIP_VALGRIND:-0}" != 1 ]; then
+    bash scripts/run-valgrind.sh
+fi
+
 # The fuzz targets, each for a bounded time (ZPDF_FUZZ_SECONDS, default 30), built with clang.
 # ZPDF_SKIP_FUZZ=1 leaves them out, for a quick local run.
 if [ "${ZPDF_SKIP_FUZZ:-0}" != 1 ]; then

@@ -54,18 +54,6 @@ int Authenticate(fz_context* ctx, pdf_document* doc, const char* password) {
     return authenticated;
 }
 
-// Deeper page trees are broken or hostile.
-constexpr int kMaxPageTreeDepth = 64;
-
-// Whether a kid of a page tree node is a node itself or a page, decided as the engine's page
-// lookup decides it.
-bool IsPageTreeNode(fz_context* ctx, pdf_obj* kid) {
-    pdf_obj* type = pdf_dict_get(ctx, kid, PDF_NAME(Type));
-    if (type != nullptr) return pdf_name_eq(ctx, type, PDF_NAME(Pages)) != 0;
-    return pdf_dict_get(ctx, kid, PDF_NAME(Kids)) != nullptr &&
-           pdf_dict_get(ctx, kid, PDF_NAME(MediaBox)) == nullptr;
-}
-
 // A walk of the page tree that counts the pages below each node, as the engine's lookup finds
 // them. Checking, it stops at the first node whose /Count is wrong, or when it has looked at
 // `budget` kids; correcting, it gives every node the number it holds.
@@ -313,6 +301,13 @@ void LoadPageNumbers(Document::Impl& impl, int count) noexcept {
 }
 
 }  // namespace
+
+bool IsPageTreeNode(fz_context* ctx, pdf_obj* kid) {
+    pdf_obj* type = pdf_dict_get(ctx, kid, PDF_NAME(Type));
+    if (type != nullptr) return pdf_name_eq(ctx, type, PDF_NAME(Pages)) != 0;
+    return pdf_dict_get(ctx, kid, PDF_NAME(Kids)) != nullptr &&
+           pdf_dict_get(ctx, kid, PDF_NAME(MediaBox)) == nullptr;
+}
 
 namespace {
 

@@ -58,6 +58,12 @@ void CorrectPageCounts(fz_context* ctx, pdf_document* doc);
 // what pdf_xref_len throws.
 bool DocumentHoldsEmptyName(fz_context* ctx, pdf_document* doc);
 
+// Deeper page trees are broken or hostile.
+inline constexpr int kMaxPageTreeDepth = 64;
+// Whether a kid of a page tree node is a node itself or a page, decided as the engine's page
+// lookup decides it. Throws only what reading the kid throws.
+bool IsPageTreeNode(fz_context* ctx, pdf_obj* kid);
+
 // Copies what draws the page `source` into a new page object of `dst`, not yet in its page tree,
 // through `map`; returns the new object's number. Throws an engine error.
 int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_obj* source);

@@ -62,9 +62,6 @@ struct PageIndex {
     int capacity = 0;
 };
 
-// Deeper page trees are broken or hostile.
-constexpr int kMaxPageTreeDepth = 64;
-
 void AddPage(fz_context* ctx, PageIndex* index, int number) {
     if (index->count == index->capacity) {
         const int capacity = index->capacity == 0 ? 1024 : index->capacity * 2;
@@ -87,13 +84,7 @@ void IndexPageTree(fz_context* ctx, pdf_document* doc, pdf_obj* node, PageIndex*
         const int length = pdf_array_len(ctx, kids);
         for (int i = 0; i < length; ++i) {
             pdf_obj* kid = pdf_array_get(ctx, kids, i);
-            // A kid is a node of the tree when it says so, or, saying nothing, looks like one.
-            pdf_obj* type = pdf_dict_get(ctx, kid, PDF_NAME(Type));
-            const bool node_kid = type != nullptr
-                                      ? pdf_name_eq(ctx, type, PDF_NAME(Pages)) != 0
-                                      : pdf_dict_get(ctx, kid, PDF_NAME(Kids)) != nullptr &&
-                                            pdf_dict_get(ctx, kid, PDF_NAME(MediaBox)) == nullptr;
-            if (node_kid) {
+            if (IsPageTreeNode(ctx, kid)) {
                 IndexPageTree(ctx, doc, kid, index, depth + 1);
             } else if (pdf_is_indirect(ctx, kid) && pdf_is_dict(ctx, kid)) {
                 AddPage(ctx, index, pdf_to_num(ctx, kid));

@@ -293,8 +293,9 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
     pdf_document* to = dst.Internals().doc;
     pdf_document* from = src.Internals().doc;
     volatile int count = 0;
+    volatile int total = 0;
     fz_try(ctx) {
-        const int total = engine::CountDocumentPages(dst.Internals());
+        total = engine::CountDocumentPages(dst.Internals());
         if (at < 0 || at > total)
             fz_throw(ctx, FZ_ERROR_GENERIC, "cannot insert pages at index %d", at);
         engine::KeepPageCountsCorrect(src.Internals());
@@ -310,7 +311,7 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
     char why[256] = {};
     const int failed =
         GraftPageRun(dst.Internals(), src.Internals(), pages != nullptr ? pages->data() : nullptr,
-                     count, at, why, sizeof why);
+                     count, at, total, why, sizeof why);
     engine::PageTreeChanged(dst.Internals());
     if (failed >= 0) {
         throw engine::EngineError(engine::ErrorCategory::Other,

@@ -30,13 +30,6 @@ pdf_obj* LookupSourcePage(fz_context* ctx, engine::Document::Impl& src, int inde
     return page;
 }
 
-// A kid that is a page tree node, told apart from a page as the engine's page lookup does.
-bool IsTreeNode(fz_context* ctx, pdf_obj* kid) {
-    pdf_obj* type = pdf_dict_get(ctx, kid, PDF_NAME(Type));
-    if (type != nullptr) return pdf_name_eq(ctx, type, PDF_NAME(Pages));
-    return pdf_dict_get(ctx, kid, PDF_NAME(Kids)) && !pdf_dict_get(ctx, kid, PDF_NAME(MediaBox));
-}
-
 // Where a run goes: the node whose Kids receive it, the position there, and the nodes from the
 // root down to that node, whose counts grow by the run. `path` is allocated by the engine.
 struct InsertionPoint {
@@ -79,7 +72,7 @@ void FindInsertionPoint(fz_context* ctx, pdf_document* doc, int at, int total,
         pdf_obj* next = nullptr;
         for (int i = 0; i < length && next == nullptr; ++i) {
             pdf_obj* kid = pdf_array_get(ctx, kids, i);
-            if (IsTreeNode(ctx, kid)) {
+            if (engine::IsPageTreeNode(ctx, kid)) {
                 const int count = pdf_dict_get_int(ctx, kid, PDF_NAME(Count));
                 if (skip < count) {
                     next = kid;
@@ -229,7 +222,7 @@ void DeleteObjectsFrom(fz_context* ctx, pdf_document* doc, int first) {
 }  // namespace
 
 int GraftPageRun(engine::Document::Impl& dst, engine::Document::Impl& src, const int* pages,
-                 int count, int at, char* why, std::size_t why_size) {
+                 int count, int at, int total, char* why, std::size_t why_size) {
     fz_context* ctx = dst.ctx;
     pdf_document* doc = dst.doc;
     if (count <= 0) return -1;
@@ -241,7 +234,6 @@ int GraftPageRun(engine::Document::Impl& dst, engine::Document::Impl& src, const
     fz_var(map);
     fz_var(numbers);
     fz_try(ctx) {
-        const int total = engine::CountDocumentPages(dst);
         numbers = fz_malloc_array(ctx, count, int);
         map = pdf_new_graft_map(ctx, doc);
         // The destination's tree does not change before the last page is copied, so indexes

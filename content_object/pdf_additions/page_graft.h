@@ -14,9 +14,10 @@ namespace zpdf::additions {
 inline constexpr int kGraftFanOut = 32;
 
 // Copies the pages `pages` of `src` (0-based indexes; the first `count` pages when null) into
-// `dst` and inserts them, in that order, in front of page index `at` (0 to the page count of
-// `dst`). Resources shared by the copied pages are copied once. `src` may be `dst`: the indexes
-// name the pages as they are before the call. `dst` needs a page tree root with a Kids array.
+// `dst` and inserts them, in that order, in front of page index `at` (0 to `total`, the page
+// count of `dst`). Resources shared by the copied pages are copied once. `src` may be `dst`: the
+// indexes name the pages as they are before the call. `dst` needs a page tree root with a Kids
+// array.
 //
 // Returns -1 when every page went in. Otherwise returns the 0-based position in the run of the
 // page that could not be copied (0 when the run could not be inserted), writes the engine's
@@ -24,6 +25,6 @@ inline constexpr int kGraftFanOut = 32;
 // the objects made for the run in it. Never throws. The caller forgets the page number cache of
 // `dst` afterwards.
 int GraftPageRun(engine::Document::Impl& dst, engine::Document::Impl& src, const int* pages,
-                 int count, int at, char* why, std::size_t why_size);
+                 int count, int at, int total, char* why, std::size_t why_size);
 
 }  // namespace zpdf::additions

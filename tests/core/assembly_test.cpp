@@ -8,6 +8,7 @@
 #include "content_object/content_object.h"
 #include "content_object/page_range.h"
 #include "content_object/pdf_additions/page_content.h"
+#include "core/open_object.h"
 #include "platform/raster.h"
 #include "support/test_support.h"
 
@@ -26,14 +27,6 @@ SamplePage Labelled(const std::string& label) {
     SamplePage page;
     page.content = samples::TextContent({label}, page.height);
     return page;
-}
-
-void Open(CZPdfContentObject& object, const stdfs::path& file) {
-    ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
-    ::testing::internal::CaptureStderr();
-    const HResult result = object.EnsurePdfDocument();
-    ::testing::internal::GetCapturedStderr();
-    ASSERT_EQ(result, hr::kOk) << object.LastErrorText();
 }
 
 std::int32_t Pages(CZPdfContentObject& object) {
@@ -133,8 +126,8 @@ TEST(Import, FormsPerSourcePageAndTheDocumentKeepsItsPages) {
                {Labelled("t1"), Labelled("t2"), Labelled("t3"), Labelled("t4"), Labelled("t5")});
     CZPdfContentObject src;
     CZPdfContentObject dst;
-    Open(src, source);
-    Open(dst, target);
+    test::OpenQuietly(src, source);
+    test::OpenQuietly(dst, target);
     std::vector<std::uint32_t> ids;
     ASSERT_EQ(dst.ImportContent(&src, &ids), hr::kOk) << dst.LastErrorText();
     ASSERT_EQ(ids.size(), 3u);
@@ -173,8 +166,8 @@ TEST(Import, ContentArrayIsJoinedWithSpaces) {
     const stdfs::path target = Sample(dir / "target.pdf", {Labelled("t")});
     CZPdfContentObject src;
     CZPdfContentObject dst;
-    Open(src, dir / "two.pdf");
-    Open(dst, target);
+    test::OpenQuietly(src, dir / "two.pdf");
+    test::OpenQuietly(dst, target);
     std::vector<std::uint32_t> ids;
     ASSERT_EQ(dst.ImportContent(&src, &ids), hr::kOk);
     ASSERT_EQ(dst.Save(), hr::kOk);
@@ -185,7 +178,7 @@ TEST(Import, FromItselfAndFailures) {
     const stdfs::path dir = test::ScratchDir();
     const stdfs::path file = Sample(dir / "self.pdf", {Labelled("a"), Labelled("b")});
     CZPdfContentObject object;
-    Open(object, file);
+    test::OpenQuietly(object, file);
     std::vector<std::uint32_t> ids;
     ASSERT_EQ(object.ImportContent(&object, &ids), hr::kOk);
     EXPECT_EQ(ids.size(), 2u);
@@ -209,8 +202,8 @@ TEST(Place, ResourceNamesAndContentSplicing) {
     const stdfs::path target = Sample(dir / "target.pdf", {Labelled("p1"), Labelled("p2")});
     CZPdfContentObject lh;
     CZPdfContentObject dst;
-    Open(lh, letterhead);
-    Open(dst, target);
+    test::OpenQuietly(lh, letterhead);
+    test::OpenQuietly(dst, target);
     std::vector<std::uint32_t> ids;
     ASSERT_EQ(dst.ImportContent(&lh, &ids), hr::kOk);
     // Page 1: foreground twice (single stream, then array). Page 2: background once.
@@ -265,9 +258,9 @@ TEST(Place, FollowsThePagesAfterAssembly) {
     CZPdfContentObject lh;
     CZPdfContentObject src;
     CZPdfContentObject dst;
-    Open(lh, letterhead);
-    Open(src, source);
-    Open(dst, target);
+    test::OpenQuietly(lh, letterhead);
+    test::OpenQuietly(src, source);
+    test::OpenQuietly(dst, target);
     std::vector<std::uint32_t> ids;
     ASSERT_EQ(dst.ImportContent(&lh, &ids), hr::kOk);
     ASSERT_EQ(dst.PlaceContent(ids[0], 1, 0, 0, 1, 1, 0), hr::kOk);  // on d1, replaced next
@@ -315,8 +308,8 @@ TEST(Place, LongDocumentsKeepEveryChange) {
         const stdfs::path target = Sample(dir / "long.pdf", pages);
         CZPdfContentObject lh;
         CZPdfContentObject dst;
-        Open(lh, letterhead);
-        Open(dst, target);
+        test::OpenQuietly(lh, letterhead);
+        test::OpenQuietly(dst, target);
         if (c.append_self) {
             ASSERT_EQ(dst.AppendPages(&dst), hr::kOk);
         }
@@ -369,7 +362,7 @@ TEST(Place, TakenNamesAreSkipped) {
     page.extra_entries = "";
     const stdfs::path target = Sample(dir / "target.pdf", {page});
     CZPdfContentObject dst;
-    Open(dst, target);
+    test::OpenQuietly(dst, target);
     // Give the page an XObject called FXX1 first, then expect the next free name.
     EXPECT_EQ(additions::AddXObjectResource(dst.EngineDocument(), 0, 3, "XObject"), "FXX1");
     EXPECT_EQ(additions::AddXObjectResource(dst.EngineDocument(), 0, 3, "XObject"), "FXX2");
@@ -390,15 +383,15 @@ class StampPixels : public ::testing::Test {
         const stdfs::path target = Sample(dir_ / "target.pdf", {page});
         CZPdfContentObject lh;
         CZPdfContentObject dst;
-        Open(lh, letterhead_);
-        Open(dst, target);
+        test::OpenQuietly(lh, letterhead_);
+        test::OpenQuietly(dst, target);
         std::vector<std::uint32_t> ids;
         EXPECT_EQ(dst.ImportContent(&lh, &ids), hr::kOk);
         EXPECT_EQ(dst.PlaceContent(ids[0], 1, 50, 60, 0.5f, 0.5f, background), hr::kOk);
         EXPECT_EQ(dst.Save(), hr::kOk);
         EXPECT_TRUE(test::QpdfCheckPasses(target));
         CZPdfContentObject check;
-        Open(check, target);
+        test::OpenQuietly(check, target);
         RasterDeviceContext dc(200, 300);
         EXPECT_EQ(check.DrawPageToDC(dc, 1, 0, 0, 200, 300, 0, 0, 0, 0, 0), hr::kOk);
         return dc;
@@ -443,15 +436,15 @@ TEST(StampRotation, FormsKeepThePageOrientation) {
 
         CZPdfContentObject src;
         CZPdfContentObject dst;
-        Open(src, source);
-        Open(dst, target);
+        test::OpenQuietly(src, source);
+        test::OpenQuietly(dst, target);
         std::vector<std::uint32_t> ids;
         ASSERT_EQ(dst.ImportContent(&src, &ids), hr::kOk);
         ASSERT_EQ(dst.PlaceContent(ids[0], 1, 0, 0, 1, 1, 0), hr::kOk);
         ASSERT_EQ(dst.Save(), hr::kOk);
 
         CZPdfContentObject stamped;
-        Open(stamped, target);
+        test::OpenQuietly(stamped, target);
         RasterDeviceContext expected(w, h);
         RasterDeviceContext actual(w, h);
         ASSERT_EQ(src.DrawPageToDC(expected, 1, 0, 0, w, h, 0, 0, 0, 0, 0), hr::kOk);
@@ -524,7 +517,7 @@ TEST(Overlay, NotImplementedAndNothingChanges) {
     const stdfs::path file = Sample(test::ScratchDir() / "doc.pdf", {Labelled("x")});
     for (const bool with_document : {false, true}) {
         CZPdfContentObject object;
-        if (with_document) Open(object, file);
+        if (with_document) test::OpenQuietly(object, file);
         EXPECT_EQ(object.OverlayPrepare(u"whatever.pdf"), hr::kNotImpl);
         EXPECT_EQ(object.OverlayPage(1, 1, 0, 0, 10, 10), hr::kNotImpl);
         EXPECT_EQ(object.OverlayPage2(1, 1, 0, 0, 10, 10, 1), hr::kNotImpl);

@@ -335,8 +335,7 @@ class FaultInjectionTest : public ::testing::TestWithParam<Scenario> {
         dir_ = test::ScratchDir();
         tmp_ = dir_ / "tmp";
         stdfs::create_directories(tmp_);
-        if (const char* old = std::getenv("TMPDIR")) old_tmp_ = old;
-        ::setenv("TMPDIR", tmp_.c_str(), 1);
+        tmp_override_.emplace(tmp_);
 
         const stdfs::path inputs = dir_ / "inputs";
         stdfs::create_directories(inputs);
@@ -363,11 +362,7 @@ class FaultInjectionTest : public ::testing::TestWithParam<Scenario> {
     }
     void TearDown() override {
         fs::SetFaultHook(nullptr);
-        if (old_tmp_) {
-            ::setenv("TMPDIR", old_tmp_->c_str(), 1);
-        } else {
-            ::unsetenv("TMPDIR");
-        }
+        tmp_override_.reset();
     }
 
     std::unique_ptr<Attempt> NewAttempt(const std::string& name) {
@@ -389,7 +384,7 @@ class FaultInjectionTest : public ::testing::TestWithParam<Scenario> {
     stdfs::path dir_;
     stdfs::path tmp_;
     Inputs in_;
-    std::optional<std::string> old_tmp_;
+    std::optional<test::TempFolderOverride> tmp_override_;
 };
 
 TEST_P(FaultInjectionTest, EveryStepFailsCleanly) {

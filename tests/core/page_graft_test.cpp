@@ -12,6 +12,7 @@
 #include "cli/sample_pdf.h"
 #include "content_object/content_object.h"
 #include "content_object/pdf_additions/page_content.h"
+#include "core/open_object.h"
 #include "engine/engine.h"
 #include "support/test_support.h"
 
@@ -36,14 +37,6 @@ stdfs::path LabelledPdf(const stdfs::path& path, const std::vector<std::string>&
     }
     EXPECT_TRUE(samples::WriteFile(path, samples::BuildPdf(pages)));
     return path;
-}
-
-void Open(CZPdfContentObject& object, const stdfs::path& file) {
-    ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
-    ::testing::internal::CaptureStderr();
-    const HResult result = object.EnsurePdfDocument();
-    ::testing::internal::GetCapturedStderr();
-    ASSERT_EQ(result, hr::kOk) << object.LastErrorText();
 }
 
 void Save(CZPdfContentObject& object) {
@@ -187,8 +180,8 @@ TEST(PageGraft, RunsLandInOrderUnderASoundTree) {
         const stdfs::path source = LabelledPdf(dir / "source.pdf", source_labels);
         CZPdfContentObject dst;
         CZPdfContentObject src;
-        Open(dst, target);
-        Open(src, source);
+        test::OpenQuietly(dst, target);
+        test::OpenQuietly(src, source);
         for (const Step& step : c.steps) {
             const std::vector<std::string> from = step.from_itself ? expected : source_labels;
             std::vector<std::string> run;
@@ -253,9 +246,9 @@ TEST(PageGraft, FailedRunLeavesNothingBehind) {
         CZPdfContentObject failed;
         CZPdfContentObject empty_run;
         CZPdfContentObject src;
-        Open(failed, failed_file);
-        Open(empty_run, empty_file);
-        Open(src, source_file);
+        test::OpenQuietly(failed, failed_file);
+        test::OpenQuietly(empty_run, empty_file);
+        test::OpenQuietly(src, source_file);
         CZPdfContentObject& source = from_itself ? failed : src;
         const std::vector<int> run{0, 1, 2, 3};
         ::testing::internal::CaptureStderr();
@@ -284,7 +277,7 @@ TEST(PageGraft, FailedRunLeavesNothingBehind) {
         EXPECT_EQ(ReadPageTree(failed_file).problem, "");
 
         // The document, saved and opened again, still takes pages.
-        Open(failed, failed_file);
+        test::OpenQuietly(failed, failed_file);
         const std::vector<int> good{3, 0};
         EXPECT_NO_THROW(
             additions::ImportPages(failed.EngineDocument(), source.EngineDocument(), &good, 0));

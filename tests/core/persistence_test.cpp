@@ -76,22 +76,17 @@ class PersistenceTest : public ::testing::Test {
         dir_ = test::ScratchDir();
         tmp_ = dir_ / "tmp";
         stdfs::create_directories(tmp_);
-        if (const char* old = std::getenv("TMPDIR")) old_tmp_ = old;
-        ::setenv("TMPDIR", tmp_.c_str(), 1);
+        tmp_override_.emplace(tmp_);
     }
     void TearDown() override {
         fs::SetFaultHook(nullptr);
-        if (old_tmp_) {
-            ::setenv("TMPDIR", old_tmp_->c_str(), 1);
-        } else {
-            ::unsetenv("TMPDIR");
-        }
+        tmp_override_.reset();
     }
     std::size_t PrivateCopies() const { return test::FilesStartingWith(tmp_, "zpf").size(); }
 
     stdfs::path dir_;  // files of the test
     stdfs::path tmp_;  // its temporary folder
-    std::optional<std::string> old_tmp_;
+    std::optional<test::TempFolderOverride> tmp_override_;
 };
 
 // Records as the host stores them, loaded and saved again: the state they give, and the same

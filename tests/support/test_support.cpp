@@ -137,6 +137,19 @@ std::string PdfToText(const std::filesystem::path& path) {
     return Run("pdftotext -q " + Quote(path) + " -").output;
 }
 
+TempFolderOverride::TempFolderOverride(const std::filesystem::path& folder) {
+    if (const char* old = std::getenv("TMPDIR")) old_ = old;
+    ::setenv("TMPDIR", folder.c_str(), 1);
+}
+
+TempFolderOverride::~TempFolderOverride() {
+    if (old_) {
+        ::setenv("TMPDIR", old_->c_str(), 1);
+    } else {
+        ::unsetenv("TMPDIR");
+    }
+}
+
 std::vector<std::string> PdfPageTexts(const std::filesystem::path& path) {
     std::vector<std::string> pages;
     std::stringstream all(PdfToText(path));

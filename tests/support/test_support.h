@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,19 @@ bool QpdfCheckPasses(const std::filesystem::path& path);
 std::string PdfToText(const std::filesystem::path& path);
 // The text of each page, by pdftotext, line breaks removed.
 std::vector<std::string> PdfPageTexts(const std::filesystem::path& path);
+
+// Points TMPDIR, where the component puts its private copies, at `folder` while it lives, so
+// that a test can count what is left there; puts the old value back when it goes.
+class TempFolderOverride {
+  public:
+    explicit TempFolderOverride(const std::filesystem::path& folder);
+    ~TempFolderOverride();
+    TempFolderOverride(const TempFolderOverride&) = delete;
+    TempFolderOverride& operator=(const TempFolderOverride&) = delete;
+
+  private:
+    std::optional<std::string> old_;
+};
 
 // Files whose name starts with `prefix` in `dir`.
 std::vector<std::filesystem::path> FilesStartingWith(const std::filesystem::path& dir,

@@ -9,6 +9,7 @@ set -uo pipefail
 build=$(realpath "${1:?usage: run.sh BUILD_DIR}")
 here=$(cd "$(dirname "$0")" && pwd)
 wine=${ZPDF_WINE:-/usr/lib/wine/wine64}
+wineserver=${ZPDF_WINESERVER:-/usr/lib/wine/wineserver64}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export WINEPREFIX="$work/prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
@@ -18,12 +19,14 @@ failed=0
 check() {  # check DESCRIPTION COMMAND...
     local what=$1
     shift
-    if "$@" >/dev/null 2>&1; then
+    local err
+    if err=$("$@" 2>&1 >/dev/null); then
         passed=$((passed + 1))
         echo "ok - $what"
     else
         failed=$((failed + 1))
         echo "not ok - $what"
+        [ -n "$err" ] && head -n 5 <<<"$err" | sed 's/^/#   /'
     fi
 }
 win() { "$wine" "$@" 2>/dev/null | tr -d '\r'; }
@@ -41,16 +44,32 @@ gs_pdf "$work/appendix.pdf" "/Helvetica findfont 12 scalefont setfont 20 250 mov
 cp "$build/component/ZPdfCntObj.dll" "$build/component/com_client.exe" "$here/job.vbs" "$work/"
 
 "$wine" wineboot -i >/dev/null 2>&1
+# The prefix is set up by processes of its own; the checks start once they are done.
+"$wineserver" -w >/dev/null 2>&1 || true
 dll=$(winpath "$work/ZPdfCntObj.dll")
 check "regsvr32 registers the server" "$wine" regsvr32 /s "$dll"
 
-# reg_has KEY VALUE_NAME|"" TEXT: the value (the default one for "") contains TEXT.
+# reg_has KEY VALUE_NAME|"" TEXT: the value (the default one for "") contains TEXT. Wine's reg
+# tool now and then loses its output on a busy machine, so a read that misses is tried twice
+# more before the check fails; the last answer goes to stderr.
 reg_has() {
-    local out
-    if [ -n "$2" ]; then out=$(win reg query "$1" /v "$2"); else out=$(win reg query "$1" /ve); fi
-    grep -F -q -- "$3" <<<"$out"
+    local out try
+    for try in 1 2 3; do
+        if [ -n "$2" ]; then out=$(win reg query "$1" /v "$2"); else out=$(win reg query "$1" /ve); fi
+        grep -F -q -- "$3" <<<"$out" && return 0
+        sleep "$try"
+    done
+    echo "reg query $1 ${2:-(default)} answered: $out" >&2
+    return 1
 }
-reg_exists() { "$wine" reg query "$1" >/dev/null 2>&1; }
+reg_exists() {
+    local try
+    for try in 1 2 3; do
+        "$wine" reg query "$1" >/dev/null 2>&1 && return 0
+        sleep "$try"
+    done
+    return 1
+}
 
 appid='{E42F1C69-DA91-4556-BA8A-499D34B15467}'
 libid='{B791D62D-D1C6-47D2-8EBC-9A155767D305}'
@@ -124,6 +143,6 @@ check "the ProgIDs are gone" bash -c "! '$wine' reg query 'HKCR\\Ostrand.ZPdfCon
 check "the AppID is gone" bash -c "! '$wine' reg query 'HKCR\\AppID\\$appid' >/dev/null 2>&1"
 check "the type library is unregistered" bash -c "! '$wine' reg query 'HKCR\\TypeLib\\$libid\\1.0' >/dev/null 2>&1"
 
-"${ZPDF_WINESERVER:-/usr/lib/wine/wineserver64}" -k >/dev/null 2>&1 || true
+"$wineserver" -k >/dev/null 2>&1 || true
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

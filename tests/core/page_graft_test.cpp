@@ -28,14 +28,16 @@ std::vector<std::string> Labels(const std::string& prefix, int count) {
     return labels;
 }
 
+// One page of text per label.
+std::vector<SamplePage> LabelledPages(const std::vector<std::string>& labels) {
+    std::vector<SamplePage> pages(labels.size());
+    for (std::size_t i = 0; i < labels.size(); ++i)
+        pages[i].content = samples::TextContent({labels[i]}, pages[i].height);
+    return pages;
+}
+
 stdfs::path LabelledPdf(const stdfs::path& path, const std::vector<std::string>& labels) {
-    std::vector<SamplePage> pages;
-    for (const std::string& label : labels) {
-        SamplePage page;
-        page.content = samples::TextContent({label}, page.height);
-        pages.push_back(page);
-    }
-    EXPECT_TRUE(samples::WriteFile(path, samples::BuildPdf(pages)));
+    EXPECT_TRUE(samples::WriteFile(path, samples::BuildPdf(LabelledPages(labels))));
     return path;
 }
 
@@ -46,8 +48,10 @@ void Save(CZPdfContentObject& object) {
     ASSERT_EQ(result, hr::kOk) << object.LastErrorText();
 }
 
-std::vector<std::string> PageTexts(const stdfs::path& file) {
-    return test::PdfPageTexts(file);
+std::int32_t Pages(CZPdfContentObject& object) {
+    std::int32_t pages = -1;
+    EXPECT_EQ(object.PageCount(&pages), hr::kOk);
+    return pages;
 }
 
 // The page tree of a file as the engine writes it (plain objects, no object streams), read
@@ -59,10 +63,10 @@ struct PageTree {
     std::string problem;     // empty when the tree holds
 };
 
-int IntAfter(const std::string& dict, const std::string& key, int fallback = -1) {
+// The number after `key` in `dict`; -1 without the key.
+int IntAfter(const std::string& dict, const std::string& key) {
     const std::size_t at = dict.find(key);
-    if (at == std::string::npos) return fallback;
-    return std::atoi(dict.c_str() + at + key.size());
+    return at == std::string::npos ? -1 : std::atoi(dict.c_str() + at + key.size());
 }
 
 std::string TypeOf(const std::string& dict) {
@@ -166,10 +170,7 @@ TEST(PageGraft, RunsLandInOrderUnderASoundTree) {
         {"pages of itself in front of its second", 3, 0, {{true, {2, 0}, 1}}},
         // The second run lands inside the subtree the first one made, two nodes down.
         {"a run inside an earlier run", 2, 70, {{false, {}, 2}, {false, {0, 1, 2}, 40}}},
-        {"the run repeated in the middle of itself",
-         1,
-         40,
-         {{false, {}, 1}, {true, {}, 20}, {false, {39}, 0}}},
+        {"a run repeated inside itself", 1, 40, {{false, {}, 1}, {true, {}, 20}, {false, {39}, 0}}},
         {"a long run", 3, 2000, {{false, {}, 3}, {false, {1999, 0}, 1000}}},
     };
     for (const Case& c : cases) {
@@ -183,13 +184,9 @@ TEST(PageGraft, RunsLandInOrderUnderASoundTree) {
         test::OpenQuietly(dst, target);
         test::OpenQuietly(src, source);
         for (const Step& step : c.steps) {
-            const std::vector<std::string> from = step.from_itself ? expected : source_labels;
-            std::vector<std::string> run;
-            if (step.pages.empty()) {
-                run = from;
-            } else {
-                for (const int page : step.pages) run.push_back(from[page]);
-            }
+            const std::vector<std::string>& from = step.from_itself ? expected : source_labels;
+            std::vector<std::string> run = step.pages.empty() ? from : std::vector<std::string>();
+            for (const int page : step.pages) run.push_back(from[page]);
             CZPdfContentObject& object = step.from_itself ? dst : src;
             ::testing::internal::CaptureStderr();
             EXPECT_NO_THROW(additions::ImportPages(dst.EngineDocument(), object.EngineDocument(),
@@ -197,13 +194,11 @@ TEST(PageGraft, RunsLandInOrderUnderASoundTree) {
                                                    step.at));
             ::testing::internal::GetCapturedStderr();
             expected.insert(expected.begin() + step.at, run.begin(), run.end());
-            std::int32_t pages = -1;
-            EXPECT_EQ(dst.PageCount(&pages), hr::kOk);
-            EXPECT_EQ(pages, static_cast<std::int32_t>(expected.size()));
+            EXPECT_EQ(Pages(dst), static_cast<std::int32_t>(expected.size()));
         }
         Save(dst);
         EXPECT_TRUE(test::QpdfCheckPasses(target));
-        EXPECT_EQ(PageTexts(target), expected);
+        EXPECT_EQ(test::PdfPageTexts(target), expected);
         const PageTree tree = ReadPageTree(target);
         EXPECT_EQ(tree.problem, "");
         EXPECT_EQ(tree.pages.size(), expected.size());
@@ -218,29 +213,19 @@ TEST(PageGraft, RunsLandInOrderUnderASoundTree) {
 // empty run leaves (the import stamps the producer even then) up to its cross-reference table.
 TEST(PageGraft, FailedRunLeavesNothingBehind) {
     const stdfs::path dir = test::ScratchDir();
-    std::vector<SamplePage> pages;
-    for (const std::string& label : Labels("s", 4)) {
-        SamplePage page;
-        page.content = samples::TextContent({label}, page.height);
-        pages.push_back(page);
-    }
+    std::vector<SamplePage> pages = LabelledPages(Labels("s", 4));
     // A later key wins: page 3's content names an object the file does not have.
     pages[2].extra_entries = "/Contents 999 0 R";
     const std::string broken = samples::BuildPdf(pages);
+    const std::string sound = samples::BuildPdf(LabelledPages(Labels("d", 3)));
+    const stdfs::path failed_file = dir / "failed.pdf";
+    const stdfs::path empty_file = dir / "empty-run.pdf";
+    const stdfs::path source_file = dir / "source.pdf";
 
     for (const bool from_itself : {false, true}) {
         SCOPED_TRACE(from_itself ? "from itself" : "from another document");
-        const std::vector<std::string> dest_labels = Labels("d", 3);
-        const stdfs::path failed_file = dir / "failed.pdf";
-        const stdfs::path empty_file = dir / "empty-run.pdf";
-        const stdfs::path source_file = dir / "source.pdf";
-        for (const stdfs::path& file : {failed_file, empty_file}) {
-            if (from_itself) {
-                test::WriteBytes(file, broken);
-            } else {
-                LabelledPdf(file, dest_labels);
-            }
-        }
+        test::WriteBytes(failed_file, from_itself ? broken : sound);
+        test::WriteBytes(empty_file, from_itself ? broken : sound);
         test::WriteBytes(source_file, broken);
 
         CZPdfContentObject failed;
@@ -263,9 +248,7 @@ TEST(PageGraft, FailedRunLeavesNothingBehind) {
         ::testing::internal::GetCapturedStderr();
         EXPECT_EQ(error.rfind("cannot import page 3: ", 0), 0u) << error;
 
-        std::int32_t count = -1;
-        EXPECT_EQ(failed.PageCount(&count), hr::kOk);
-        EXPECT_EQ(count, from_itself ? 4 : 3);
+        EXPECT_EQ(Pages(failed), from_itself ? 4 : 3);
         Save(failed);
         Save(empty_run);
         const std::string failed_bytes = test::ReadBytes(failed_file);
@@ -281,8 +264,7 @@ TEST(PageGraft, FailedRunLeavesNothingBehind) {
         const std::vector<int> good{3, 0};
         EXPECT_NO_THROW(
             additions::ImportPages(failed.EngineDocument(), source.EngineDocument(), &good, 0));
-        EXPECT_EQ(failed.PageCount(&count), hr::kOk);
-        EXPECT_EQ(count, from_itself ? 6 : 5);
+        EXPECT_EQ(Pages(failed), from_itself ? 6 : 5);
     }
 }
 

@@ -11,10 +11,10 @@
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cli/sample_pdf.h"
@@ -28,6 +28,7 @@ namespace {
 
 namespace stdfs = std::filesystem;
 using fs::FileOp;
+using enum fs::FileOp;
 
 // The split source: five labelled pages cut into the parts {1, 2}, {3} and {4, 5}.
 const char* const kLabels[] = {"Alpha", "Bravo", "Charlie", "Delta", "Echo"};
@@ -86,9 +87,12 @@ struct Inputs {
     stdfs::path large_encrypted;
 };
 
-// One attempt at a scenario: its folder, its objects, and what it expects of its result.
+// One attempt at a scenario, in a folder of its own: its objects, and what it expects of its
+// result.
 struct Attempt {
-    explicit Attempt(Inputs& inputs) : in(inputs) {}
+    Attempt(Inputs& inputs, stdfs::path folder) : in(inputs), dir(std::move(folder)) {
+        stdfs::create_directories(dir);
+    }
     Inputs& in;
     stdfs::path dir;
     stdfs::path user_file;  // must stay byte-identical when the call fails; empty: none
@@ -103,39 +107,22 @@ struct Step {
     stdfs::path path;
 };
 
-// Records every step the hook is asked about and fails the `fail_at`-th (1-based; 0 fails
-// none) with `error`.
-class StepRecorder {
-  public:
-    StepRecorder(std::size_t fail_at, int error) {
-        fs::SetFaultHook([this, fail_at, error](FileOp op, const stdfs::path& path) {
-            steps_.push_back({op, path});
-            return steps_.size() == fail_at ? error : 0;
-        });
-    }
-    ~StepRecorder() { Stop(); }
-    StepRecorder(const StepRecorder&) = delete;
-    StepRecorder& operator=(const StepRecorder&) = delete;
-    void Stop() { fs::SetFaultHook(nullptr); }
-    const std::vector<Step>& Steps() const { return steps_; }
-
-  private:
-    std::vector<Step> steps_;
-};
-
-// Keeps the load diagnostics off the console for the scope.
-class QuietStderr {
-  public:
-    QuietStderr() { ::testing::internal::CaptureStderr(); }
-    ~QuietStderr() { ::testing::internal::GetCapturedStderr(); }
-    QuietStderr(const QuietStderr&) = delete;
-    QuietStderr& operator=(const QuietStderr&) = delete;
-};
+// Runs `call` with every step the hook is asked about recorded; the `fail_at`-th (1-based; 0
+// fails none) fails with `error`.
+std::vector<Step> Hooked(std::size_t fail_at, int error, const std::function<void()>& call) {
+    std::vector<Step> steps;
+    fs::SetFaultHook([&steps, fail_at, error](FileOp op, const stdfs::path& path) {
+        steps.push_back({op, path});
+        return steps.size() == fail_at ? error : 0;
+    });
+    call();
+    fs::SetFaultHook(nullptr);
+    return steps;
+}
 
 struct Scenario {
     const char* name;
-    // Steps a clean run must pass through the hook, each at least as often as listed.
-    std::vector<FileOp> steps;
+    std::map<FileOp, int> steps;  // how often, at least, a clean run passes each through the hook
     std::function<void(Attempt&)> prepare;  // runs without the hook
     std::function<HResult(Attempt&)> call;
     bool win32_failure;  // a failure returns HRESULT_FROM_WIN32(error); otherwise E_FAIL
@@ -150,28 +137,34 @@ void PrintTo(const Scenario& scenario, std::ostream* out) {
 
 // ---- The saves ----
 
-// Opens `file` and appends the extra page, so that the save has a change to carry.
-void OpenAndAppend(Attempt& attempt, const stdfs::path& source, const OptionalText& password) {
-    attempt.user_file = attempt.dir / "doc.pdf";
-    stdfs::copy_file(source, attempt.user_file);
-    ASSERT_EQ(attempt.object.SetPdfDocument(FromPath(attempt.user_file), 0, password), hr::kOk);
-    ASSERT_EQ(attempt.extra.SetPdfDocument(FromPath(attempt.in.extra), 0, u""), hr::kOk);
-    ASSERT_EQ(attempt.object.AppendPages(&attempt.extra), hr::kOk)
-        << attempt.object.LastErrorText();
-    attempt.expected_pages = 3;
-}
-
-// The documents stay open unless the failure came at the move, which closes them first. The
-// host then opens the file again, as it was: the appended page lived only in memory.
-void AfterFailedSave(Attempt& attempt, const Step& failed) {
-    const bool at_move = failed.op == FileOp::Move;
-    EXPECT_EQ(attempt.object.IsDocumentOpen(), !at_move);
-    if (at_move) {
+// A save of `source`, opened with `password`, with the extra page appended so that the save has
+// a change to carry. After a failure the documents stay open unless it came at the move, which
+// closes them first; the host then opens the file again, as it was: the appended page lived only
+// in memory.
+Scenario SaveScenario(const char* name, std::function<stdfs::path(Inputs&)> source,
+                      const char16_t* password, std::function<HResult(Attempt&)> call,
+                      std::function<void(Attempt&)> succeeded) {
+    const auto prepare = [source, password](Attempt& attempt) {
+        attempt.user_file = attempt.dir / "doc.pdf";
+        stdfs::copy_file(source(attempt.in), attempt.user_file);
+        ASSERT_EQ(attempt.object.SetPdfDocument(FromPath(attempt.user_file), 0, password), hr::kOk);
+        ASSERT_EQ(attempt.extra.SetPdfDocument(FromPath(attempt.in.extra), 0, u""), hr::kOk);
+        ASSERT_EQ(attempt.object.AppendPages(&attempt.extra), hr::kOk)
+            << attempt.object.LastErrorText();
+        attempt.expected_pages = 3;
+    };
+    const auto failed = [](Attempt& attempt, const Step& step) {
+        const bool at_move = step.op == Move;
+        EXPECT_EQ(attempt.object.IsDocumentOpen(), !at_move);
+        if (!at_move) return;
         std::int32_t pages = 0;
         EXPECT_EQ(attempt.object.PageCount(&pages), hr::kOk) << attempt.object.LastErrorText();
         EXPECT_EQ(pages, 2);
         attempt.expected_pages = 2;
-    }
+    };
+    const std::map<FileOp, int> steps = {
+        {Create, 1}, {Write, 2}, {Flush, 1}, {Close, 1}, {Move, 1}};
+    return {name, steps, prepare, std::move(call), false, failed, std::move(succeeded), 0};
 }
 
 std::string QpdfOutput(const std::string& arguments, const stdfs::path& file) {
@@ -180,12 +173,9 @@ std::string QpdfOutput(const std::string& arguments, const stdfs::path& file) {
 
 // ---- The split ----
 
+// The number in "part_<n>" or its side file "part_<n>.part".
 int PartNumber(const stdfs::path& path) {
-    std::string name = path.filename().string();
-    const std::string side = ".part";
-    if (name.size() > side.size() &&
-        name.compare(name.size() - side.size(), side.size(), side) == 0)
-        name.resize(name.size() - side.size());
+    const std::string name = path.filename().string();
     return std::atoi(name.substr(name.find('_') + 1).c_str());
 }
 
@@ -238,105 +228,86 @@ void ExpectPrivateCopyOf(CZPdfContentObject& object, const stdfs::path& original
 }
 
 const Scenario kScenarios[] = {
-    {"Save",
-     {FileOp::Create, FileOp::Write, FileOp::Write, FileOp::Flush, FileOp::Close, FileOp::Move},
-     [](Attempt& attempt) { OpenAndAppend(attempt, attempt.in.document, u""); },
-     [](Attempt& attempt) { return attempt.object.Save(); },
-     false,
-     AfterFailedSave,
-     [](Attempt& attempt) {
-         EXPECT_TRUE(test::QpdfCheckPasses(attempt.user_file));
-         EXPECT_EQ(test::QpdfPageCount(attempt.user_file), attempt.expected_pages);
-     },
-     0},
-    {"SaveWithSecurity",
-     {FileOp::Create, FileOp::Write, FileOp::Write, FileOp::Flush, FileOp::Close, FileOp::Move},
-     [](Attempt& attempt) { OpenAndAppend(attempt, attempt.in.encrypted, u"user"); },
-     [](Attempt& attempt) { return attempt.object.SaveWithSecurity(u"new user", u"new owner"); },
-     false,
-     AfterFailedSave,
-     [](Attempt& attempt) {
-         EXPECT_NE(QpdfOutput("--show-encryption --password='new user'", attempt.user_file)
-                       .find("R = 6\n"),
-                   std::string::npos);
-         EXPECT_EQ(QpdfOutput("--show-npages --password='new owner'", attempt.user_file),
-                   std::to_string(attempt.expected_pages) + "\n");
-     },
-     0},
-    {"SaveWithPubKeySecurity",
-     {FileOp::Create, FileOp::Write, FileOp::Write, FileOp::Flush, FileOp::Close, FileOp::Move},
-     [](Attempt& attempt) { OpenAndAppend(attempt, attempt.in.LargeEncrypted(), u"user"); },
-     [](Attempt& attempt) { return attempt.object.SaveWithPubKeySecurity(&attempt.in.recipients); },
-     false,
-     AfterFailedSave,
-     [](Attempt& attempt) {
-         // Only a certificate holder reads the pages (secured_save_test has PDFBox do that);
-         // here it is enough that the file is a certificate-secured document now.
-         const std::string bytes = test::ReadBytes(attempt.user_file);
-         EXPECT_EQ(bytes.substr(0, 9), "%PDF-1.7\n");
-         EXPECT_NE(bytes.find("/Adobe.PubSec"), std::string::npos);
-     },
-     0},
+    SaveScenario(
+        "Save", [](Inputs& in) { return in.document; }, u"",
+        [](Attempt& a) { return a.object.Save(); },
+        [](Attempt& a) {
+            EXPECT_TRUE(test::QpdfCheckPasses(a.user_file));
+            EXPECT_EQ(test::QpdfPageCount(a.user_file), a.expected_pages);
+        }),
+    SaveScenario(
+        "SaveWithSecurity", [](Inputs& in) { return in.encrypted; }, u"user",
+        [](Attempt& a) { return a.object.SaveWithSecurity(u"new user", u"new owner"); },
+        [](Attempt& a) {
+            EXPECT_NE(
+                QpdfOutput("--show-encryption --password='new user'", a.user_file).find("R = 6\n"),
+                std::string::npos);
+            EXPECT_EQ(QpdfOutput("--show-npages --password='new owner'", a.user_file),
+                      std::to_string(a.expected_pages) + "\n");
+        }),
+    SaveScenario(
+        "SaveWithPubKeySecurity", [](Inputs& in) { return in.LargeEncrypted(); }, u"user",
+        [](Attempt& a) { return a.object.SaveWithPubKeySecurity(&a.in.recipients); },
+        [](Attempt& a) {
+            // Only a certificate holder reads the pages (secured_save_test has PDFBox do that);
+            // here it is enough that the file is a certificate-secured document now.
+            const std::string bytes = test::ReadBytes(a.user_file);
+            EXPECT_EQ(bytes.substr(0, 9), "%PDF-1.7\n");
+            EXPECT_NE(bytes.find("/Adobe.PubSec"), std::string::npos);
+        }),
     {"SplitPdf",
-     {FileOp::Create, FileOp::Create, FileOp::Create, FileOp::Write, FileOp::Write, FileOp::Write,
-      FileOp::Flush, FileOp::Flush, FileOp::Flush, FileOp::Close, FileOp::Close, FileOp::Close,
-      FileOp::Move, FileOp::Move, FileOp::Move},
-     [](Attempt& attempt) { attempt.user_file = attempt.in.split_source; },
-     [](Attempt& attempt) {
-         return attempt.object.SplitPdf(FromPath(attempt.in.split_source),
-                                        FromPath(attempt.dir / "part"), &attempt.parts);
+     {{Create, 3}, {Write, 3}, {Flush, 3}, {Close, 3}, {Move, 3}},
+     [](Attempt& a) { a.user_file = a.in.split_source; },
+     [](Attempt& a) {
+         return a.object.SplitPdf(FromPath(a.in.split_source), FromPath(a.dir / "part"), &a.parts);
      },
      true,
-     [](Attempt& attempt, const Step& failed) {
+     [](Attempt& a, const Step& failed) {
          // The parts before the failing one are in place and whole; of that one nothing is.
          const int failing = PartNumber(failed.path);
-         EXPECT_EQ(attempt.parts, failing - 1);
-         ExpectWholeParts(attempt.dir, failing - 1);
+         EXPECT_EQ(a.parts, failing - 1);
+         ExpectWholeParts(a.dir, failing - 1);
      },
-     [](Attempt& attempt) {
-         EXPECT_EQ(attempt.parts, 3);
-         ExpectWholeParts(attempt.dir, 3);
+     [](Attempt& a) {
+         EXPECT_EQ(a.parts, 3);
+         ExpectWholeParts(a.dir, 3);
      },
      0},
     {"SetPdfDocumentEmbed",
-     {FileOp::Create, FileOp::Copy},
-     [](Attempt& attempt) { attempt.user_file = attempt.in.document; },
-     [](Attempt& attempt) {
-         return attempt.object.SetPdfDocument(FromPath(attempt.in.document), -1, u"");
-     },
+     {{Create, 1}, {Copy, 1}},
+     [](Attempt& a) { a.user_file = a.in.document; },
+     [](Attempt& a) { return a.object.SetPdfDocument(FromPath(a.in.document), -1, u""); },
      true,
-     [](Attempt& attempt, const Step&) { EXPECT_FALSE(attempt.object.HasPath()); },
-     [](Attempt& attempt) { ExpectPrivateCopyOf(attempt.object, attempt.in.document); },
+     [](Attempt& a, const Step&) { EXPECT_FALSE(a.object.HasPath()); },
+     [](Attempt& a) { ExpectPrivateCopyOf(a.object, a.in.document); },
      1},
     {"LoadEmbeddedRecord",
      // The temporary file is made, then opened for writing.
-     {FileOp::Create, FileOp::Create, FileOp::Write, FileOp::Write, FileOp::Write, FileOp::Flush,
-      FileOp::Close},
+     {{Create, 2}, {Write, 3}, {Flush, 1}, {Close, 1}},
      [](Attempt&) {},
-     [](Attempt& attempt) {
-         MemoryByteStream stream(EmbeddedRecord(attempt.in.document));
-         return attempt.object.Load(stream);
+     [](Attempt& a) {
+         MemoryByteStream stream(EmbeddedRecord(a.in.document));
+         return a.object.Load(stream);
      },
      true,
-     [](Attempt& attempt, const Step&) {
+     [](Attempt& a, const Step&) {
          // The object is reset, with the fields read before the content.
-         EXPECT_EQ(attempt.object.PdfFilePath(), OptionalText(u""));
-         EXPECT_EQ(attempt.object.EmbedFlag(), -1);
-         EXPECT_EQ(attempt.object.PasswordText(), std::nullopt);
+         EXPECT_EQ(a.object.PdfFilePath(), OptionalText(u""));
+         EXPECT_EQ(a.object.EmbedFlag(), -1);
+         EXPECT_EQ(a.object.PasswordText(), std::nullopt);
      },
-     [](Attempt& attempt) { ExpectPrivateCopyOf(attempt.object, attempt.in.document); },
+     [](Attempt& a) { ExpectPrivateCopyOf(a.object, a.in.document); },
      1},
 };
 
 // Private copies go to a temporary folder of the test's own, so that leftovers can be counted.
+// The engine's load diagnostics are kept off the console.
 class FaultInjectionTest : public ::testing::TestWithParam<Scenario> {
   protected:
     void SetUp() override {
-        dir_ = test::ScratchDir();
-        tmp_ = dir_ / "tmp";
+        ::testing::internal::CaptureStderr();
         stdfs::create_directories(tmp_);
         tmp_override_.emplace(tmp_);
-
         const stdfs::path inputs = dir_ / "inputs";
         stdfs::create_directories(inputs);
         in_.dir = inputs;
@@ -363,14 +334,9 @@ class FaultInjectionTest : public ::testing::TestWithParam<Scenario> {
     void TearDown() override {
         fs::SetFaultHook(nullptr);
         tmp_override_.reset();
+        ::testing::internal::GetCapturedStderr();
     }
 
-    std::unique_ptr<Attempt> NewAttempt(const std::string& name) {
-        auto attempt = std::make_unique<Attempt>(in_);
-        attempt->dir = dir_ / "runs" / name;
-        stdfs::create_directories(attempt->dir);
-        return attempt;
-    }
     std::size_t PrivateCopies() const { return test::FilesStartingWith(tmp_, "zpf").size(); }
     // Side files (".part") anywhere below the test's folder.
     std::vector<stdfs::path> SideFiles() const {
@@ -380,9 +346,15 @@ class FaultInjectionTest : public ::testing::TestWithParam<Scenario> {
         }
         return found;
     }
+    // What holds once the call succeeded: its result, no side file, the object's private copies.
+    void ExpectSucceeded(const Scenario& scenario, Attempt& attempt) {
+        scenario.succeeded(attempt);
+        EXPECT_TRUE(SideFiles().empty());
+        EXPECT_EQ(PrivateCopies(), scenario.private_copies);
+    }
 
-    stdfs::path dir_;
-    stdfs::path tmp_;
+    const stdfs::path dir_ = test::ScratchDir();
+    const stdfs::path tmp_ = dir_ / "tmp";
     Inputs in_;
     std::optional<test::TempFolderOverride> tmp_override_;
 };
@@ -393,72 +365,60 @@ TEST_P(FaultInjectionTest, EveryStepFailsCleanly) {
     // The clean run: the steps that pass through the hook, and the result they make.
     std::vector<Step> clean;
     {
-        const auto attempt = NewAttempt("clean");
-        const QuietStderr quiet;
-        scenario.prepare(*attempt);
+        Attempt attempt(in_, dir_ / "runs" / "clean");
+        scenario.prepare(attempt);
         if (HasFatalFailure()) return;
-        StepRecorder recorder(0, 0);
-        const HResult result = scenario.call(*attempt);
-        recorder.Stop();
-        clean = recorder.Steps();
-        ASSERT_EQ(result, hr::kOk) << attempt->object.LastErrorText();
-        scenario.succeeded(*attempt);
-        EXPECT_TRUE(SideFiles().empty());
-        EXPECT_EQ(PrivateCopies(), scenario.private_copies);
+        HResult result = hr::kFail;
+        clean = Hooked(0, 0, [&] { result = scenario.call(attempt); });
+        ASSERT_EQ(result, hr::kOk) << attempt.object.LastErrorText();
+        ExpectSucceeded(scenario, attempt);
     }
     EXPECT_EQ(PrivateCopies(), 0u) << "the object deletes its private copy";
     std::map<FileOp, int> seen;
     for (const Step& step : clean) ++seen[step.op];
-    std::map<FileOp, int> wanted;
-    for (const FileOp op : scenario.steps) ++wanted[op];
-    for (const auto& [op, count] : wanted) {
+    for (const auto& [op, count] : scenario.steps) {
         EXPECT_GE(seen[op], count) << fs::FileOpName(op) << " steps of a clean run";
     }
 
     for (std::size_t n = 1; n <= clean.size(); ++n) {
         const FileOp op = clean[n - 1].op;
         std::vector<int> errors = {fs::kErrorDiskFull};
-        if (op == FileOp::Create || op == FileOp::Move) errors.push_back(fs::kErrorAccessDenied);
+        if (op == Create || op == Move) errors.push_back(fs::kErrorAccessDenied);
         for (const int error : errors) {
             const std::string name = "step" + std::to_string(n) + "-error" + std::to_string(error);
             SCOPED_TRACE(name + ": " + fs::FileOpName(op) + " of " +
                          clean[n - 1].path.filename().string());
-            const auto attempt = NewAttempt(name);
-            const QuietStderr quiet;
-            scenario.prepare(*attempt);
+            Attempt attempt(in_, dir_ / "runs" / name);
+            scenario.prepare(attempt);
             if (HasFatalFailure()) return;
             const std::string before =
-                attempt->user_file.empty() ? std::string() : test::ReadBytes(attempt->user_file);
+                attempt.user_file.empty() ? std::string() : test::ReadBytes(attempt.user_file);
 
-            StepRecorder recorder(n, error);
-            const HResult result = scenario.call(*attempt);
-            recorder.Stop();
-            ASSERT_EQ(recorder.Steps().size(), n) << "nothing is written after the failing step";
-            const Step& failed = recorder.Steps()[n - 1];
-            EXPECT_EQ(failed.op, op);
+            HResult result = hr::kOk;
+            const std::vector<Step> steps =
+                Hooked(n, error, [&] { result = scenario.call(attempt); });
+            ASSERT_EQ(steps.size(), n) << "nothing is written after the failing step";
+            EXPECT_EQ(steps[n - 1].op, op);
             EXPECT_EQ(result, scenario.win32_failure ? hr::FromWin32(error) : hr::kFail);
-            EXPECT_FALSE(attempt->object.LastErrorText().empty());
-            if (!attempt->user_file.empty()) {
-                EXPECT_EQ(test::ReadBytes(attempt->user_file), before);
+            EXPECT_FALSE(attempt.object.LastErrorText().empty());
+            if (!attempt.user_file.empty()) {
+                EXPECT_EQ(test::ReadBytes(attempt.user_file), before);
             }
             EXPECT_TRUE(SideFiles().empty());
             EXPECT_EQ(PrivateCopies(), 0u);
-            scenario.failed(*attempt, failed);
+            scenario.failed(attempt, steps[n - 1]);
 
             // The disk works again: the same object succeeds.
-            EXPECT_EQ(scenario.call(*attempt), hr::kOk) << attempt->object.LastErrorText();
-            scenario.succeeded(*attempt);
-            EXPECT_TRUE(SideFiles().empty());
-            EXPECT_EQ(PrivateCopies(), scenario.private_copies);
+            EXPECT_EQ(scenario.call(attempt), hr::kOk) << attempt.object.LastErrorText();
+            ExpectSucceeded(scenario, attempt);
         }
     }
 }
 
-std::string ScenarioName(const ::testing::TestParamInfo<Scenario>& param) {
-    return param.param.name;
-}
-
-INSTANTIATE_TEST_SUITE_P(Writes, FaultInjectionTest, ::testing::ValuesIn(kScenarios), ScenarioName);
+INSTANTIATE_TEST_SUITE_P(Writes, FaultInjectionTest, ::testing::ValuesIn(kScenarios),
+                         [](const ::testing::TestParamInfo<Scenario>& param) {
+                             return std::string(param.param.name);
+                         });
 
 }  // namespace
 }  // namespace zpdf

@@ -125,7 +125,12 @@ struct Probe {
     std::string output;
 
     std::string Fact(const std::string& key) const {
-        return Between("\n" + output.substr(0, output.find("\ntext:\n")), "\n" + key + ": ", "\n");
+        std::string facts = "\n";
+        facts += output.substr(0, output.find("\ntext:\n"));
+        std::string label = "\n";
+        label += key;
+        label += ": ";
+        return Between(facts, label, "\n");
     }
     std::string Text() const {
         const auto at = output.find("\ntext:\n");

@@ -35,16 +35,7 @@ Bytes U32(std::uint32_t v) {
 Bytes Raw(const std::string& s) {
     return Bytes(s.begin(), s.end());
 }
-// Bytes written as pairs of hex digits; spaces only group them.
-Bytes Hex(std::string_view digits) {
-    Bytes out;
-    for (std::size_t i = 0; i < digits.size(); ++i) {
-        if (digits[i] == ' ') continue;
-        out.push_back(
-            static_cast<std::uint8_t>(std::stoi(std::string(digits.substr(i++, 2)), 0, 16)));
-    }
-    return out;
-}
+using test::HexBytes;
 // A string record of ASCII text.
 Bytes Str(const std::string& ascii) {
     Bytes out = U32(static_cast<std::uint32_t>(ascii.size() * 2 + 2));
@@ -114,20 +105,22 @@ TEST_F(PersistenceTest, RecordsRoundTrip) {
         Bytes saved;
     } cases[] = {
         // Version 1, path "D.pdf", embed flag 0, password "pw".
-        {"linked", Hex("01000000 0C000000 44002E00 70006400 66000000 0000 06000000 70007700 0000"),
+        {"linked",
+         HexBytes("01000000 0C000000 44002E00 70006400 66000000 0000 06000000 70007700 0000"),
          u"D.pdf", 0, u"pw", "", kSame},
-        {"null strings", Hex("01000000 00000000 0000 00000000"), std::nullopt, 0, std::nullopt, "",
+        {"null strings", HexBytes("01000000 00000000 0000 00000000"), std::nullopt, 0, std::nullopt,
+         "", kSame},
+        {"empty strings", HexBytes("01000000 02000000 0000 0000 02000000 0000"), u"", 0, u"", "",
          kSame},
-        {"empty strings", Hex("01000000 02000000 0000 0000 02000000 0000"), u"", 0, u"", "", kSame},
         // An e-acute and a surrogate pair; the euro sign.
         {"characters beyond ASCII",
-         Hex("01000000 08000000 E9003DD8 00DE0000 0000 04000000 AC200000"), u"\u00e9\U0001F600", 0,
-         u"\u20AC", "", kSame},
+         HexBytes("01000000 08000000 E9003DD8 00DE0000 0000 04000000 AC200000"),
+         u"\u00e9\U0001F600", 0, u"\u20AC", "", kSame},
         // An empty path, the embed flag, a null password and the content.
-        {"embedded", Hex("01000000 02000000 0000 FFFF 00000000 05000000") + Raw("hello"),
+        {"embedded", HexBytes("01000000 02000000 0000 FFFF 00000000 05000000") + Raw("hello"),
          std::nullopt, -1, std::nullopt, "hello", kSame},
         {"embedded with flag 1 and no content",
-         Hex("01000000 02000000 0000 0100 02000000 0000 00000000"), std::nullopt, 1, u"", "",
+         HexBytes("01000000 02000000 0000 0100 02000000 0000 00000000"), std::nullopt, 1, u"", "",
          kSame},
         {"version 0 is saved as 1", U32(0) + Str("a.pdf") + kEmbedFalse + Str("x"), u"a.pdf", 0,
          u"x", "", kV1 + Str("a.pdf") + kEmbedFalse + Str("x")},
@@ -230,19 +223,19 @@ TEST_F(PersistenceTest, RefusedRecords) {
         long position;  // where the stream is left; -1: not checked
     } cases[] = {
         {"empty stream", {}, hr::kFail, kUntouched, -1},
-        {"version cut short", Hex("0100"), hr::kFail, kUntouched, -1},
+        {"version cut short", HexBytes("0100"), hr::kFail, kUntouched, -1},
         {"version 2", U32(2) + Str("a") + kEmbedFalse + kNull, hr::kUnexpected, kUntouched, -1},
         {"version 0xFFFFFFFF", U32(0xFFFFFFFF), hr::kUnexpected, kUntouched, -1},
-        {"path count cut short", kV1 + Hex("0500"), hr::kFail, kReset, 4},
-        {"path count 1", kV1 + U32(1) + Hex("0000"), hr::kFail, kReset, 4},
+        {"path count cut short", kV1 + HexBytes("0500"), hr::kFail, kReset, 4},
+        {"path count 1", kV1 + U32(1) + HexBytes("0000"), hr::kFail, kReset, 4},
         {"path count above the limit", kV1 + over_limit, hr::kAccessDenied, kReset, 4},
-        {"path text cut short", kV1 + U32(10) + Hex("61006200"), hr::kFail, kReset, 4},
-        {"path without terminator", kV1 + U32(6) + Hex("610062006300"), hr::kFail, kReset, 4},
-        {"embed flag cut short", kV1 + path_a + Hex("01"), hr::kFail, kPathA, -1},
+        {"path text cut short", kV1 + U32(10) + HexBytes("61006200"), hr::kFail, kReset, 4},
+        {"path without terminator", kV1 + U32(6) + HexBytes("610062006300"), hr::kFail, kReset, 4},
+        {"embed flag cut short", kV1 + path_a + HexBytes("01"), hr::kFail, kPathA, -1},
         {"password count 1", kV1 + path_a + kEmbedFalse + U32(1), hr::kFail, kPathA, 14},
-        {"password above the limit", kV1 + path_a + Hex("0100") + over_limit, hr::kAccessDenied,
-         kPathAFlag1, 14},
-        {"content length cut short", kV1 + Str("") + kEmbedTrue + kNull + Hex("05"), hr::kFail,
+        {"password above the limit", kV1 + path_a + HexBytes("0100") + over_limit,
+         hr::kAccessDenied, kPathAFlag1, 14},
+        {"content length cut short", kV1 + Str("") + kEmbedTrue + kNull + HexBytes("05"), hr::kFail,
          State{u"", -1, std::nullopt}, -1},
     };
     const Bytes earlier = kV1 + Str("") + kEmbedTrue + Str("old") + U32(5) + Raw("hello");
@@ -361,7 +354,8 @@ TEST_F(PersistenceTest, EmbeddedSaveWithoutAReadableCopy) {
         {"copy deleted", record, true, 0, true, hr::FromWin32(fs::kErrorFileNotFound),
          fields.size()},
         // A load that failed inside the content leaves the flag without a copy.
-        {"copy never made", fields + Hex("03"), true, 0, false, hr::kUnexpected, fields.size()},
+        {"copy never made", fields + HexBytes("03"), true, 0, false, hr::kUnexpected,
+         fields.size()},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

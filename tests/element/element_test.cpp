@@ -25,16 +25,7 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 using Mapping = RasterDeviceContext::Mapping;
 
-// Bytes written as pairs of hex digits; spaces only group them.
-Bytes Hex(std::string_view digits) {
-    Bytes out;
-    for (std::size_t i = 0; i < digits.size(); ++i) {
-        if (digits[i] == ' ') continue;
-        out.push_back(
-            static_cast<std::uint8_t>(std::stoi(std::string(digits.substr(i++, 2)), 0, 16)));
-    }
-    return out;
-}
+using test::HexBytes;
 
 Bytes Rec(std::int32_t id, std::int32_t page, std::int32_t left, std::int32_t top,
           std::int32_t right, std::int32_t bottom, VariantBool aspect, std::uint32_t version = 1) {
@@ -94,7 +85,7 @@ TEST(Element, FreshElementRecord) {
     EXPECT_EQ(element.IsDirty(), hr::kOk);
     // Version 1, ObjectId 0, page 1, an empty rectangle, aspect ratio kept (-1).
     const Bytes expected =
-        Hex("01000000 00000000 01000000 00000000 00000000 00000000 00000000 FFFF");
+        HexBytes("01000000 00000000 01000000 00000000 00000000 00000000 00000000 FFFF");
     EXPECT_EQ(SaveBytes(element), expected);
     EXPECT_EQ(expected, kDefaultRecord);
     EXPECT_EQ(expected.size(), CZPdfContentElement::kRecordSize);
@@ -116,11 +107,11 @@ TEST(Element, ChangesRecordsAndDirtyRules) {
     } cases[] = {
         {"nothing", nullptr, nullptr, false, kDefaultRecord},
         {"position", nullptr, [](auto& e) { e.SetPosition(10, 20, 30, 40); }, true,
-         Hex("01000000 00000000 01000000 0A000000 14000000 28000000 3C000000 FFFF")},
+         HexBytes("01000000 00000000 01000000 0A000000 14000000 28000000 3C000000 FFFF")},
         {"negative width flips the rectangle", nullptr,
          [](auto& e) { e.SetPosition(100, 50, -20, 10); }, true, Rec(0, 1, 80, 50, 100, 60, -1)},
         {"negative coordinates and height", nullptr, [](auto& e) { e.SetPosition(-5, -7, 3, -2); },
-         true, Hex("01000000 00000000 01000000 FBFFFFFF F7FFFFFF FEFFFFFF F9FFFFFF FFFF")},
+         true, HexBytes("01000000 00000000 01000000 FBFFFFFF F7FFFFFF FEFFFFFF F9FFFFFF FFFF")},
         {"same position again", [](auto& e) { e.SetPosition(1, 2, 3, 4); },
          [](auto& e) { e.SetPosition(1, 2, 3, 4); }, true, Rec(0, 1, 1, 2, 4, 6, -1)},
         {"page", nullptr, [](auto& e) { e.put_Page(7); }, false, Rec(0, 7, 0, 0, 0, 0, -1)},
@@ -160,10 +151,11 @@ TEST(Element, ChangesRecordsAndDirtyRules) {
 
 TEST(Element, LoadedRecords) {
     // ObjectId -5, page 3, the rectangle 80, 50 - 100, 60, aspect ratio off.
-    const Bytes full = Hex("01000000 FBFFFFFF 03000000 50000000 32000000 64000000 3C000000 0000");
+    const Bytes full =
+        HexBytes("01000000 FBFFFFFF 03000000 50000000 32000000 64000000 3C000000 0000");
     const Bytes before = Rec(11, 0x11223344, 1, 2, 3, 4, 1);
     // Version, ObjectId and the low two bytes of Page.
-    const Bytes cut = Hex("01000000 FBFFFFFF AABB");
+    const Bytes cut = HexBytes("01000000 FBFFFFFF AABB");
     struct Case {
         const char* name;
         Bytes record;

@@ -172,4 +172,14 @@ std::vector<std::filesystem::path> FilesStartingWith(const std::filesystem::path
     return found;
 }
 
+std::vector<std::uint8_t> HexBytes(std::string_view digits) {
+    std::vector<std::uint8_t> out;
+    for (std::size_t i = 0; i < digits.size(); ++i) {
+        if (digits[i] == ' ') continue;
+        out.push_back(
+            static_cast<std::uint8_t>(std::stoi(std::string(digits.substr(i++, 2)), 0, 16)));
+    }
+    return out;
+}
+
 }  // namespace zpdf::test

@@ -1,9 +1,11 @@
 // Shared helpers of the native tests: scratch folders, outside tools, documents made by them.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace zpdf::test {
@@ -62,5 +64,8 @@ class TempFolderOverride {
 // Files whose name starts with `prefix` in `dir`.
 std::vector<std::filesystem::path> FilesStartingWith(const std::filesystem::path& dir,
                                                      const std::string& prefix);
+
+// Bytes written as pairs of hex digits; spaces only group them.
+std::vector<std::uint8_t> HexBytes(std::string_view digits);
 
 }  // namespace zpdf::test

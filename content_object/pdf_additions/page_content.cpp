@@ -226,6 +226,12 @@ int SpliceContent(fz_context* ctx, pdf_document* doc, pdf_obj* page, PlacedStrea
         if (!contents) {
             placed = 0;
         } else if (pdf_is_array(ctx, contents)) {
+            // An array object of its own may draw other pages too; this page gets a copy.
+            if (pdf_is_indirect(ctx, contents)) {
+                array = pdf_copy_array(ctx, contents);
+                pdf_dict_put(ctx, page, PDF_NAME(Contents), array);
+                contents = array;
+            }
             pdf_array_insert(ctx, contents, front_ref, 0);
             if (back_ref) pdf_array_push(ctx, contents, back_ref);
         } else if (pdf_is_indirect(ctx, contents) && pdf_is_stream(ctx, contents)) {
@@ -234,7 +240,7 @@ int SpliceContent(fz_context* ctx, pdf_document* doc, pdf_obj* page, PlacedStrea
             pdf_array_push_drop(ctx, array,
                                 pdf_new_indirect(ctx, doc, pdf_to_num(ctx, contents), 0));
             if (back_ref) pdf_array_push(ctx, array, back_ref);
-            pdf_dict_put_drop(ctx, page, PDF_NAME(Contents), pdf_add_object(ctx, doc, array));
+            pdf_dict_put(ctx, page, PDF_NAME(Contents), array);
         }
     }
     fz_always(ctx) {

@@ -241,6 +241,31 @@ TEST(Place, ResourceNamesAndContentSplicing) {
     ExpectPages(target, {"p1", "p2"}, [](std::size_t i) { return i == 0 ? 2u : 1u; });
 }
 
+// Two pages drawing the same content array object: a placement on one leaves the other alone.
+TEST(Place, SharedContentArrayStaysWithTheOtherPage) {
+    const stdfs::path dir = test::ScratchDir();
+    test::WriteBytes(
+        dir / "raw.pdf",
+        "%PDF-1.4\n1 0 obj << /Type /Catalog /Pages 2 0 R >> endobj\n"
+        "2 0 obj << /Type /Pages /Kids [3 0 R 4 0 R] /Count 2 >> endobj\n"
+        "3 0 obj << /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Contents 5 0 R >> endobj\n"
+        "4 0 obj << /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Contents 5 0 R >> endobj\n"
+        "5 0 obj [6 0 R] endobj\n"
+        "6 0 obj << /Length 12 >> stream\n0 0 10 10 re\nendstream endobj\n"
+        "trailer << /Root 1 0 R >>\n%%EOF\n");
+    const stdfs::path target = dir / "target.pdf";
+    const int rewritten =
+        test::Run("qpdf " + test::Quote(dir / "raw.pdf") + " " + test::Quote(target)).exit_code;
+    ASSERT_TRUE(rewritten == 0 || rewritten == 3) << rewritten;
+    Stamping run;
+    ASSERT_NO_FATAL_FAILURE(run.Open(LabelledPdf(dir / "lh.pdf", {"letterhead"}), target));
+    ASSERT_EQ(run.dst.PlaceContent(run.ids[0], 1, 0, 0, 1, 1, 0), hr::kOk);
+    ASSERT_EQ(run.dst.Save(), hr::kOk);
+    ASSERT_TRUE(test::QpdfCheckPasses(target));
+    EXPECT_EQ(ContentStreams(target, 1).size(), 3u) << "q, the shared stream, Q+draw";
+    EXPECT_EQ(ContentStreams(target, 2).size(), 1u) << "the other page as it was";
+}
+
 // Placements address pages as they are now: after a replacement that keeps the page count and
 // after an append, a page number names the page that stands there, not the one before.
 TEST(Place, FollowsThePagesAfterAssembly) {

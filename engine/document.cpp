@@ -629,7 +629,6 @@ int ObjectHoldsEmptyName(fz_context* ctx, pdf_document* doc, int num) {
 }  // namespace
 
 bool DocumentHoldsEmptyName(fz_context* ctx, pdf_document* doc) {
-    constexpr int kObjectsBetweenReleases = 1024;
     const int length = pdf_xref_len(ctx, doc);
     for (int num = 1; num < length; ++num) {
         if (ObjectHoldsEmptyName(ctx, doc, num)) return true;

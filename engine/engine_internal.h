@@ -99,6 +99,8 @@ struct Document::Impl {
 // long document would hold all of it. A pointer borrowed into a dropped object dangles: call it
 // only where nothing up the stack holds one. Never throws.
 void ReleaseUnchangedObjects(fz_context* ctx, pdf_document* doc) noexcept;
+// Objects a pass over the whole document (a writer, a search) reads between two releases.
+inline constexpr int kObjectsBetweenReleases = 1024;
 // Counts one unit of per-page work on the document of `impl` and releases its unchanged objects
 // every few hundred units. Call it where nothing up the stack holds a borrowed object.
 void NoteWork(Document::Impl& impl) noexcept;

@@ -28,9 +28,6 @@ constexpr std::size_t kStreamChunk = 256u * 1024;
 
 // ---- Engine calls: each sequence in its own small function, engine errors as EngineError ----
 
-// Objects written between two releases of those the writer has parsed.
-constexpr int kObjectsBetweenReleases = 1024;
-
 struct ObjectSlot {
     int in_use = 0;
     int gen = 0;
@@ -186,7 +183,8 @@ class EncryptingWriter {
 
         for (int num = 1; num < length; ++num) {
             // What was written is let go: a long document is not kept parsed in full.
-            if (num % kObjectsBetweenReleases == 0) engine::ReleaseUnchangedObjects(ctx_, doc_);
+            if (num % engine::kObjectsBetweenReleases == 0)
+                engine::ReleaseUnchangedObjects(ctx_, doc_);
             if (num == source.object_number) continue;  // replaced by our dictionary
             ObjectSlot slot;
             LoadSlot(ctx_, doc_, num, &slot);

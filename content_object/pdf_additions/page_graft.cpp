@@ -8,9 +8,6 @@ namespace {
 // Engine-level helpers: plain data only, so that the engine's error jumps skip no destructor.
 // Each either returns normally or throws an engine error.
 
-// Pages copied between two releases of the source objects parsed for them.
-constexpr int kPagesBetweenReleases = 256;
-
 // The page at `index` of `src`, looked up in the source document's own context (the two
 // documents keep separate contexts, and an error must reach the handler that waits for it);
 // its failure is thrown again in `ctx`.
@@ -244,8 +241,7 @@ int GraftPageRun(engine::Document::Impl& dst, engine::Document::Impl& src, const
             copied = k + 1;
             // The source pages copied so far are held by nobody now: a long run does not keep
             // the whole source parsed.
-            if (copied % kPagesBetweenReleases == 0)
-                engine::ReleaseUnchangedObjects(src.ctx, src.doc);
+            engine::NoteWork(src);
         }
         InsertRun(ctx, doc, numbers, count, at, total);
     }

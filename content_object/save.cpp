@@ -5,6 +5,7 @@
 
 #include "content_object/content_object.h"
 #include "content_object/diagnostics.h"
+#include "content_object/pdf_additions/page_content.h"
 #include "content_object/side_file_save.h"
 #include "engine/engine.h"
 #include "platform/files.h"
@@ -102,7 +103,8 @@ HResult CZPdfContentObject::Save() {
     if (!IsDocumentOpen()) return hr::kOk;  // never opened, so nothing can have changed
 
     const SideFileSaveResult saved = SaveThroughSideFile(
-        *this, ToPath(*pdf_file_), [this](engine::ByteSink& sink) { document_->Write(sink); });
+        *this, ToPath(*pdf_file_),
+        [this](engine::ByteSink& sink) { additions::WriteDocument(*document_, sink); });
     if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
     return hr::kOk;
 }

@@ -278,26 +278,84 @@ namespace {
 
 // Fills the page number cache from one walk of the page tree. Leaves it empty when the tree
 // cannot be walked; lookups then take the engine's own way.
-void LoadPageNumbers(Document::Impl& impl, int count) noexcept {
-    fz_context* ctx = impl.ctx;
-    pdf_document* doc = impl.doc;
-    volatile int loaded = 0;
+struct PageNumberWalk {
+    pdf_document* doc;
+    int* numbers;  // room for `count`
+    int count;
+    int found;
+    unsigned since_release;
+};
+
+// Pages looked at between two releases while the page numbers are collected.
+constexpr unsigned kPagesBetweenReleases = 1024;
+
+// Collects the object numbers of the pages below `node` in page order, as the engine's page
+// lookup finds them. The nodes on the way down are held, so that releasing the pages parsed
+// so far can let go of everything else: the engine's own page map parses every page at once.
+void CollectPageNumbers(fz_context* ctx, pdf_obj* node, PageNumberWalk* walk, int depth) {
+    if (depth > kMaxPageTreeDepth) fz_throw(ctx, FZ_ERROR_GENERIC, "page tree too deep");
+    if (pdf_mark_obj(ctx, node)) fz_throw(ctx, FZ_ERROR_GENERIC, "cycle in the page tree");
+    pdf_obj* kids = nullptr;
+    pdf_obj* child = nullptr;
+    fz_var(kids);
+    fz_var(child);
     fz_try(ctx) {
-        pdf_load_page_tree(ctx, doc);
-        loaded = 1;
-    }
-    fz_catch(ctx) {
-        loaded = 0;
-    }
-    if (loaded == 0) return;
-    if (doc->fwd_page_map != nullptr && doc->map_page_count == count) {
-        try {
-            impl.page_numbers.assign(doc->fwd_page_map, doc->fwd_page_map + count);
-        } catch (const std::bad_alloc&) {
-            impl.page_numbers.clear();
+        kids =
+            pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, pdf_dict_get(ctx, node, PDF_NAME(Kids))));
+        const int length = pdf_array_len(ctx, kids);
+        for (int i = 0; i < length; ++i) {
+            pdf_obj* kid = pdf_array_get(ctx, kids, i);
+            if (IsPageTreeNode(ctx, kid)) {
+                child = pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, kid));
+                CollectPageNumbers(ctx, child, walk, depth + 1);
+                pdf_drop_obj(ctx, child);
+                child = nullptr;
+                continue;
+            }
+            if (walk->found >= walk->count)
+                fz_throw(ctx, FZ_ERROR_GENERIC, "more pages than counted");
+            walk->numbers[walk->found++] = pdf_is_indirect(ctx, kid) ? pdf_to_num(ctx, kid) : 0;
+            if (++walk->since_release >= kPagesBetweenReleases) {
+                walk->since_release = 0;
+                ReleaseUnchangedObjects(ctx, walk->doc);
+            }
         }
     }
-    pdf_drop_page_tree(ctx, doc);
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, child);
+        pdf_drop_obj(ctx, kids);
+        pdf_unmark_obj(ctx, node);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+// Fills the page number cache; leaves it empty when the tree does not hold `count` pages
+// where the lookup finds them.
+void LoadPageNumbers(Document::Impl& impl, int count) noexcept {
+    fz_context* ctx = impl.ctx;
+    try {
+        impl.page_numbers.assign(static_cast<std::size_t>(count), 0);
+    } catch (const std::bad_alloc&) {
+        impl.page_numbers.clear();
+        return;
+    }
+    PageNumberWalk walk{impl.doc, impl.page_numbers.data(), count, 0, 0};
+    pdf_obj* root = nullptr;
+    fz_var(root);
+    fz_try(ctx) {
+        pdf_obj* pages = pdf_dict_getp(ctx, pdf_trailer(ctx, impl.doc), "Root/Pages");
+        root = pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, pages));
+        CollectPageNumbers(ctx, root, &walk, 0);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, root);
+    }
+    fz_catch(ctx) {
+        walk.found = -1;
+    }
+    if (walk.found != count) impl.page_numbers.clear();
 }
 
 }  // namespace
@@ -465,6 +523,7 @@ void Document::Open(std::FILE* file, const std::optional<std::string>& password)
     impl_->counts_corrected_after_repair = false;
     impl_->objects_placed = false;
     impl_->placed_streams.clear();
+    impl_->pending_placements.clear();
 }
 
 void Document::Close() noexcept {
@@ -479,6 +538,7 @@ void Document::Close() noexcept {
         pdf_drop_document(ctx, impl_->doc);
         impl_->doc = nullptr;
         impl_->placed_streams.clear();
+        impl_->pending_placements.clear();
     }
     if (impl_->stream != nullptr) {
         fz_drop_stream(ctx, impl_->stream);
@@ -687,6 +747,7 @@ void Document::Write(ByteSink& sink) {
     pdf_write_options options = pdf_default_write_options;
     options.do_incremental = 0;
     options.do_encrypt = PDF_ENCRYPT_KEEP;
+    MakePendingPlacements(*impl_, -1);
     PlaceObjectsBeforeChanges(*impl_);
     WriteDocument(impl_->ctx, impl_->doc, sink, options);
 }

@@ -7,6 +7,8 @@ extern "C" {
 #include <mupdf/pdf.h>
 }
 
+#include <array>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <unordered_map>
@@ -72,6 +74,15 @@ int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_o
 void WriteDocument(fz_context* ctx, pdf_document* doc, ByteSink& sink,
                    const pdf_write_options& options);
 
+// A form XObject to be drawn on a page, recorded instead of made at once: a long print file
+// stamped on every page would otherwise hold every changed page in memory until it is written.
+struct PendingPlacement {
+    int page = 0;  // the page's object number
+    std::uint32_t form = 0;
+    std::array<float, 6> matrix{};
+    bool background = false;
+};
+
 struct Document::Impl {
     fz_context* ctx = nullptr;
     pdf_document* doc = nullptr;
@@ -90,7 +101,21 @@ struct Document::Impl {
     // The content streams placed on pages, by their bytes, so that the same content placed on
     // many pages is one stream. Checked against the document before each reuse.
     std::unordered_map<std::string, int> placed_streams;
+    // Placements recorded and not yet made in the document, in the order they were asked for.
+    // Our writer draws them into the pages as it writes them; anything else that reads or
+    // copies a page's content makes them first, through `make_placements`.
+    std::vector<PendingPlacement> pending_placements;
+    // Makes the pending placements of the page at `index`, or all of them for -1, in the
+    // document. Throws EngineError.
+    void (*make_placements)(Impl& impl, int index) = nullptr;
 };
+
+// Makes the pending placements of the page at `index` (-1: all) in the document before its
+// content is read or copied. Throws EngineError.
+inline void MakePendingPlacements(Document::Impl& impl, int index) {
+    if (!impl.pending_placements.empty() && impl.make_placements != nullptr)
+        impl.make_placements(impl, index);
+}
 
 // Drops the objects the document parsed from its file that are still as the file has them and
 // that nothing else holds; the engine parses them again from the file when they are next asked

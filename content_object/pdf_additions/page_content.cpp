@@ -1,11 +1,16 @@
 #include "content_object/pdf_additions/page_content.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
+#include "content_object/pdf_additions/document_writer.h"
 #include "content_object/pdf_additions/page_graft.h"
+#include "content_object/pdf_additions/placement.h"
+#include "content_object/pdf_additions/source_security.h"
 #include "engine/engine_internal.h"
 
 namespace zpdf::additions {
@@ -204,6 +209,13 @@ struct PlacedStream {
     volatile int used;  // the stream spliced in
 };
 
+// Whether a placement has a place on the page: a content stream, or an array of them.
+int HasContentPlace(fz_context* ctx, pdf_obj* page) {
+    pdf_obj* contents = pdf_dict_get(ctx, page, PDF_NAME(Contents));
+    return pdf_is_array(ctx, contents) ||
+           (pdf_is_indirect(ctx, contents) && pdf_is_stream(ctx, contents));
+}
+
 // Adds the streams, or takes the earlier ones, and splices them into the page's content; 0
 // when the page has none.
 int SpliceContent(fz_context* ctx, pdf_document* doc, pdf_obj* page, PlacedStream* front,
@@ -241,6 +253,8 @@ int SpliceContent(fz_context* ctx, pdf_document* doc, pdf_obj* page, PlacedStrea
                                 pdf_new_indirect(ctx, doc, pdf_to_num(ctx, contents), 0));
             if (back_ref) pdf_array_push(ctx, array, back_ref);
             pdf_dict_put(ctx, page, PDF_NAME(Contents), array);
+        } else {
+            placed = 0;
         }
     }
     fz_always(ctx) {
@@ -270,17 +284,31 @@ void RememberStream(engine::Document::Impl& impl, const char* bytes, size_t size
     impl.placed_streams[std::string(bytes, size)] = num;
 }
 
-bool PlaceStreams(engine::Document::Impl& impl, int page_index, const char* front,
+// A page to change: by its object number, or by its index when it is not an object of its own.
+struct PageLocation {
+    int num;
+    int index;
+};
+
+// The page dictionary, borrowed from the document's table of objects. Throws an engine error.
+pdf_obj* ResolvePage(engine::Document::Impl& impl, PageLocation where) {
+    if (where.num <= 0) return engine::LookupPage(impl, where.index);
+    pdf_obj* page = pdf_load_object(impl.ctx, impl.doc, where.num);
+    pdf_drop_obj(impl.ctx, page);
+    if (!pdf_is_dict(impl.ctx, page)) fz_throw(impl.ctx, FZ_ERROR_GENERIC, "the page is gone");
+    return page;
+}
+
+bool PlaceStreams(engine::Document::Impl& impl, PageLocation where, const char* front,
                   size_t front_size, const char* back, size_t back_size) {
-    engine::NoteWork(impl);
     fz_context* ctx = impl.ctx;
     PlacedStream front_stream{front, front_size, EarlierStream(impl, front, front_size), 0};
     PlacedStream back_stream{back, back_size,
                              back_size > 0 ? EarlierStream(impl, back, back_size) : 0, 0};
     volatile int placed = 0;
     fz_try(ctx) {
-        placed = SpliceContent(ctx, impl.doc, engine::LookupPage(impl, page_index), &front_stream,
-                               &back_stream);
+        placed =
+            SpliceContent(ctx, impl.doc, ResolvePage(impl, where), &front_stream, &back_stream);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, engine::ErrorCategory::Page, "cannot place the form");
@@ -290,10 +318,130 @@ bool PlaceStreams(engine::Document::Impl& impl, int page_index, const char* fron
     return placed != 0;
 }
 
+std::string NameResource(engine::Document::Impl& impl, PageLocation where,
+                         std::uint32_t object_number, const char* category) {
+    fz_context* ctx = impl.ctx;
+    char name[32] = {};
+    fz_try(ctx) {
+        AddResource(ctx, impl.doc, ResolvePage(impl, where), object_number, category, name);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, engine::ErrorCategory::Page, "cannot name the resource");
+    }
+    return name;
+}
+
+// Draws the form on the page in the document now.
+bool MakePlacement(engine::Document::Impl& impl, PageLocation where,
+                   const engine::PendingPlacement& placement) {
+    engine::NoteWork(impl);
+    const std::string name = NameResource(impl, where, placement.form, "XObject");
+    const PlacementStreams streams = PlacementContent(placement, name);
+    return PlaceStreams(impl, where, streams.front.data(), streams.front.size(),
+                        streams.back.data(), streams.back.size());
+}
+
+// The document's hook for its recorded placements.
+void MakeRecordedPlacements(engine::Document::Impl& impl, int index) {
+    std::vector<engine::PendingPlacement>& pending = impl.pending_placements;
+    int only = 0;  // the page's object number; 0 for every page
+    if (index >= 0) {
+        fz_context* ctx = impl.ctx;
+        volatile int num = 0;
+        fz_try(ctx) {
+            if (index < engine::CountDocumentPages(impl))
+                num = pdf_obj_parent_num(ctx, engine::LookupPage(impl, index));
+        }
+        fz_catch(ctx) {
+            num = 0;
+        }
+        // A page that cannot be found has nothing of its own recorded; the caller reports it.
+        if (num <= 0) return;
+        only = num;
+    }
+    std::size_t kept = 0;
+    std::size_t next = 0;
+    try {
+        for (; next < pending.size(); ++next) {
+            const engine::PendingPlacement placement = pending[next];
+            if (only != 0 && placement.page != only) {
+                pending[kept++] = placement;
+                continue;
+            }
+            MakePlacement(impl, PageLocation{placement.page, -1}, placement);
+        }
+    } catch (...) {
+        // What was made stays made; what was not stays recorded.
+        while (next + 1 < pending.size()) pending[kept++] = pending[++next];
+        pending.resize(kept);
+        throw;
+    }
+    pending.resize(kept);
+}
+
+// The page's object number when the page is an object of its own, else 0. Throws an engine
+// error.
+int PageObjectNumber(fz_context* ctx, pdf_document* doc, pdf_obj* page) {
+    const int num = pdf_obj_parent_num(ctx, page);
+    if (num <= 0) return 0;
+    pdf_obj* stored = pdf_load_object(ctx, doc, num);
+    pdf_drop_obj(ctx, stored);
+    return stored == page ? num : 0;
+}
+
+// The index of the kid of `node` that refers to object `num`, or -1.
+int KidIndex(fz_context* ctx, pdf_obj* node, int num) {
+    pdf_obj* kids = pdf_dict_get(ctx, node, PDF_NAME(Kids));
+    const int length = pdf_array_len(ctx, kids);
+    for (int i = 0; i < length; ++i) {
+        pdf_obj* kid = pdf_array_get(ctx, kids, i);
+        if (pdf_is_indirect(ctx, kid) && pdf_to_num(ctx, kid) == num) return i;
+    }
+    return -1;
+}
+
+// Takes the page at `index` out of its parent node and lowers the counts above it. The engine's
+// own deletion finds the page by looking at every kid before it, which parses every page in
+// front of it at once. Done only where the page number cache places the page beyond doubt: the
+// page is in the tree once, and its /Parent chain reaches the root through nodes that list each
+// other. 0 (nothing changed) otherwise, and for a document with page labels, which the engine
+// adjusts. Throws an engine error.
+int RemoveFromParent(engine::Document::Impl& impl, int index) {
+    fz_context* ctx = impl.ctx;
+    pdf_obj* page = engine::LookupPage(impl, index);  // fills the cache
+    if (impl.page_numbers.size() <= static_cast<std::size_t>(index)) return 0;
+    const int num = impl.page_numbers[static_cast<std::size_t>(index)];
+    if (num <= 0 || std::count(impl.page_numbers.begin(), impl.page_numbers.end(), num) != 1)
+        return 0;
+    pdf_obj* catalog = pdf_dict_get(ctx, pdf_trailer(ctx, impl.doc), PDF_NAME(Root));
+    if (pdf_dict_gets(ctx, catalog, "PageLabels") != nullptr) return 0;
+    pdf_obj* root = pdf_dict_get(ctx, catalog, PDF_NAME(Pages));
+    pdf_obj* parent = pdf_dict_get(ctx, page, PDF_NAME(Parent));
+    if (!pdf_is_indirect(ctx, root) || !pdf_is_indirect(ctx, parent)) return 0;
+    const int at = KidIndex(ctx, parent, num);
+    if (at < 0) return 0;
+    int depth = 0;
+    for (pdf_obj* node = parent; pdf_to_num(ctx, node) != pdf_to_num(ctx, root);) {
+        pdf_obj* up = pdf_dict_get(ctx, node, PDF_NAME(Parent));
+        if (++depth > engine::kMaxPageTreeDepth || !pdf_is_indirect(ctx, up) ||
+            KidIndex(ctx, up, pdf_to_num(ctx, node)) < 0)
+            return 0;
+        node = up;
+    }
+    pdf_array_delete(ctx, pdf_dict_get(ctx, parent, PDF_NAME(Kids)), at);
+    for (pdf_obj* node = parent;; node = pdf_dict_get(ctx, node, PDF_NAME(Parent))) {
+        pdf_dict_put_int(ctx, node, PDF_NAME(Count),
+                         pdf_dict_get_int(ctx, node, PDF_NAME(Count)) - 1);
+        if (pdf_to_num(ctx, node) == pdf_to_num(ctx, root)) break;
+    }
+    return 1;
+}
+
 }  // namespace
 
 void ImportPages(engine::Document& dst, engine::Document& src, const std::vector<int>* pages,
                  int at) {
+    engine::MakePendingPlacements(src.Internals(), -1);
     engine::PlaceObjectsBeforeChanges(dst.Internals());
     fz_context* ctx = dst.Internals().ctx;
     pdf_document* to = dst.Internals().doc;
@@ -326,20 +474,30 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
 }
 
 void DeletePage(engine::Document& doc, int index) {
-    engine::PlaceObjectsBeforeChanges(doc.Internals());
-    fz_context* ctx = doc.Internals().ctx;
-    pdf_document* pdf = doc.Internals().doc;
-    engine::PageTreeChanged(doc.Internals());
+    engine::Document::Impl& impl = doc.Internals();
+    engine::PlaceObjectsBeforeChanges(impl);
+    fz_context* ctx = impl.ctx;
+    volatile int removed_here = 0;
     fz_try(ctx) {
-        if (index >= 0 && index < engine::CountDocumentPages(doc.Internals()))
-            pdf_delete_page(ctx, pdf, index);
+        if (index >= 0 && index < engine::CountDocumentPages(impl)) {
+            removed_here = RemoveFromParent(impl, index);
+            if (removed_here == 0) pdf_delete_page(ctx, impl.doc, index);
+        }
     }
     fz_catch(ctx) {
+        engine::PageTreeChanged(impl);
         ThrowCaught(ctx, engine::ErrorCategory::Other, "cannot delete a page");
+    }
+    // The cache follows a removal of our own; the engine's may have changed the tree otherwise.
+    if (removed_here != 0) {
+        impl.page_numbers.erase(impl.page_numbers.begin() + index);
+    } else {
+        engine::PageTreeChanged(impl);
     }
 }
 
 FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index) {
+    engine::MakePendingPlacements(doc.Internals(), page_index);
     engine::PlaceObjectsBeforeChanges(doc.Internals());
     engine::NoteWork(doc.Internals());
     fz_context* ctx = doc.Internals().ctx;
@@ -361,18 +519,22 @@ std::string AddXObjectResource(engine::Document& doc, int page_index, std::uint3
                                const std::string& category) {
     engine::PlaceObjectsBeforeChanges(doc.Internals());
     engine::NoteWork(doc.Internals());
-    fz_context* ctx = doc.Internals().ctx;
-    pdf_document* pdf = doc.Internals().doc;
-    char name[32] = {};
-    const char* cat = category.c_str();
-    fz_try(ctx) {
-        AddResource(ctx, pdf, engine::LookupPage(doc.Internals(), page_index), object_number, cat,
-                    name);
+    return NameResource(doc.Internals(), PageLocation{0, page_index}, object_number,
+                        category.c_str());
+}
+
+void WriteDocument(engine::Document& doc, engine::ByteSink& sink) {
+    engine::Document::Impl& impl = doc.Internals();
+    // The engine's writer would make every recorded placement in the document first and hold
+    // all the changed pages at once; ours draws them in page by page. A document with security
+    // of its own keeps it, which only the engine's writer does.
+    if (impl.doc == nullptr || impl.pending_placements.empty() ||
+        ReadSourceSecurity(impl.ctx, impl.doc).encrypted) {
+        doc.Write(sink);
+        return;
     }
-    fz_catch(ctx) {
-        ThrowCaught(ctx, engine::ErrorCategory::Page, "cannot name the resource");
-    }
-    return name;
+    engine::PlaceObjectsBeforeChanges(impl);
+    WritePlainDocument(impl, sink);
 }
 
 bool IsFormXObject(engine::Document& doc, std::uint32_t object_number) {
@@ -407,16 +569,38 @@ std::string FormatPlacement(const std::array<double, 6>& matrix, const std::stri
     return out;
 }
 
+PlacementStreams PlacementContent(const engine::PendingPlacement& placement,
+                                  const std::string& name) {
+    const std::array<double, 6> values{placement.matrix[0], placement.matrix[1],
+                                       placement.matrix[2], placement.matrix[3],
+                                       placement.matrix[4], placement.matrix[5]};
+    const std::string draw = FormatPlacement(values, name);
+    if (placement.background) return PlacementStreams{draw, ""};
+    return PlacementStreams{"q\n", "Q\n" + draw};
+}
+
 bool PlaceFormXObject(engine::Document& doc, std::uint32_t object_number, int page_index,
                       const std::array<float, 6>& matrix, bool background) {
-    const std::string name = AddXObjectResource(doc, page_index, object_number, "XObject");
-    const std::array<double, 6> values{matrix[0], matrix[1], matrix[2],
-                                       matrix[3], matrix[4], matrix[5]};
-    const std::string draw = FormatPlacement(values, name);
-    const std::string front = background ? draw : "q\n";
-    const std::string back = background ? "" : "Q\n" + draw;
-
-    return PlaceStreams(doc.Internals(), page_index, front.data(), front.size(), back.data(),
-                        back.size());
+    engine::Document::Impl& impl = doc.Internals();
+    engine::PlaceObjectsBeforeChanges(impl);
+    engine::NoteWork(impl);
+    fz_context* ctx = impl.ctx;
+    volatile int num = 0;
+    volatile int has_place = 0;
+    fz_try(ctx) {
+        pdf_obj* page = engine::LookupPage(impl, page_index);
+        has_place = HasContentPlace(ctx, page);
+        num = PageObjectNumber(ctx, impl.doc, page);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, engine::ErrorCategory::Page, "cannot place the form");
+    }
+    if (has_place == 0) return false;
+    const engine::PendingPlacement placement{num, object_number, matrix, background};
+    if (num == 0) return MakePlacement(impl, PageLocation{0, page_index}, placement);
+    impl.pending_placements.push_back(placement);
+    impl.make_placements = MakeRecordedPlacements;
+    return true;
 }
+
 }  // namespace zpdf::additions

@@ -41,6 +41,10 @@ FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index);
 std::string AddXObjectResource(engine::Document& doc, int page_index, std::uint32_t object_number,
                                const std::string& category);
 
+// Writes the whole document into `sink`, as it stands with its recorded placements and keeping
+// its own security. Throws engine::EngineError, or std::runtime_error when the sink fails.
+void WriteDocument(engine::Document& doc, engine::ByteSink& sink);
+
 // True when `object_number` names a form XObject of the document.
 bool IsFormXObject(engine::Document& doc, std::uint32_t object_number);
 
@@ -50,7 +54,8 @@ std::string FormatPlacement(const std::array<double, 6>& matrix, const std::stri
 
 // Draws the form XObject `object_number` on the page, beneath its content (`background`) or
 // above it. Existing content streams are never rewritten. False when the page offers no place
-// for it.
+// for it. On a page that is an object of its own, the placement is recorded, and made when the
+// page is written, drawn or copied.
 bool PlaceFormXObject(engine::Document& doc, std::uint32_t object_number, int page_index,
                       const std::array<float, 6>& matrix, bool background);
 

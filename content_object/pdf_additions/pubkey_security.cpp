@@ -11,7 +11,7 @@
 #include <memory>
 #include <new>
 
-#include "content_object/pdf_additions/encrypting_writer.h"
+#include "content_object/pdf_additions/document_writer.h"
 #include "content_object/pdf_additions/pubkey_security_handler.h"
 #include "content_object/pdf_additions/recipient_certificates.h"
 #include "content_object/pdf_additions/secured_writers.h"
@@ -219,7 +219,7 @@ void SaveWithRecipients(engine::Document& doc, engine::ByteSink& sink,
         key_length != static_cast<int>(kFileKeyBytes)) {
         throw SecuredSaveError("The file key could not be made");
     }
-    WriteEncryptedDocument(impl.ctx, impl.doc, dict.get(), key, sink);
+    WriteEncryptedDocument(impl, dict.get(), key, sink);
 }
 
 }  // namespace zpdf::additions

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "content_object/pdf_additions/encrypting_writer.h"
+#include "content_object/pdf_additions/document_writer.h"
 #include "engine/engine_internal.h"
 
 namespace zpdf::additions {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <functional>
 #include <sstream>
 
@@ -348,6 +349,144 @@ TEST(Place, LongDocumentsKeepEveryChange) {
     }
 }
 
+// Five pages p1..p5 in a tree with nodes below the root: [[p1 p2] p3 [p4 [p5]]]. The root's
+// resources, which the pages inherit, hold the font and a form named /FXX1 that shows
+// "inherited"; p3 draws it. `parents` gives each page's /Parent (objects 2 to 5) in the order
+// p3, p1, p2, p4, p5; `root_kids` the root's /Kids.
+std::string NestedTreePdf(const std::array<int, 5>& parents = {2, 3, 3, 4, 5},
+                          const std::string& root_kids = "3 0 R 8 0 R 4 0 R", int count = 5) {
+    const std::string text = "BT /F1 12 Tf 20 100 Td (";
+    std::vector<std::string> objects = {
+        "<< /Type /Catalog /Pages 2 0 R >>",
+        "<< /Type /Pages /Kids [" + root_kids + "] /Count " + std::to_string(count) +
+            " /MediaBox [0 0 200 200] /Resources << /Font << /F1 6 0 R >> /XObject << /FXX1 7 0 R"
+            " >> >> >>",
+        "<< /Type /Pages /Parent 2 0 R /Kids [9 0 R 10 0 R] /Count 2 >>",
+        "<< /Type /Pages /Parent 2 0 R /Kids [11 0 R 5 0 R] /Count 2 >>",
+        "<< /Type /Pages /Parent 4 0 R /Kids [12 0 R] /Count 1 >>",
+        "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
+        test::PdfStream("/Type /XObject /Subtype /Form /BBox [0 0 200 200] /Resources << /Font "
+                        "<< /F1 6 0 R >> >>",
+                        text + "inherited) Tj ET"),
+    };
+    const char* const labels[] = {"p3", "p1", "p2", "p4", "p5"};
+    for (int i = 0; i < 5; ++i) {
+        objects.push_back("<< /Type /Page /Parent " + std::to_string(parents[i]) +
+                          " 0 R /Contents " + std::to_string(13 + i) + " 0 R >>");
+    }
+    for (int i = 0; i < 5; ++i) {
+        std::string content = text + labels[i] + ") Tj ET";
+        if (i == 0) content += " q 1 0 0 1 0 -50 cm /FXX1 Do Q";
+        objects.push_back(test::PdfStream("", content));
+    }
+    return test::PdfFromObjects(objects);
+}
+
+// Placements are recorded and drawn into the pages as the document is written; whatever reads
+// or copies a stamped page before that must see them too.
+TEST(Place, RecordedPlacementsReachEveryReader) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path letterhead = LabelledPdf(dir / "lh.pdf", {"letterhead"});
+    static const auto dark_pixels = [](CZPdfContentObject& object) {
+        RasterDeviceContext dc(100, 140);
+        EXPECT_EQ(object.DrawPageToDC(dc, 1, 0, 0, 100, 140, 0, 0, 0, 0, 0), hr::kOk);
+        int dark = 0;
+        for (int y = 0; y < 140; ++y)
+            for (int x = 0; x < 100; ++x) dark += dc.Pixel(x, y)[1] < 128;
+        return dark;
+    };
+    struct Case {
+        const char* name;
+        // Uses the stamped `dst` (page 1 stamped) with `other`; returns the file to check.
+        std::function<void(CZPdfContentObject& dst, CZPdfContentObject& other)> use;
+        bool check_other;  // else the target
+        std::vector<std::string> labels;
+        std::vector<std::size_t> stamps;
+    } cases[] = {
+        {"drawn before it is saved",
+         [](CZPdfContentObject& dst, CZPdfContentObject&) {
+             CZPdfContentObject unstamped;
+             OptionalText path;
+             ASSERT_EQ(dst.GetPdfDocument(&path), hr::kOk);
+             test::OpenQuietly(unstamped, ToPath(*path));
+             EXPECT_GT(dark_pixels(dst), dark_pixels(unstamped));
+         },
+         false,
+         {"d1", "d2"},
+         {1, 0}},
+        {"appended to another document",
+         [](CZPdfContentObject& dst, CZPdfContentObject& other) {
+             ASSERT_EQ(other.AppendPages(&dst), hr::kOk);
+         },
+         true,
+         {"o1", "d1", "d2"},
+         {0, 1, 0}},
+        {"made into a form of another document",
+         [](CZPdfContentObject& dst, CZPdfContentObject& other) {
+             std::vector<std::uint32_t> ids;
+             ASSERT_EQ(other.ImportContent(&dst, &ids), hr::kOk);
+             ASSERT_EQ(other.PlaceContent(ids[0], 1, 0, 0, 1, 1, 0), hr::kOk);
+         },
+         true,
+         {"o1"},
+         {1}},
+        {"copied within itself",
+         [](CZPdfContentObject& dst, CZPdfContentObject&) {
+             ASSERT_EQ(dst.ReplacePages(2, &dst, 1, 1), hr::kOk);
+         },
+         false,
+         {"d1", "d1"},
+         {1, 1}},
+        {"saved as it is",
+         [](CZPdfContentObject&, CZPdfContentObject&) {},
+         false,
+         {"d1", "d2"},
+         {1, 0}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const stdfs::path target = LabelledPdf(dir / "target.pdf", {"d1", "d2"});
+        const stdfs::path other_file = LabelledPdf(dir / "other.pdf", {"o1"});
+        Stamping run;
+        ASSERT_NO_FATAL_FAILURE(run.Open(letterhead, target));
+        CZPdfContentObject other;
+        test::OpenQuietly(other, other_file);
+        ASSERT_EQ(run.dst.PlaceContent(run.ids[0], 1, 0, 0, 1, 1, -1), hr::kOk);
+        ASSERT_NO_FATAL_FAILURE(c.use(run.dst, other));
+        CZPdfContentObject& saved = c.check_other ? other : run.dst;
+        ASSERT_EQ(saved.Save(), hr::kOk);
+        const stdfs::path file = c.check_other ? other_file : target;
+        ASSERT_TRUE(test::QpdfCheckPasses(file));
+        ExpectPages(file, c.labels, [&](std::size_t i) { return c.stamps.at(i); });
+    }
+}
+
+// A page inheriting its resources gets its own copy with the form added, under a name the
+// inherited ones do not take; the pages that still inherit them keep drawing what they drew.
+TEST(Place, InheritedResourcesAndTakenNames) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path target = dir / "nested.pdf";
+    test::WriteBytes(target, NestedTreePdf());
+    Stamping run;
+    ASSERT_NO_FATAL_FAILURE(run.Open(LabelledPdf(dir / "lh.pdf", {"letterhead"}), target));
+    // The letterhead's text stands near the top of an A4 page: moved down onto these pages.
+    ASSERT_EQ(run.dst.PlaceContent(run.ids[0], 3, 0, -700, 1, 1, -1), hr::kOk);  // p3
+    ASSERT_EQ(run.dst.PlaceContent(run.ids[0], 3, 0, -730, 1, 1, 0), hr::kOk);
+    ASSERT_EQ(run.dst.PlaceContent(run.ids[0], 1, 0, -700, 1, 1, 0), hr::kOk);  // p1
+    ASSERT_EQ(run.dst.Save(), hr::kOk);
+    ASSERT_TRUE(test::QpdfCheckPasses(target));
+    ExpectPages(target, {"p1", "p2", "p3", "p4", "p5"}, [](std::size_t i) {
+        return i == 0 ? 1u : i == 2 ? 2u : 0u;
+    });
+    EXPECT_NE(test::PdfPageTexts(target).at(2).find("inherited"), std::string::npos);
+    const std::string p3 = ShowObject(target, 8);
+    EXPECT_NE(p3.find("/FXX1 7 0 R"), std::string::npos) << p3;
+    EXPECT_NE(p3.find("/FXX2 "), std::string::npos) << p3;
+    EXPECT_NE(p3.find("/FXX3 "), std::string::npos) << p3;
+    const std::string root = ShowObject(target, 2);
+    EXPECT_EQ(root.find("/FXX2"), std::string::npos) << "the inherited resources stay" << root;
+}
+
 // Page 1 of `file`, drawn at 72 dpi.
 RasterDeviceContext DrawFirstPage(const stdfs::path& file, int width, int height) {
     CZPdfContentObject object;
@@ -462,6 +601,45 @@ TEST(Assembly, AppendAndReplaceTable) {
         ASSERT_EQ(dst.Save(), hr::kOk);
         EXPECT_TRUE(test::QpdfCheckPasses(target));
         EXPECT_EQ(test::PdfPageTexts(target), c.pages);
+    }
+}
+
+// Pages deleted from a tree with nodes below the root; where the tree lists a page twice or
+// a page names the wrong parent, the page found by its place is the one that goes.
+TEST(Assembly, DeletingFromNestedPageTrees) {
+    const struct {
+        const char* name;
+        std::string pdf;
+        std::vector<int> deleted;  // indexes, one after the other
+        std::vector<std::string> pages;
+    } cases[] = {
+        {"first", NestedTreePdf(), {0}, {"p2", "p3", "p4", "p5"}},
+        {"child of the root", NestedTreePdf(), {2}, {"p1", "p2", "p4", "p5"}},
+        {"deepest, its node left empty", NestedTreePdf(), {4}, {"p1", "p2", "p3", "p4"}},
+        {"two in a row", NestedTreePdf(), {0, 2}, {"p2", "p3", "p5"}},
+        {"past the end", NestedTreePdf(), {5}, {"p1", "p2", "p3", "p4", "p5"}},
+        {"listed twice, the second",
+         NestedTreePdf({2, 3, 3, 4, 5}, "3 0 R 8 0 R 4 0 R 9 0 R", 6),
+         {5},
+         {"p1", "p2", "p3", "p4", "p5"}},
+        {"listed twice, the first",
+         NestedTreePdf({2, 3, 3, 4, 5}, "3 0 R 8 0 R 4 0 R 9 0 R", 6),
+         {0},
+         {"p2", "p3", "p4", "p5", "p1"}},
+        {"wrong parent", NestedTreePdf({2, 3, 3, 2, 5}), {3}, {"p1", "p2", "p3", "p5"}},
+    };
+    const stdfs::path dir = test::ScratchDir();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const stdfs::path target = dir / "nested.pdf";
+        test::WriteBytes(target, c.pdf);
+        CZPdfContentObject object;
+        test::OpenQuietly(object, target);
+        for (const int index : c.deleted) additions::DeletePage(object.EngineDocument(), index);
+        EXPECT_EQ(Pages(object), static_cast<std::int32_t>(c.pages.size()));
+        ASSERT_EQ(object.Save(), hr::kOk);
+        ASSERT_TRUE(test::QpdfCheckPasses(target));
+        ExpectPages(target, c.pages, [](std::size_t) { return 0u; });
     }
 }
 

@@ -129,10 +129,7 @@ std::string TwoPagePdf(const std::string& content, const std::vector<std::string
     for (std::size_t i = 0; i < forms.size(); ++i)
         xobjects += "/Fm" + std::to_string(i) + " " + std::to_string(4 + i) + " 0 R ";
     const std::string resources = "<< /Font << /F1 3 0 R >> /XObject << " + xobjects + ">> >>";
-    const auto stream = [](const std::string& dict, const std::string& data) {
-        return "<< " + dict + " /Length " + std::to_string(data.size()) + " >>\nstream\n" + data +
-               "\nendstream";
-    };
+    const auto stream = test::PdfStream;
     for (const std::string& form : forms)
         objects.push_back(stream(
             "/Type /XObject /Subtype /Form /BBox [0 0 595 842] /Resources " + resources, form));
@@ -143,21 +140,7 @@ std::string TwoPagePdf(const std::string& content, const std::vector<std::string
                           " 0 R >>");
         objects.push_back(stream("", page));
     }
-    std::string pdf = "%PDF-1.4\n";
-    std::vector<std::size_t> offsets;
-    for (std::size_t i = 0; i < objects.size(); ++i) {
-        offsets.push_back(pdf.size());
-        pdf += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
-    }
-    const std::size_t xref = pdf.size();
-    pdf += "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
-    for (const std::size_t offset : offsets) {
-        char entry[24];
-        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offset);
-        pdf += entry;
-    }
-    return pdf + "trailer\n<< /Size " + std::to_string(objects.size() + 1) +
-           " /Root 1 0 R >>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
+    return test::PdfFromObjects(objects);
 }
 
 // The page text is what the text operators show, however they show it: not the bytes of the

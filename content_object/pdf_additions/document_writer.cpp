@@ -1,4 +1,4 @@
-#include "content_object/pdf_additions/encrypting_writer.h"
+#include "content_object/pdf_additions/document_writer.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -11,10 +11,14 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
+#include "content_object/pdf_additions/placement.h"
 #include "content_object/pdf_additions/secured_writers.h"
 #include "content_object/pdf_additions/source_security.h"
 
@@ -23,7 +27,7 @@ namespace {
 
 constexpr std::size_t kAesBlock = 16;
 constexpr std::size_t kIdBytes = 16;
-constexpr std::size_t kFlushBytes = 1u << 20;
+constexpr std::size_t kFlushBytes = 256u * 1024;
 constexpr std::size_t kStreamChunk = 256u * 1024;
 
 // ---- Engine calls: each sequence in its own small function, engine errors as EngineError ----
@@ -161,25 +165,139 @@ bool IsRegularNameChar(unsigned char c) {
     return std::strchr("()<>[]{}/%#", c) == nullptr;
 }
 
-// ---- The writer ----
+// ---- What a page with recorded placements is written from ----
 
-class EncryptingWriter {
+struct PlacementName {
+    char text[32] = {};
+};
+
+// The page's content and resources, each a reference of our own (dropped by
+// PlacedPageReferences): the writer releases objects as it goes, and nothing it prints from
+// may go with them.
+struct PlacedPage {
+    pdf_obj* contents = nullptr;       // /Contents as the page holds it
+    pdf_obj* content_array = nullptr;  // the array it names, when it is one
+    int content_stream = 0;            // it names a stream
+    pdf_obj* resources = nullptr;      // the page's own or inherited resources dictionary
+    pdf_obj* xobjects = nullptr;       // their XObject dictionary
+};
+
+class PlacedPageReferences {
   public:
-    EncryptingWriter(fz_context* ctx, pdf_document* doc, engine::ByteSink& sink,
-                     const unsigned char* key)
-        : ctx_(ctx), doc_(doc), sink_(sink), aes_(key) {
-        buffer_.reserve(kFlushBytes + 4096);
-        scratch_.resize(kStreamChunk + kAesBlock);
+    PlacedPageReferences(fz_context* ctx, const PlacedPage& parts) : ctx_(ctx), parts_(parts) {}
+    PlacedPageReferences(const PlacedPageReferences&) = delete;
+    PlacedPageReferences& operator=(const PlacedPageReferences&) = delete;
+    ~PlacedPageReferences() {
+        pdf_drop_obj(ctx_, parts_.contents);
+        pdf_drop_obj(ctx_, parts_.content_array);
+        pdf_drop_obj(ctx_, parts_.resources);
+        pdf_drop_obj(ctx_, parts_.xobjects);
     }
 
+  private:
+    fz_context* ctx_;
+    const PlacedPage& parts_;
+};
+
+// Reads the parts of `page` and picks a name for each of `count` placements that its
+// resources do not hold yet: "FXX" and the smallest free numbers.
+void ReadPlacedPage(fz_context* ctx, pdf_obj* page, int count, PlacementName* names,
+                    PlacedPage* parts) {
+    fz_try(ctx) {
+        pdf_obj* contents = pdf_dict_get(ctx, page, PDF_NAME(Contents));
+        parts->contents = pdf_keep_obj(ctx, contents);
+        if (pdf_is_array(ctx, contents)) {
+            parts->content_array = pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, contents));
+        } else {
+            parts->content_stream = pdf_is_indirect(ctx, contents) && pdf_is_stream(ctx, contents);
+        }
+        pdf_obj* resources = pdf_dict_get_inheritable(ctx, page, PDF_NAME(Resources));
+        if (pdf_is_dict(ctx, resources)) {
+            parts->resources = pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, resources));
+            pdf_obj* xobjects = pdf_dict_get(ctx, parts->resources, PDF_NAME(XObject));
+            if (pdf_is_dict(ctx, xobjects))
+                parts->xobjects = pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, xobjects));
+        }
+        int n = 1;
+        for (int i = 0; i < count; ++i, ++n) {
+            for (;; ++n) {
+                fz_snprintf(names[i].text, sizeof names[i].text, "FXX%d", n);
+                if (parts->xobjects == nullptr ||
+                    !pdf_dict_gets(ctx, parts->xobjects, names[i].text))
+                    break;
+            }
+        }
+    }
+    fz_catch(ctx) {
+        engine::ThrowCaught(ctx, engine::ErrorCategory::NotPdf,
+                            "cannot read a page to draw its placements");
+    }
+}
+
+struct PlacementPageOrder {
+    const std::vector<engine::PendingPlacement>& placements;
+    bool operator()(std::uint32_t index, int page) const { return placements[index].page < page; }
+    bool operator()(int page, std::uint32_t index) const { return page < placements[index].page; }
+};
+
+// The document's version as the writer puts it in the header: 1.0 to 1.7.
+int DocumentVersion(fz_context* ctx, pdf_document* doc) {
+    volatile int version = 17;
+    fz_try(ctx) {
+        version = pdf_version(ctx, doc);
+    }
+    fz_catch(ctx) {
+        version = 17;
+    }
+    return version >= 10 && version <= 17 ? version : 17;
+}
+
+void RequireCatalog(fz_context* ctx, pdf_document* doc) {
+    fz_try(ctx) {
+        engine::RequireCatalog(ctx, doc);
+    }
+    fz_catch(ctx) {
+        engine::ThrowCaught(ctx, engine::ErrorCategory::File, "cannot write the document");
+    }
+}
+
+// ---- The writer ----
+
+class DocumentWriter {
+  public:
+    // Encrypts under `key` (kFileKeyBytes long), or writes in clear when it is null.
+    DocumentWriter(engine::Document::Impl& impl, engine::ByteSink& sink, const unsigned char* key)
+        : ctx_(impl.ctx), doc_(impl.doc), sink_(sink), placements_(impl.pending_placements) {
+        buffer_.reserve(kFlushBytes + 4096);
+        if (key != nullptr) {
+            aes_.emplace(key);
+            scratch_.resize(kStreamChunk + kAesBlock);
+        }
+        placement_order_.resize(placements_.size());
+        for (std::size_t i = 0; i < placement_order_.size(); ++i)
+            placement_order_[i] = static_cast<std::uint32_t>(i);
+        std::stable_sort(placement_order_.begin(), placement_order_.end(),
+                         [this](std::uint32_t a, std::uint32_t b) {
+                             return placements_[a].page < placements_[b].page;
+                         });
+    }
+
+    // With `encrypt_dict` as the encryption dictionary when encrypting.
     void Write(pdf_obj* encrypt_dict) {
-        Put("%PDF-1.7\n%\xE2\xE3\xCF\xD3\n");
+        if (aes_) {
+            Put("%PDF-1.7\n");
+        } else {
+            const int version = DocumentVersion(ctx_, doc_);
+            Put("%PDF-" + std::to_string(version / 10) + "." + std::to_string(version % 10) + "\n");
+        }
+        Put("%\xE2\xE3\xCF\xD3\n");
         const SourceSecurity source = ReadSourceSecurity(ctx_, doc_);
         TrailerEntries trailer;
         ReadTrailer(ctx_, doc_, &trailer);
         const int length = trailer.xref_length;
         offsets_.assign(static_cast<std::size_t>(length), -1);
         gens_.assign(static_cast<std::size_t>(length), 0);
+        next_ = length;
 
         for (int num = 1; num < length; ++num) {
             // What was written is let go: a long document is not kept parsed in full.
@@ -193,6 +311,8 @@ class EncryptingWriter {
             gens_[static_cast<std::size_t>(num)] = slot.gen;
             if (slot.is_stream != 0) {
                 WriteStreamObject(num, slot.gen, slot.obj);
+            } else if (const auto placed = PlacementsOf(num); !placed.empty()) {
+                WritePlacedPage(num, slot.gen, slot.obj, placed);
             } else {
                 BeginObject(num, slot.gen);
                 PrintObject(slot.obj, true);
@@ -200,24 +320,29 @@ class EncryptingWriter {
             }
         }
 
-        int next = length;
-        const int encrypt_num = source.object_number > 0 ? source.object_number : next++;
-        BeginObject(encrypt_num, 0);
-        PrintObject(encrypt_dict, false);
-        Put("\nendobj\n");
+        int encrypt_num = 0;
+        if (aes_) {
+            encrypt_num = source.object_number > 0 ? source.object_number : next_++;
+            BeginObject(encrypt_num, 0);
+            PrintObject(encrypt_dict, false);
+            Put("\nendobj\n");
+        }
 
-        const std::string root = IndirectFor(trailer.root, next);
-        const std::string info = IndirectFor(trailer.info, next);
+        const std::string root = IndirectFor(trailer.root);
+        const std::string info = IndirectFor(trailer.info);
         const std::int64_t xref_offset = Offset();
-        WriteXref(next);
+        WriteXref(next_);
 
         Put("trailer\n<< /Size ");
-        PutNumber(next);
+        PutNumber(next_);
         if (!root.empty()) Put(" /Root " + root);
         if (!info.empty()) Put(" /Info " + info);
-        Put(" /Encrypt ");
-        PutNumber(encrypt_num);
-        Put(" 0 R /ID [ ");
+        if (aes_) {
+            Put(" /Encrypt ");
+            PutNumber(encrypt_num);
+            Put(" 0 R");
+        }
+        Put(" /ID [ ");
         unsigned char second_id[kIdBytes];
         if (RAND_bytes(second_id, static_cast<int>(kIdBytes)) != 1) {
             throw SecuredSaveError("The random generator gave no file identifier");
@@ -248,13 +373,13 @@ class EncryptingWriter {
     }
 
     // "N G R" for an indirect trailer entry; a direct one is written as a new object first.
-    std::string IndirectFor(pdf_obj* obj, int& next) {
+    std::string IndirectFor(pdf_obj* obj) {
         if (obj == nullptr) return {};
         if (pdf_is_indirect(ctx_, obj)) {
             return std::to_string(pdf_to_num(ctx_, obj)) + " " +
                    std::to_string(pdf_to_gen(ctx_, obj)) + " R";
         }
-        const int num = next++;
+        const int num = next_++;
         BeginObject(num, 0);
         PrintObject(obj, true);
         Put("\nendobj\n");
@@ -278,30 +403,157 @@ class EncryptingWriter {
             Put(" ");
             PrintObject(pdf_dict_get_val(ctx_, dict, i), true);
         }
-        Put(" /Length ");
-        PutNumber(static_cast<std::int64_t>(Aes256Cbc::EncryptedSize(size)));
-        Put(" >>\nstream\n");
+        PutStreamData(data, size);
+    }
 
-        unsigned char iv[kAesBlock];
-        aes_.Begin(iv);
-        PutBytes(iv, sizeof iv);
-        for (std::size_t done = 0; done < size;) {
-            const std::size_t chunk = std::min(kStreamChunk, size - done);
-            PutBytes(scratch_.data(), aes_.Update(data + done, chunk, scratch_.data()));
-            done += chunk;
+    // The stream dictionary's /Length, its end and the data, encrypted when encrypting.
+    void PutStreamData(const unsigned char* data, std::size_t size) {
+        Put(" /Length ");
+        PutNumber(static_cast<std::int64_t>(aes_ ? Aes256Cbc::EncryptedSize(size) : size));
+        Put(" >>\nstream\n");
+        if (aes_) {
+            unsigned char iv[kAesBlock];
+            aes_->Begin(iv);
+            PutBytes(iv, sizeof iv);
+            for (std::size_t done = 0; done < size;) {
+                const std::size_t chunk = std::min(kStreamChunk, size - done);
+                PutBytes(scratch_.data(), aes_->Update(data + done, chunk, scratch_.data()));
+                done += chunk;
+            }
+            PutBytes(scratch_.data(), aes_->Final(scratch_.data()));
+        } else {
+            PutBytes(data, size);
         }
-        PutBytes(scratch_.data(), aes_.Final(scratch_.data()));
         Put("\nendstream\nendobj\n");
     }
 
+    // ---- Recorded placements, drawn into their pages as the pages are written ----
+
+    std::vector<engine::PendingPlacement> PlacementsOf(int num) const {
+        const auto range = std::equal_range(placement_order_.begin(), placement_order_.end(), num,
+                                            PlacementPageOrder{placements_});
+        std::vector<engine::PendingPlacement> found;
+        for (auto it = range.first; it != range.second; ++it) found.push_back(placements_[*it]);
+        return found;
+    }
+
+    // The page with its placements' forms named in its resources (a copy of its own where it
+    // inherited them) and their streams around its content, each new stream written after it.
+    void WritePlacedPage(int num, int gen, pdf_obj* page,
+                         const std::vector<engine::PendingPlacement>& placed) {
+        std::vector<PlacementName> names(placed.size());
+        PlacedPage parts;
+        ReadPlacedPage(ctx_, page, static_cast<int>(names.size()), names.data(), &parts);
+        const PlacedPageReferences keep(ctx_, parts);
+        if (parts.content_array == nullptr && parts.content_stream == 0) {
+            // Nothing to draw around: the page is written as it is.
+            BeginObject(num, gen);
+            PrintObject(page, true);
+            Put("\nendobj\n");
+            return;
+        }
+
+        std::vector<int> front;
+        std::vector<int> back;
+        std::vector<std::pair<int, std::string>> added;
+        for (std::size_t i = 0; i < placed.size(); ++i) {
+            const PlacementStreams streams = PlacementContent(placed[i], names[i].text);
+            front.push_back(StreamNumber(streams.front, added));
+            if (!streams.back.empty()) back.push_back(StreamNumber(streams.back, added));
+        }
+
+        BeginObject(num, gen);
+        Put("<<");
+        const int entries = pdf_dict_len(ctx_, page);
+        for (int i = 0; i < entries; ++i) {
+            pdf_obj* key = pdf_dict_get_key(ctx_, page, i);
+            if (pdf_name_eq(ctx_, key, PDF_NAME(Contents)) ||
+                pdf_name_eq(ctx_, key, PDF_NAME(Resources)))
+                continue;
+            Put(" ");
+            PrintObject(key, true);
+            Put(" ");
+            PrintObject(pdf_dict_get_val(ctx_, page, i), true);
+        }
+        Put(" /Resources <<");
+        PrintEntriesExcept(parts.resources, PDF_NAME(XObject));
+        Put(" /XObject <<");
+        PrintEntriesExcept(parts.xobjects, nullptr);
+        for (std::size_t i = 0; i < placed.size(); ++i) {
+            Put(" ");
+            PrintName(names[i].text);
+            Put(" ");
+            PutReference(static_cast<std::int64_t>(placed[i].form));
+        }
+        Put(" >> >> /Contents [");
+        for (auto it = front.rbegin(); it != front.rend(); ++it) {
+            Put(" ");
+            PutReference(*it);
+        }
+        if (parts.content_array != nullptr) {
+            const int count = pdf_array_len(ctx_, parts.content_array);
+            for (int i = 0; i < count; ++i) {
+                Put(" ");
+                PrintObject(pdf_array_get(ctx_, parts.content_array, i), true);
+            }
+        } else {
+            Put(" ");
+            PrintObject(parts.contents, true);
+        }
+        for (const int stream : back) {
+            Put(" ");
+            PutReference(stream);
+        }
+        Put(" ] >>\nendobj\n");
+
+        for (const auto& [stream_num, bytes] : added) {
+            BeginObject(stream_num, 0);
+            Put("<<");
+            PutStreamData(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+        }
+    }
+
+    // The object number of a placement stream with these bytes: one written before, or a new
+    // one, added to `added` to be written after the page.
+    int StreamNumber(const std::string& bytes, std::vector<std::pair<int, std::string>>& added) {
+        // Placements that differ from page to page are not worth remembering.
+        constexpr std::size_t kMaxRemembered = 64;
+        if (const auto found = written_streams_.find(bytes); found != written_streams_.end())
+            return found->second;
+        const int num = next_++;
+        if (written_streams_.size() < kMaxRemembered) written_streams_.emplace(bytes, num);
+        added.emplace_back(num, bytes);
+        return num;
+    }
+
+    void PrintEntriesExcept(pdf_obj* dict, pdf_obj* left_out) {
+        if (dict == nullptr) return;
+        const int count = pdf_dict_len(ctx_, dict);
+        for (int i = 0; i < count; ++i) {
+            pdf_obj* key = pdf_dict_get_key(ctx_, dict, i);
+            if (left_out != nullptr && pdf_name_eq(ctx_, key, left_out)) continue;
+            Put(" ");
+            PrintObject(key, true);
+            Put(" ");
+            PrintObject(pdf_dict_get_val(ctx_, dict, i), true);
+        }
+    }
+
+    void PutReference(std::int64_t num) {
+        PutNumber(num);
+        Put(" 0 R");
+    }
+
     void PrintObject(pdf_obj* obj, bool encrypt) {
-        if (obj == nullptr || pdf_is_null(ctx_, obj)) {
-            Put("null");
-        } else if (pdf_is_indirect(ctx_, obj)) {
+        // A reference is written as it stands: asking first whether it is null would parse the
+        // object it names (every page, for the page tree's Kids), and could fail right here.
+        if (obj != nullptr && pdf_is_indirect(ctx_, obj)) {
             PutNumber(pdf_to_num(ctx_, obj));
             Put(" ");
             PutNumber(pdf_to_gen(ctx_, obj));
             Put(" R");
+        } else if (obj == nullptr || pdf_is_null(ctx_, obj)) {
+            Put("null");
         } else if (pdf_is_bool(ctx_, obj)) {
             Put(pdf_to_bool(ctx_, obj) ? "true" : "false");
         } else if (pdf_is_int(ctx_, obj)) {
@@ -317,7 +569,7 @@ class EncryptingWriter {
             std::size_t size = 0;
             const auto* bytes =
                 reinterpret_cast<const unsigned char*>(pdf_to_string(ctx_, obj, &size));
-            if (encrypt) {
+            if (encrypt && aes_) {
                 PrintEncryptedString(bytes, size);
             } else {
                 PrintHexString(bytes, size);
@@ -375,15 +627,15 @@ class EncryptingWriter {
         std::vector<unsigned char>& out = string_scratch_;
         out.resize(Aes256Cbc::EncryptedSize(size));
         unsigned char iv[kAesBlock];
-        aes_.Begin(iv);
+        aes_->Begin(iv);
         std::memcpy(out.data(), iv, sizeof iv);
         std::size_t length = sizeof iv;
         for (std::size_t done = 0; done < size;) {
             const std::size_t chunk = std::min(kStreamChunk, size - done);
-            length += aes_.Update(data + done, chunk, out.data() + length);
+            length += aes_->Update(data + done, chunk, out.data() + length);
             done += chunk;
         }
-        length += aes_.Final(out.data() + length);
+        length += aes_->Final(out.data() + length);
         PrintHexString(out.data(), length);
     }
 
@@ -465,7 +717,11 @@ class EncryptingWriter {
     fz_context* ctx_;
     pdf_document* doc_;
     engine::ByteSink& sink_;
-    Aes256Cbc aes_;
+    const std::vector<engine::PendingPlacement>& placements_;
+    std::vector<std::uint32_t> placement_order_;  // indexes into placements_, by page
+    std::unordered_map<std::string, int> written_streams_;
+    int next_ = 0;  // the next free object number
+    std::optional<Aes256Cbc> aes_;
     std::string buffer_;
     std::int64_t flushed_ = 0;
     std::vector<unsigned char> scratch_;
@@ -476,10 +732,19 @@ class EncryptingWriter {
 
 }  // namespace
 
-void WriteEncryptedDocument(fz_context* ctx, pdf_document* doc, pdf_obj* encrypt_dict,
+void WriteEncryptedDocument(engine::Document::Impl& impl, pdf_obj* encrypt_dict,
                             const unsigned char* file_key, engine::ByteSink& sink) {
-    EncryptingWriter writer(ctx, doc, sink, file_key);
+    DocumentWriter writer(impl, sink, file_key);
     writer.Write(encrypt_dict);
+}
+
+void WritePlainDocument(engine::Document::Impl& impl, engine::ByteSink& sink) {
+    RequireCatalog(impl.ctx, impl.doc);
+    DocumentWriter writer(impl, sink, nullptr);
+    writer.Write(nullptr);
+    // Reading every object can make the engine rebuild a damaged table, and a rebuild that
+    // fails empties the document: what was written then is not the document.
+    RequireCatalog(impl.ctx, impl.doc);
 }
 
 }  // namespace zpdf::additions

@@ -21,6 +21,10 @@ struct SamplePage {
 // The bytes of a complete PDF file holding `pages`.
 std::string BuildPdf(const std::vector<SamplePage>& pages);
 
+// A PDF file whose object i + 1 is objects[i] (object 1 the catalog), with a cross-reference
+// table that lists them all.
+std::string PdfFromObjects(const std::vector<std::string>& objects);
+
 // Content operators that write `lines` of text from the top left of a page of `height` points.
 std::string TextContent(const std::vector<std::string>& lines, double height, double size = 12);
 

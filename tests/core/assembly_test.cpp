@@ -379,7 +379,7 @@ std::string NestedTreePdf(const std::array<int, 5>& parents = {2, 3, 3, 4, 5},
         if (i == 0) content += " q 1 0 0 1 0 -50 cm /FXX1 Do Q";
         objects.push_back(test::PdfStream("", content));
     }
-    return test::PdfFromObjects(objects);
+    return samples::PdfFromObjects(objects);
 }
 
 // Placements are recorded and drawn into the pages as the document is written; whatever reads

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "cli/sample_pdf.h"
 #include "content_object/content_object.h"
 #include "platform/files.h"
 #include "support/test_support.h"
@@ -140,7 +141,7 @@ std::string TwoPagePdf(const std::string& content, const std::vector<std::string
                           " 0 R >>");
         objects.push_back(stream("", page));
     }
-    return test::PdfFromObjects(objects);
+    return samples::PdfFromObjects(objects);
 }
 
 // The page text is what the text operators show, however they show it: not the bytes of the

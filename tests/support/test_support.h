@@ -65,9 +65,6 @@ class TempFolderOverride {
 std::vector<std::filesystem::path> FilesStartingWith(const std::filesystem::path& dir,
                                                      const std::string& prefix);
 
-// A PDF file of `objects` (object i + 1 is objects[i]; object 1 the catalog) with a correct
-// cross-reference table.
-std::string PdfFromObjects(const std::vector<std::string>& objects);
 // "<< dict /Length n >> stream ... endstream" for `data`.
 std::string PdfStream(const std::string& dict, const std::string& data);
 

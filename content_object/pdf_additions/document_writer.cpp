@@ -394,15 +394,7 @@ class DocumentWriter {
 
         BeginObject(num, gen);
         Put("<<");
-        const int entries = pdf_dict_len(ctx_, dict);
-        for (int i = 0; i < entries; ++i) {
-            pdf_obj* key = pdf_dict_get_key(ctx_, dict, i);
-            if (pdf_name_eq(ctx_, key, PDF_NAME(Length))) continue;
-            Put(" ");
-            PrintObject(key, true);
-            Put(" ");
-            PrintObject(pdf_dict_get_val(ctx_, dict, i), true);
-        }
+        PrintEntries(dict, true, PDF_NAME(Length));
         PutStreamData(data, size);
     }
 
@@ -464,21 +456,11 @@ class DocumentWriter {
 
         BeginObject(num, gen);
         Put("<<");
-        const int entries = pdf_dict_len(ctx_, page);
-        for (int i = 0; i < entries; ++i) {
-            pdf_obj* key = pdf_dict_get_key(ctx_, page, i);
-            if (pdf_name_eq(ctx_, key, PDF_NAME(Contents)) ||
-                pdf_name_eq(ctx_, key, PDF_NAME(Resources)))
-                continue;
-            Put(" ");
-            PrintObject(key, true);
-            Put(" ");
-            PrintObject(pdf_dict_get_val(ctx_, page, i), true);
-        }
+        PrintEntries(page, true, PDF_NAME(Contents), PDF_NAME(Resources));
         Put(" /Resources <<");
-        PrintEntriesExcept(parts.resources, PDF_NAME(XObject));
+        PrintEntries(parts.resources, true, PDF_NAME(XObject));
         Put(" /XObject <<");
-        PrintEntriesExcept(parts.xobjects, nullptr);
+        PrintEntries(parts.xobjects, true);
         for (std::size_t i = 0; i < placed.size(); ++i) {
             Put(" ");
             PrintName(names[i].text);
@@ -526,16 +508,21 @@ class DocumentWriter {
         return num;
     }
 
-    void PrintEntriesExcept(pdf_obj* dict, pdf_obj* left_out) {
+    // The entries of `dict` (none for null), each with a space in front, but for the keys
+    // `left_out` and `also_left_out`.
+    void PrintEntries(pdf_obj* dict, bool encrypt, pdf_obj* left_out = nullptr,
+                      pdf_obj* also_left_out = nullptr) {
         if (dict == nullptr) return;
         const int count = pdf_dict_len(ctx_, dict);
         for (int i = 0; i < count; ++i) {
             pdf_obj* key = pdf_dict_get_key(ctx_, dict, i);
-            if (left_out != nullptr && pdf_name_eq(ctx_, key, left_out)) continue;
+            if ((left_out != nullptr && pdf_name_eq(ctx_, key, left_out)) ||
+                (also_left_out != nullptr && pdf_name_eq(ctx_, key, also_left_out)))
+                continue;
             Put(" ");
-            PrintObject(key, true);
+            PrintObject(key, encrypt);
             Put(" ");
-            PrintObject(pdf_dict_get_val(ctx_, dict, i), true);
+            PrintObject(pdf_dict_get_val(ctx_, dict, i), encrypt);
         }
     }
 
@@ -584,13 +571,7 @@ class DocumentWriter {
             Put(" ]");
         } else if (pdf_is_dict(ctx_, obj)) {
             Put("<<");
-            const int count = pdf_dict_len(ctx_, obj);
-            for (int i = 0; i < count; ++i) {
-                Put(" ");
-                PrintObject(pdf_dict_get_key(ctx_, obj, i), encrypt);
-                Put(" ");
-                PrintObject(pdf_dict_get_val(ctx_, obj, i), encrypt);
-            }
+            PrintEntries(obj, encrypt);
             Put(" >>");
         } else {
             Put("null");

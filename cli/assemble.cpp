@@ -112,6 +112,8 @@ int RunAppend(const std::vector<std::string>& args) {
     const HResult result = object.AppendPages(&source);
     if (hr::Failed(result))
         return Failure(kAppendCommand, parsed.Positional()[1], object.LastErrorText(), result);
+    // The document keeps what it needs of the source; the source's own tables can go.
+    source.CloseDocuments();
     std::int32_t pages = 0;
     object.PageCount(&pages);
     if (int rc = session.Commit()) return rc;

@@ -1,14 +1,82 @@
 // Stamping and page assembly: pages of another content object become form XObjects placed on
 // this document's pages, or are appended or put in place of pages of this document.
 #include <array>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <new>
+#include <optional>
+#include <utility>
 
 #include "content_object/content_object.h"
 #include "content_object/diagnostics.h"
 #include "content_object/page_range.h"
 #include "content_object/pdf_additions/page_content.h"
 #include "engine/engine.h"
+#include "platform/files.h"
 
 namespace zpdf {
+namespace {
+
+// The document of an append source, opened on a private copy of its file: the source object
+// stays free to change, save or close its own document while the append is recorded.
+class CopiedSource final : public engine::AppendSource {
+  public:
+    explicit CopiedSource(std::filesystem::path copy) : copy_(std::move(copy)) {}
+    CopiedSource(const CopiedSource&) = delete;
+    CopiedSource& operator=(const CopiedSource&) = delete;
+    ~CopiedSource() override {
+        document_.Close();
+        if (file_ != nullptr) std::fclose(file_);
+        fs::RemoveQuietly(copy_);
+    }
+
+    // Opens the copy; false when it cannot be read as a PDF.
+    bool Open() {
+        file_ = fs::OpenFile(copy_, "rb");
+        if (file_ == nullptr) return false;
+        try {
+            document_.Open(file_, std::nullopt);
+            return true;
+        } catch (const engine::EngineError&) {
+            return false;
+        }
+    }
+
+    engine::Document& Pages() override { return document_; }
+
+  private:
+    std::filesystem::path copy_;
+    std::FILE* file_ = nullptr;
+    engine::Document document_;
+};
+
+// Records the pages of `source` to be appended to `doc` when it is written, instead of copying
+// them into memory now: an unencrypted source document as its file holds it, read again from a
+// private copy of that file. False, with nothing changed, where the pages are to be copied now.
+bool RecordAppend(engine::Document& doc, CZPdfContentObject& source) {
+    if (!source.HasPath() || additions::DiffersFromItsFile(source.EngineDocument())) return false;
+    try {
+        std::filesystem::path copy;
+        if (const int error = fs::MakeTempCopy(ToPath(*source.PdfFilePath()), &copy)) {
+            ZPDF_LOG_DEBUG(diagnostics::Pdf(),
+                           "no private copy of the source (error %d): its pages are copied now",
+                           error);
+            return false;
+        }
+        auto held = std::make_unique<CopiedSource>(std::move(copy));
+        if (!held->Open() || held->Pages().PageCount() != source.EngineDocument().PageCount())
+            return false;
+        std::unique_ptr<engine::AppendSource> recorded = std::move(held);
+        return additions::RecordAppend(doc, recorded);
+    } catch (const engine::EngineError&) {
+        return false;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+}  // namespace
 
 // Opens the source's document, then this one's (in that order).
 HResult CZPdfContentObject::EnsureBothDocuments(CZPdfContentObject& source) {
@@ -86,6 +154,7 @@ HResult CZPdfContentObject::AppendPages(CZPdfContentObject* srcObject) {
     if (const HResult result = EnsureBothDocuments(*srcObject); hr::Failed(result)) return result;
     try {
         engine::Document& doc = EngineDocument();
+        if (srcObject != this && RecordAppend(doc, *srcObject)) return hr::kOk;
         additions::ImportPages(doc, srcObject->EngineDocument(), nullptr, doc.PageCount());
     } catch (const engine::EngineError& e) {
         return Fail(hr::kUnexpected, std::string("Cannot append the pages: ") + e.what());

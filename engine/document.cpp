@@ -269,9 +269,21 @@ void PlaceObjectsBeforeChanges(Document::Impl& impl) {
     KeepPageCountsCorrect(impl);
 }
 
-int CountDocumentPages(Document::Impl& impl) {
+namespace {
+
+// The pages in the document's own page tree, without those recorded to be appended.
+int CountOwnPages(Document::Impl& impl) {
     KeepPageCountsCorrect(impl);
     return CountDocumentPages(impl.ctx, impl.doc);
+}
+
+}  // namespace
+
+int CountDocumentPages(Document::Impl& impl) {
+    if (!impl.pending_appends.empty()) {
+        fz_throw(impl.ctx, FZ_ERROR_GENERIC, "the appended pages are not in the page tree yet");
+    }
+    return CountOwnPages(impl);
 }
 
 namespace {
@@ -367,33 +379,24 @@ bool IsPageTreeNode(fz_context* ctx, pdf_obj* kid) {
            pdf_dict_get(ctx, kid, PDF_NAME(MediaBox)) == nullptr;
 }
 
-namespace {
-
-// Page entries a copied page takes from the source. Those marked inheritable may sit on an
-// ancestor in the source's page tree; the copy holds them itself. Entries that point to other
-// pages or to the document's structure (annotations, thread beads, structure parents) would
-// drag the rest of the source along and stay behind.
-struct PageEntry {
-    pdf_obj* key;
-    bool inheritable;
-};
-
-}  // namespace
-
-int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_obj* source) {
-    const PageEntry entries[] = {
+std::span<const CopiedPageEntry> CopiedPageEntries() {
+    static const CopiedPageEntry entries[] = {
         {PDF_NAME(Contents), false}, {PDF_NAME(Resources), true}, {PDF_NAME(MediaBox), true},
         {PDF_NAME(CropBox), true},   {PDF_NAME(BleedBox), false}, {PDF_NAME(TrimBox), false},
         {PDF_NAME(ArtBox), false},   {PDF_NAME(Rotate), true},    {PDF_NAME(UserUnit), false},
         {PDF_NAME(Group), false},
     };
+    return entries;
+}
+
+int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_obj* source) {
     pdf_obj* page = nullptr;
     volatile int number = 0;
     fz_var(page);
     fz_try(ctx) {
         page = pdf_new_dict(ctx, dst, 12);
         pdf_dict_put(ctx, page, PDF_NAME(Type), PDF_NAME(Page));
-        for (const PageEntry& entry : entries) {
+        for (const CopiedPageEntry& entry : CopiedPageEntries()) {
             pdf_obj* value = entry.inheritable ? pdf_dict_get_inheritable(ctx, source, entry.key)
                                                : pdf_dict_get(ctx, source, entry.key);
             if (value != nullptr) {
@@ -524,6 +527,7 @@ void Document::Open(std::FILE* file, const std::optional<std::string>& password)
     impl_->objects_placed = false;
     impl_->placed_streams.clear();
     impl_->pending_placements.clear();
+    impl_->pending_appends.clear();
 }
 
 void Document::Close() noexcept {
@@ -540,6 +544,8 @@ void Document::Close() noexcept {
         impl_->placed_streams.clear();
         impl_->pending_placements.clear();
     }
+    // The documents recorded to be appended go with the document, and their files with them.
+    impl_->pending_appends.clear();
     if (impl_->stream != nullptr) {
         fz_drop_stream(ctx, impl_->stream);
         impl_->stream = nullptr;
@@ -550,22 +556,34 @@ int Document::PageCount() {
     fz_context* ctx = impl_->ctx;
     volatile int count = 0;
     fz_try(ctx) {
-        count = CountDocumentPages(*impl_);
+        count = CountOwnPages(*impl_);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, ErrorCategory::NotPdf, "cannot count the pages");
     }
-    return count;
+    int total = count;
+    for (const PendingAppend& append : impl_->pending_appends) total += append.pages;
+    return total;
 }
 
 PageSize Document::GetPageSize(int index) {
+    if (!impl_->pending_appends.empty()) {
+        // A page still to be appended measures as in its own document: the copy keeps its
+        // boxes, its rotation and its unit.
+        int first = PageCount();
+        for (auto it = impl_->pending_appends.rbegin(); it != impl_->pending_appends.rend(); ++it) {
+            first -= it->pages;
+            if (index >= first && index < first + it->pages)
+                return it->source->Pages().GetPageSize(index - first);
+        }
+    }
     NoteWork(*impl_);
     fz_context* ctx = impl_->ctx;
     fz_rect bounds = fz_empty_rect;
     fz_page* page = nullptr;
     fz_var(page);
     fz_try(ctx) {
-        if (index < 0 || index >= CountDocumentPages(*impl_)) {
+        if (index < 0 || index >= CountOwnPages(*impl_)) {
             fz_throw(ctx, FZ_ERROR_GENERIC, "page %d does not exist", index + 1);
         }
         page = fz_load_page(ctx, &impl_->doc->super, index);
@@ -747,7 +765,7 @@ void Document::Write(ByteSink& sink) {
     pdf_write_options options = pdf_default_write_options;
     options.do_incremental = 0;
     options.do_encrypt = PDF_ENCRYPT_KEEP;
-    MakePendingPlacements(*impl_, -1);
+    MakePendingChanges(*impl_, -1);
     PlaceObjectsBeforeChanges(*impl_);
     WriteDocument(impl_->ctx, impl_->doc, sink, options);
 }

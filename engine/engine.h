@@ -68,6 +68,18 @@ struct DocumentFacts {
     bool repaired = false;
 };
 
+class Document;
+
+// The pages of a document that another document takes in at its end only when it is written,
+// or when anything needs its page tree first. Whoever makes one keeps the document readable
+// for as long as it lives (a private copy of its file, say), and lets it go when destroyed.
+class AppendSource {
+  public:
+    virtual ~AppendSource() = default;
+    // The open document whose pages are appended; never changed while it is recorded.
+    virtual Document& Pages() = 0;
+};
+
 // One open PDF document in its own engine context (sharing the process context's locks, so two
 // documents can be used on two threads at once, and with a store of its own).
 class Document {
@@ -84,6 +96,7 @@ class Document {
     // Runs the document's will-close action and drops it. Never throws.
     void Close() noexcept;
 
+    // Counts the pages recorded to be appended as well.
     int PageCount();
     // The page's visible box in points, after its rotation.
     PageSize GetPageSize(int index);

@@ -10,6 +10,8 @@ extern "C" {
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -66,6 +68,16 @@ inline constexpr int kMaxPageTreeDepth = 64;
 // lookup decides it. Throws only what reading the kid throws.
 bool IsPageTreeNode(fz_context* ctx, pdf_obj* kid);
 
+// The entries a copied page takes from the source: what draws it, and its boxes. Those marked
+// inheritable may sit on an ancestor in the source's page tree; the copy holds them itself.
+// Entries that point to other pages or to the document's structure (annotations, thread beads,
+// structure parents) would drag the rest of the source along and stay behind.
+struct CopiedPageEntry {
+    pdf_obj* key;
+    bool inheritable;
+};
+std::span<const CopiedPageEntry> CopiedPageEntries();
+
 // Copies what draws the page `source` into a new page object of `dst`, not yet in its page tree,
 // through `map`; returns the new object's number. Throws an engine error.
 int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_obj* source);
@@ -81,6 +93,13 @@ struct PendingPlacement {
     std::uint32_t form = 0;
     std::array<float, 6> matrix{};
     bool background = false;
+};
+
+// The pages of another document recorded to go at the end of this one: a long document
+// appended to another would otherwise be held in memory, copied page by page, until written.
+struct PendingAppend {
+    std::unique_ptr<AppendSource> source;
+    int pages = 0;
 };
 
 struct Document::Impl {
@@ -108,11 +127,25 @@ struct Document::Impl {
     // Makes the pending placements of the page at `index`, or all of them for -1, in the
     // document. Throws EngineError.
     void (*make_placements)(Impl& impl, int index) = nullptr;
+    // Appends recorded and not yet made, in order. Our writer writes their pages after the
+    // document's own; the page count includes them; anything else that reads or changes the
+    // page tree makes them first, through `make_appends`.
+    std::vector<PendingAppend> pending_appends;
+    // Makes the pending appends in the document. Throws EngineError.
+    void (*make_appends)(Impl& impl) = nullptr;
 };
 
-// Makes the pending placements of the page at `index` (-1: all) in the document before its
-// content is read or copied. Throws EngineError.
-inline void MakePendingPlacements(Document::Impl& impl, int index) {
+// Makes the pending appends in the document before its page tree is read or changed. Throws
+// EngineError.
+inline void MakePendingAppends(Document::Impl& impl) {
+    if (!impl.pending_appends.empty() && impl.make_appends != nullptr) impl.make_appends(impl);
+}
+
+// Makes what is recorded for the document: the pending appends, then the placements of the
+// page at `index` (-1: all), before the content of a page is read or copied. Throws
+// EngineError.
+inline void MakePendingChanges(Document::Impl& impl, int index) {
+    MakePendingAppends(impl);
     if (!impl.pending_placements.empty() && impl.make_placements != nullptr)
         impl.make_placements(impl, index);
 }
@@ -144,7 +177,8 @@ void KeepPageCountsCorrect(Document::Impl& impl);
 // Never throws.
 void PlaceObjectsBeforeChanges(Document::Impl& impl);
 // The page count of the document of `impl`, its counts kept correct; throws an engine error
-// (call it inside fz_try) for a document without a catalog.
+// (call it inside fz_try) for a document without a catalog, and for one with pending appends,
+// whose page tree does not hold all its pages yet (make them first).
 int CountDocumentPages(Document::Impl& impl);
 
 // The page dictionary at `index` (borrowed: the document keeps it), through the page number

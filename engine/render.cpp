@@ -75,7 +75,7 @@ void ClosePage(fz_context* ctx, fz_page* page, bool page_actions) {
 
 void Document::RenderPage(int index, const DeviceRect& page_rect, const DeviceRect& visible,
                           DeviceContext& dc, bool page_actions, std::size_t band_bytes) {
-    MakePendingPlacements(*impl_, index);
+    MakePendingChanges(*impl_, index);
     NoteWork(*impl_);
     fz_context* ctx = impl_->ctx;
     fz_page* page = nullptr;

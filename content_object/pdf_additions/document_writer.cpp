@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "content_object/pdf_additions/page_graft.h"
 #include "content_object/pdf_additions/placement.h"
 #include "content_object/pdf_additions/secured_writers.h"
 #include "content_object/pdf_additions/source_security.h"
@@ -39,23 +40,42 @@ struct ObjectSlot {
     pdf_obj* obj = nullptr;  // a reference of our own, dropped by the caller
 };
 
+// Fills `slot` for object `num`; throws an engine error.
+void ReadSlot(fz_context* ctx, pdf_document* doc, int num, ObjectSlot* slot) {
+    const pdf_xref_entry* entry = pdf_get_xref_entry_no_null(ctx, doc, num);
+    if (entry->type == 'n' || entry->type == 'o') {
+        // Objects inside an object stream have generation 0; their entry holds an index.
+        slot->gen = entry->type == 'n' ? entry->gen : 0;
+        slot->obj = pdf_load_object(ctx, doc, num);
+        slot->is_stream = pdf_obj_num_is_stream(ctx, doc, num);
+        slot->in_use = 1;
+    }
+}
+
 void LoadSlot(fz_context* ctx, pdf_document* doc, int num, ObjectSlot* slot) {
     char doing[64];
     fz_snprintf(doing, sizeof doing, "cannot read object %d", num);
     fz_try(ctx) {
-        const pdf_xref_entry* entry = pdf_get_xref_entry_no_null(ctx, doc, num);
-        if (entry->type == 'n' || entry->type == 'o') {
-            // Objects inside an object stream have generation 0; their entry holds an index.
-            slot->gen = entry->type == 'n' ? entry->gen : 0;
-            slot->obj = pdf_load_object(ctx, doc, num);
-            slot->is_stream = pdf_obj_num_is_stream(ctx, doc, num);
-            slot->in_use = 1;
-        }
+        ReadSlot(ctx, doc, num, slot);
     }
     fz_catch(ctx) {
         pdf_drop_obj(ctx, slot->obj);
         slot->obj = nullptr;
         engine::ThrowCaught(ctx, engine::ErrorCategory::NotPdf, doing);
+    }
+}
+
+// An object of the source of an append: one that cannot be read is left empty, to be copied as
+// null, as the engine's page import copies it. Never throws.
+void LoadCopiedSlot(fz_context* ctx, pdf_document* doc, int num, ObjectSlot* slot) {
+    fz_try(ctx) {
+        ReadSlot(ctx, doc, num, slot);
+    }
+    fz_catch(ctx) {
+        pdf_drop_obj(ctx, slot->obj);
+        *slot = ObjectSlot{};
+        fz_warn(ctx, "cannot read object %d of an appended document, copied as null: %s", num,
+                fz_caught_message(ctx));
     }
 }
 
@@ -261,13 +281,131 @@ void RequireCatalog(fz_context* ctx, pdf_document* doc) {
     }
 }
 
+// ---- What the pages recorded to be appended are written from ----
+
+// The page tree root's object number; throws EngineError where it is not an object of its own,
+// which leaves no place for appended pages.
+int PageTreeRootNumber(fz_context* ctx, pdf_document* doc) {
+    volatile int num = 0;
+    fz_try(ctx) {
+        pdf_obj* root = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
+        if (pdf_is_indirect(ctx, root)) num = pdf_to_num(ctx, root);
+    }
+    fz_catch(ctx) {
+        engine::ThrowCaught(ctx, engine::ErrorCategory::NotPdf, "cannot read the page tree");
+    }
+    if (num <= 0) {
+        throw engine::EngineError(engine::ErrorCategory::Other,
+                                  "cannot append pages: the page tree root is not an object");
+    }
+    return num;
+}
+
+int XrefLength(fz_context* ctx, pdf_document* doc) {
+    volatile int length = 0;
+    fz_try(ctx) {
+        length = pdf_xref_len(ctx, doc);
+    }
+    fz_catch(ctx) {
+        engine::ThrowCaught(ctx, engine::ErrorCategory::NotPdf, "cannot read the table of objects");
+    }
+    return length;
+}
+
+// The root node's Kids array (a reference of our own, dropped by the caller) and its count.
+void ReadPageTreeRoot(fz_context* ctx, pdf_obj* root, pdf_obj** kids, int* count) {
+    fz_try(ctx) {
+        *kids =
+            pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, pdf_dict_get(ctx, root, PDF_NAME(Kids))));
+        *count = pdf_dict_get_int(ctx, root, PDF_NAME(Count));
+    }
+    fz_catch(ctx) {
+        engine::ThrowCaught(ctx, engine::ErrorCategory::NotPdf, "cannot read the page tree");
+    }
+}
+
+// The entries of page `index` of `src` that a copy keeps, in the order of CopiedPageEntries(),
+// null where the page has none; each a reference of our own, dropped by the caller. Read in the
+// source's own context, which reports its errors.
+void ReadSourcePage(engine::Document::Impl& src, int index, pdf_obj** values) {
+    fz_context* ctx = src.ctx;
+    const auto entries = engine::CopiedPageEntries();
+    fz_try(ctx) {
+        pdf_obj* page = engine::LookupPage(src, index);
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            pdf_obj* value = entries[i].inheritable
+                                 ? pdf_dict_get_inheritable(ctx, page, entries[i].key)
+                                 : pdf_dict_get(ctx, page, entries[i].key);
+            values[i] = pdf_keep_obj(ctx, value);
+        }
+    }
+    fz_catch(ctx) {
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            pdf_drop_obj(ctx, values[i]);
+            values[i] = nullptr;
+        }
+        char doing[64];
+        fz_snprintf(doing, sizeof doing, "cannot read page %d of the appended document", index + 1);
+        engine::ThrowCaught(ctx, engine::ErrorCategory::Page, doing);
+    }
+}
+
+// The pages of one recorded append and the page tree nodes that gather them, kGraftFanOut kids
+// at most to a node, as a page import builds them. Pages and the nodes of each level have
+// consecutive object numbers.
+struct AppendedRun {
+    struct Node {
+        int num;
+        int first;  // its kids, as indexes into the level below (pages for level 0)
+        int end;
+        int held;  // pages below it
+    };
+    engine::Document::Impl* source = nullptr;
+    int pages = 0;
+    int first_page = 0;                     // the first page's object number
+    std::vector<std::vector<Node>> levels;  // the last level holds the run's top node alone
+    int top = 0;  // what goes into the root's Kids: the top node, or the one page
+
+    // Numbers the pages and nodes from `*next` on.
+    void Plan(int* next) {
+        first_page = *next;
+        *next += pages;
+        int items = pages;
+        while (items > 1) {
+            const int groups = (items + kGraftFanOut - 1) / kGraftFanOut;
+            std::vector<Node> level(static_cast<std::size_t>(groups));
+            for (int g = 0; g < groups; ++g) {
+                // Even shares: group sizes differ by one at most.
+                Node& node = level[static_cast<std::size_t>(g)];
+                node.num = (*next)++;
+                node.first = static_cast<int>(static_cast<long long>(items) * g / groups);
+                node.end = static_cast<int>(static_cast<long long>(items) * (g + 1) / groups);
+                node.held = 0;
+                for (int k = node.first; k < node.end; ++k) node.held += Held(k);
+            }
+            levels.push_back(std::move(level));
+            items = groups;
+        }
+        top = levels.empty() ? first_page : levels.back().front().num;
+    }
+
+    // What the item `k` of the level below the next one holds.
+    int Held(int k) const {
+        return levels.empty() ? 1 : levels.back()[static_cast<std::size_t>(k)].held;
+    }
+};
+
 // ---- The writer ----
 
 class DocumentWriter {
   public:
     // Encrypts under `key` (kFileKeyBytes long), or writes in clear when it is null.
     DocumentWriter(engine::Document::Impl& impl, engine::ByteSink& sink, const unsigned char* key)
-        : ctx_(impl.ctx), doc_(impl.doc), sink_(sink), placements_(impl.pending_placements) {
+        : ctx_(impl.ctx),
+          doc_(impl.doc),
+          sink_(sink),
+          placements_(impl.pending_placements),
+          appends_(impl.pending_appends) {
         buffer_.reserve(kFlushBytes + 4096);
         if (key != nullptr) {
             aes_.emplace(key);
@@ -298,6 +436,15 @@ class DocumentWriter {
         offsets_.assign(static_cast<std::size_t>(length), -1);
         gens_.assign(static_cast<std::size_t>(length), 0);
         next_ = length;
+        if (!appends_.empty()) {
+            pages_root_ = PageTreeRootNumber(ctx_, doc_);
+            for (const engine::PendingAppend& append : appends_) {
+                AppendedRun& run = runs_.emplace_back();
+                run.source = &append.source->Pages().Internals();
+                run.pages = append.pages;
+                run.Plan(&next_);
+            }
+        }
 
         for (int num = 1; num < length; ++num) {
             // What was written is let go: a long document is not kept parsed in full.
@@ -310,7 +457,9 @@ class DocumentWriter {
             if (slot.in_use == 0 || IsSourceStructure(slot.obj)) continue;
             gens_[static_cast<std::size_t>(num)] = slot.gen;
             if (slot.is_stream != 0) {
-                WriteStreamObject(num, slot.gen, slot.obj);
+                WriteStreamObject(num, num, slot.gen, slot.obj);
+            } else if (num == pages_root_) {
+                WritePageTreeRoot(num, slot.gen, slot.obj);
             } else if (const auto placed = PlacementsOf(num); !placed.empty()) {
                 WritePlacedPage(num, slot.gen, slot.obj, placed);
             } else {
@@ -319,6 +468,8 @@ class DocumentWriter {
                 Put("\nendobj\n");
             }
         }
+
+        for (const AppendedRun& run : runs_) WriteAppendedRun(run);
 
         int encrypt_num = 0;
         if (aes_) {
@@ -386,8 +537,9 @@ class DocumentWriter {
         return std::to_string(num) + " 0 R";
     }
 
-    void WriteStreamObject(int num, int gen, pdf_obj* dict) {
-        fz_buffer* raw = LoadRawStream(ctx_, doc_, num);
+    // The stream `stored` of the document read from, written as object `num`.
+    void WriteStreamObject(int stored, int num, int gen, pdf_obj* dict) {
+        fz_buffer* raw = LoadRawStream(ctx_, doc_, stored);
         const BufferReference keep(ctx_, raw);
         unsigned char* data = nullptr;
         const std::size_t size = fz_buffer_storage(ctx_, raw, &data);
@@ -495,6 +647,156 @@ class DocumentWriter {
         }
     }
 
+    // ---- Recorded appends, written after the document's own objects ----
+
+    // The root of the page tree, with the tops of the appended runs after its own kids.
+    void WritePageTreeRoot(int num, int gen, pdf_obj* root) {
+        pdf_obj* kids = nullptr;
+        int count = 0;
+        ReadPageTreeRoot(ctx_, root, &kids, &count);
+        const OwnedObject keep(ctx_, kids);
+        for (const AppendedRun& run : runs_) count += run.pages;
+        BeginObject(num, gen);
+        Put("<<");
+        PrintEntries(root, true, PDF_NAME(Kids), PDF_NAME(Count));
+        Put(" /Kids [");
+        const int length = pdf_array_len(ctx_, kids);
+        for (int i = 0; i < length; ++i) {
+            Put(" ");
+            PrintObject(pdf_array_get(ctx_, kids, i), true);
+        }
+        for (const AppendedRun& run : runs_) {
+            Put(" ");
+            PutReference(run.top);
+        }
+        Put(" ] /Count ");
+        PutNumber(count);
+        Put(" >>\nendobj\n");
+    }
+
+    // The run's nodes, then its pages, each followed by the objects of the source it uses that
+    // were not written before. The source's objects are numbered as they are first met.
+    void WriteAppendedRun(const AppendedRun& run) {
+        for (std::size_t l = 0; l < run.levels.size(); ++l) {
+            const std::vector<AppendedRun::Node>& level = run.levels[l];
+            const int kid_base = l == 0 ? run.first_page : run.levels[l - 1].front().num;
+            for (std::size_t g = 0; g < level.size(); ++g) {
+                const AppendedRun::Node& node = level[g];
+                BeginObject(node.num, 0);
+                Put("<< /Type /Pages /Parent ");
+                PutReference(l + 1 < run.levels.size()
+                                 ? ParentOf(run.levels[l + 1], static_cast<int>(g))
+                                 : pages_root_);
+                Put(" /Kids [");
+                for (int k = node.first; k < node.end; ++k) {
+                    Put(" ");
+                    PutReference(kid_base + k);
+                }
+                Put(" ] /Count ");
+                PutNumber(node.held);
+                Put(" >>\nendobj\n");
+            }
+        }
+
+        const ReadingSource reading(*this, *run.source);
+        copied_.assign(static_cast<std::size_t>(XrefLength(ctx_, doc_)), 0);
+        for (int k = 0; k < run.pages; ++k) {
+            const int parent = run.levels.empty() ? pages_root_ : ParentOf(run.levels.front(), k);
+            WriteAppendedPage(*run.source, k, run.first_page + k, parent);
+            while (!to_copy_.empty()) {
+                const int stored = to_copy_.back();
+                to_copy_.pop_back();
+                WriteCopiedObject(stored, copied_[static_cast<std::size_t>(stored)]);
+            }
+            // The source's objects written so far are held by nobody now.
+            engine::NoteWork(*run.source);
+        }
+    }
+
+    // Reads objects from the source of an append, in its own context, and writes references
+    // under the numbers given to its objects, for as long as it lives.
+    class ReadingSource {
+      public:
+        ReadingSource(DocumentWriter& writer, engine::Document::Impl& source)
+            : writer_(writer), ctx_(writer.ctx_), doc_(writer.doc_) {
+            writer_.ctx_ = source.ctx;
+            writer_.doc_ = source.doc;
+            writer_.copying_ = true;
+        }
+        ReadingSource(const ReadingSource&) = delete;
+        ReadingSource& operator=(const ReadingSource&) = delete;
+        ~ReadingSource() {
+            writer_.ctx_ = ctx_;
+            writer_.doc_ = doc_;
+            writer_.copying_ = false;
+            writer_.copied_ = {};
+            writer_.to_copy_.clear();
+        }
+
+      private:
+        DocumentWriter& writer_;
+        fz_context* ctx_;
+        pdf_document* doc_;
+    };
+
+    // The number of the node of `level` whose kids include item `k` of the level below.
+    static int ParentOf(const std::vector<AppendedRun::Node>& level, int k) {
+        const auto it = std::upper_bound(
+            level.begin(), level.end(), k,
+            [](int item, const AppendedRun::Node& node) { return item < node.end; });
+        return it->num;
+    }
+
+    void WriteAppendedPage(engine::Document::Impl& source, int index, int num, int parent) {
+        const auto entries = engine::CopiedPageEntries();
+        std::vector<pdf_obj*> values(entries.size(), nullptr);
+        ReadSourcePage(source, index, values.data());
+        struct Drop {
+            fz_context* ctx;
+            std::vector<pdf_obj*>& values;
+            ~Drop() {
+                for (pdf_obj* value : values) pdf_drop_obj(ctx, value);
+            }
+        } drop{ctx_, values};
+        BeginObject(num, 0);
+        Put("<< /Type /Page /Parent ");
+        PutReference(parent);
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            if (values[i] == nullptr) continue;
+            Put(" ");
+            PrintObject(entries[i].key, true);
+            Put(" ");
+            PrintObject(values[i], true);
+        }
+        Put(" >>\nendobj\n");
+    }
+
+    // The source's object `stored`, written as object `num`; null where the source has none.
+    void WriteCopiedObject(int stored, int num) {
+        ObjectSlot slot;
+        LoadCopiedSlot(ctx_, doc_, stored, &slot);
+        const OwnedObject keep(ctx_, slot.obj);
+        if (slot.in_use != 0 && slot.is_stream != 0) {
+            WriteStreamObject(stored, num, 0, slot.obj);
+            return;
+        }
+        BeginObject(num, 0);
+        PrintObject(slot.in_use != 0 ? slot.obj : nullptr, true);
+        Put("\nendobj\n");
+    }
+
+    // The number the source's object `stored` is written under, given when it is first met;
+    // 0 for a number outside the source's table.
+    int CopiedNumber(int stored) {
+        if (stored <= 0 || static_cast<std::size_t>(stored) >= copied_.size()) return 0;
+        int& num = copied_[static_cast<std::size_t>(stored)];
+        if (num == 0) {
+            num = next_++;
+            to_copy_.push_back(stored);
+        }
+        return num;
+    }
+
     // The object number of a placement stream with these bytes: one written before, or a new
     // one, added to `added` to be written after the page.
     int StreamNumber(const std::string& bytes, std::vector<std::pair<int, std::string>>& added) {
@@ -535,10 +837,19 @@ class DocumentWriter {
         // A reference is written as it stands: asking first whether it is null would parse the
         // object it names (every page, for the page tree's Kids), and could fail right here.
         if (obj != nullptr && pdf_is_indirect(ctx_, obj)) {
-            PutNumber(pdf_to_num(ctx_, obj));
-            Put(" ");
-            PutNumber(pdf_to_gen(ctx_, obj));
-            Put(" R");
+            if (copying_) {
+                const int num = CopiedNumber(pdf_to_num(ctx_, obj));
+                if (num > 0) {
+                    PutReference(num);
+                } else {
+                    Put("null");
+                }
+            } else {
+                PutNumber(pdf_to_num(ctx_, obj));
+                Put(" ");
+                PutNumber(pdf_to_gen(ctx_, obj));
+                Put(" R");
+            }
         } else if (obj == nullptr || pdf_is_null(ctx_, obj)) {
             Put("null");
         } else if (pdf_is_bool(ctx_, obj)) {
@@ -699,6 +1010,14 @@ class DocumentWriter {
     pdf_document* doc_;
     engine::ByteSink& sink_;
     const std::vector<engine::PendingPlacement>& placements_;
+    const std::vector<engine::PendingAppend>& appends_;
+    std::vector<AppendedRun> runs_;
+    int pages_root_ = 0;  // the page tree root's number, when pages are appended
+    // While the pages of an append are written, references name the source's objects: each
+    // is written under a number of ours, given when first met, and queued to be written.
+    bool copying_ = false;
+    std::vector<int> copied_;  // by the source's object number; 0 until met
+    std::vector<int> to_copy_;
     std::vector<std::uint32_t> placement_order_;  // indexes into placements_, by page
     std::unordered_map<std::string, int> written_streams_;
     int next_ = 0;  // the next free object number

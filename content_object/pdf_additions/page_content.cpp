@@ -439,23 +439,25 @@ int RemoveFromParent(engine::Document::Impl& impl, int index) {
 
 }  // namespace
 
-void ImportPages(engine::Document& dst, engine::Document& src, const std::vector<int>* pages,
-                 int at) {
-    engine::MakePendingPlacements(src.Internals(), -1);
-    engine::PlaceObjectsBeforeChanges(dst.Internals());
-    fz_context* ctx = dst.Internals().ctx;
-    pdf_document* to = dst.Internals().doc;
-    pdf_document* from = src.Internals().doc;
+namespace {
+
+// Copies the pages `pages` of `src` (all for null) in front of page `at` of `dst` (its end for
+// -1). Changes nothing when it fails. Throws EngineError.
+void ImportPageRun(engine::Document::Impl& dst, engine::Document::Impl& src,
+                   const std::vector<int>* pages, int at) {
+    engine::PlaceObjectsBeforeChanges(dst);
+    fz_context* ctx = dst.ctx;
     volatile int count = 0;
     volatile int total = 0;
+    volatile int where = at;
     fz_try(ctx) {
-        total = engine::CountDocumentPages(dst.Internals());
-        if (at < 0 || at > total)
-            fz_throw(ctx, FZ_ERROR_GENERIC, "cannot insert pages at index %d", at);
-        engine::KeepPageCountsCorrect(src.Internals());
-        engine::RequireCatalog(ctx, from);
-        count = pages != nullptr ? static_cast<int>(pages->size()) : pdf_count_pages(ctx, from);
-        PrepareDestination(ctx, to);
+        total = engine::CountDocumentPages(dst);
+        if (where < 0) where = total;
+        if (where > total) fz_throw(ctx, FZ_ERROR_GENERIC, "cannot insert pages at index %d", at);
+        engine::KeepPageCountsCorrect(src);
+        engine::RequireCatalog(ctx, src.doc);
+        count = pages != nullptr ? static_cast<int>(pages->size()) : pdf_count_pages(ctx, src.doc);
+        PrepareDestination(ctx, dst.doc);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, engine::ErrorCategory::Other, "cannot import the pages");
@@ -463,18 +465,114 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
 
     // A failed run leaves the page tree as it was and none of its objects behind.
     char why[256] = {};
-    const int failed =
-        GraftPageRun(dst.Internals(), src.Internals(), pages != nullptr ? pages->data() : nullptr,
-                     count, at, total, why, sizeof why);
-    engine::PageTreeChanged(dst.Internals());
+    const int failed = GraftPageRun(dst, src, pages != nullptr ? pages->data() : nullptr, count,
+                                    where, total, why, sizeof why);
+    engine::PageTreeChanged(dst);
     if (failed >= 0) {
         throw engine::EngineError(engine::ErrorCategory::Other,
                                   "cannot import page " + std::to_string(failed + 1) + ": " + why);
     }
 }
 
+// The document's hook for its recorded appends: each goes in now, at the end, in order.
+void MakeRecordedAppends(engine::Document::Impl& impl) {
+    while (!impl.pending_appends.empty()) {
+        std::vector<engine::PendingAppend> waiting = std::move(impl.pending_appends);
+        impl.pending_appends.clear();
+        try {
+            ImportPageRun(impl, waiting.front().source->Pages().Internals(), nullptr, -1);
+        } catch (...) {
+            // Nothing of the failed one went in; it and those after it stay recorded.
+            impl.pending_appends = std::move(waiting);
+            throw;
+        }
+        waiting.erase(waiting.begin());
+        impl.pending_appends = std::move(waiting);
+    }
+}
+
+// Readies `dst` for pages at its end as a page import would, and checks that our writer can put
+// pages there: a page tree root that is an object of its own. 1 when it can.
+int PrepareRecordedAppend(fz_context* ctx, pdf_document* doc) {
+    PrepareDestination(ctx, doc);
+    pdf_obj* root = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
+    return pdf_is_indirect(ctx, root) && pdf_is_array(ctx, pdf_dict_get(ctx, root, PDF_NAME(Kids)));
+}
+
+}  // namespace
+
+void ImportPages(engine::Document& dst, engine::Document& src, const std::vector<int>* pages,
+                 int at) {
+    engine::MakePendingAppends(dst.Internals());
+    engine::MakePendingChanges(src.Internals(), -1);
+    if (at < 0) {
+        throw engine::EngineError(
+            engine::ErrorCategory::Other,
+            "cannot import the pages: cannot insert pages at index " + std::to_string(at));
+    }
+    ImportPageRun(dst.Internals(), src.Internals(), pages, at);
+}
+
+bool RecordAppend(engine::Document& dst, std::unique_ptr<engine::AppendSource>& source) {
+    engine::Document::Impl& impl = dst.Internals();
+    engine::Document::Impl& from = source->Pages().Internals();
+    if (&impl == &from || impl.doc == nullptr || from.doc == nullptr) return false;
+    if (!from.pending_appends.empty() || !from.pending_placements.empty()) return false;
+    // The source's table is checked now: a rebuild while it is written would renumber it.
+    engine::PlaceObjectsBeforeChanges(from);
+    engine::PlaceObjectsBeforeChanges(impl);
+    // Our writer writes in clear, and reads the source's objects as they are stored.
+    try {
+        if (ReadSourceSecurity(impl.ctx, impl.doc).encrypted ||
+            ReadSourceSecurity(from.ctx, from.doc).encrypted)
+            return false;
+    } catch (const engine::EngineError&) {
+        return false;
+    }
+    volatile int count = 0;
+    fz_try(from.ctx) {
+        count = engine::CountDocumentPages(from);
+        if (count > 0) engine::LookupPage(from, 0);  // fills the page number cache
+    }
+    fz_catch(from.ctx) {
+        count = 0;
+    }
+    // Only a page tree whose every page is an object of its own, found in one walk, is left to
+    // be read while the document is written; the page import reports what is wrong with others
+    // now, where the writer could only fail the save.
+    if (count <= 0 || from.page_numbers.size() != static_cast<std::size_t>(count) ||
+        std::find(from.page_numbers.begin(), from.page_numbers.end(), 0) != from.page_numbers.end())
+        return false;
+    volatile int ready = 0;
+    fz_try(impl.ctx) {
+        ready = PrepareRecordedAppend(impl.ctx, impl.doc);
+    }
+    fz_catch(impl.ctx) {
+        ready = 0;
+    }
+    if (ready == 0) return false;
+    impl.pending_appends.push_back(engine::PendingAppend{std::move(source), count});
+    impl.make_appends = MakeRecordedAppends;
+    return true;
+}
+
+bool DiffersFromItsFile(engine::Document& doc) {
+    engine::Document::Impl& impl = doc.Internals();
+    if (impl.doc == nullptr) return false;
+    if (!impl.pending_appends.empty() || !impl.pending_placements.empty()) return true;
+    volatile int changed = 1;
+    fz_try(impl.ctx) {
+        changed = pdf_has_unsaved_changes(impl.ctx, impl.doc);
+    }
+    fz_catch(impl.ctx) {
+        changed = 1;
+    }
+    return changed != 0;
+}
+
 void DeletePage(engine::Document& doc, int index) {
     engine::Document::Impl& impl = doc.Internals();
+    engine::MakePendingAppends(impl);
     engine::PlaceObjectsBeforeChanges(impl);
     fz_context* ctx = impl.ctx;
     volatile int removed_here = 0;
@@ -497,7 +595,7 @@ void DeletePage(engine::Document& doc, int index) {
 }
 
 FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index) {
-    engine::MakePendingPlacements(doc.Internals(), page_index);
+    engine::MakePendingChanges(doc.Internals(), page_index);
     engine::PlaceObjectsBeforeChanges(doc.Internals());
     engine::NoteWork(doc.Internals());
     fz_context* ctx = doc.Internals().ctx;
@@ -517,6 +615,7 @@ FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index) {
 
 std::string AddXObjectResource(engine::Document& doc, int page_index, std::uint32_t object_number,
                                const std::string& category) {
+    engine::MakePendingAppends(doc.Internals());
     engine::PlaceObjectsBeforeChanges(doc.Internals());
     engine::NoteWork(doc.Internals());
     return NameResource(doc.Internals(), PageLocation{0, page_index}, object_number,
@@ -525,10 +624,10 @@ std::string AddXObjectResource(engine::Document& doc, int page_index, std::uint3
 
 void WriteDocument(engine::Document& doc, engine::ByteSink& sink) {
     engine::Document::Impl& impl = doc.Internals();
-    // The engine's writer would make every recorded placement in the document first and hold
-    // all the changed pages at once; ours draws them in page by page. A document with security
-    // of its own keeps it, which only the engine's writer does.
-    if (impl.doc == nullptr || impl.pending_placements.empty() ||
+    // The engine's writer would make every recorded placement and append in the document first
+    // and hold all the changed and copied pages at once; ours makes them page by page as it
+    // writes. A document with security of its own keeps it, which only the engine's writer does.
+    if (impl.doc == nullptr || (impl.pending_placements.empty() && impl.pending_appends.empty()) ||
         ReadSourceSecurity(impl.ctx, impl.doc).encrypted) {
         doc.Write(sink);
         return;
@@ -582,6 +681,7 @@ PlacementStreams PlacementContent(const engine::PendingPlacement& placement,
 bool PlaceFormXObject(engine::Document& doc, std::uint32_t object_number, int page_index,
                       const std::array<float, 6>& matrix, bool background) {
     engine::Document::Impl& impl = doc.Internals();
+    engine::MakePendingAppends(impl);
     engine::PlaceObjectsBeforeChanges(impl);
     engine::NoteWork(impl);
     fz_context* ctx = impl.ctx;

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,19 @@ inline constexpr const char* kProducer = "Norvik PLEXA";
 // Fails, changing nothing, when `at` is outside 0 to the page count.
 void ImportPages(engine::Document& dst, engine::Document& src, const std::vector<int>* pages,
                  int at);
+
+// Records that the pages of `source` go at the end of `dst`, after those recorded before, when
+// `dst` is written; the page count of `dst` counts them at once. Anything else that needs them in
+// the page tree (drawing, changing or copying pages) copies them in first, as ImportPages does.
+// Takes `source` and returns true, or leaves it and returns false where the pages must be
+// imported now: an encrypted document on either side, a source with changes or records of its
+// own, no pages or none that can be counted, or a page tree root of `dst` that is not an object
+// of its own. Never throws.
+bool RecordAppend(engine::Document& dst, std::unique_ptr<engine::AppendSource>& source);
+
+// True when the open document may differ from its file: objects changed, or placements or
+// appends recorded. Never throws.
+bool DiffersFromItsFile(engine::Document& doc);
 
 // Removes page `index` from the page tree; the objects it used stay in the document. An index
 // past the end does nothing.

@@ -60,7 +60,7 @@ void SaveWithPasswords(engine::Document& doc, engine::ByteSink& sink,
     engine::Document::Impl& impl = doc.Internals();
     if (impl.doc == nullptr) throw SecuredSaveError("No document is open");
     engine::PlaceObjectsBeforeChanges(impl);
-    engine::MakePendingPlacements(impl, -1);
+    engine::MakePendingChanges(impl, -1);
     const SourceSecurity source = ReadSourceSecurity(impl.ctx, impl.doc);
     if (!source.encrypted) throw SecuredSaveError(kNotEncryptedText);
 

@@ -12,6 +12,7 @@
 #include "content_object/page_range.h"
 #include "content_object/pdf_additions/page_content.h"
 #include "core/open_object.h"
+#include "platform/files.h"
 #include "platform/raster.h"
 #include "support/test_support.h"
 
@@ -640,6 +641,284 @@ TEST(Assembly, DeletingFromNestedPageTrees) {
         ASSERT_EQ(object.Save(), hr::kOk);
         ASSERT_TRUE(test::QpdfCheckPasses(target));
         ExpectPages(target, c.pages, [](std::size_t) { return 0u; });
+    }
+}
+
+// Labelled pages of 300 x 400 points.
+std::string SmallPagesPdf(const std::vector<std::string>& labels) {
+    std::vector<SamplePage> pages(labels.size());
+    for (std::size_t i = 0; i < labels.size(); ++i) {
+        pages[i].width = 300;
+        pages[i].height = 400;
+        pages[i].content = samples::TextContent({labels[i]}, pages[i].height);
+    }
+    return samples::BuildPdf(pages);
+}
+
+// An append records the source's pages, which are copied as the document is written, read from
+// a private copy of the source's file. Whatever reads or changes the page tree before that sees
+// them, and the source object stays free to change, save and close its own document.
+TEST(Assembly, RecordedAppendReachesEveryReader) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path tmp = dir / "tmp";
+    stdfs::create_directories(tmp);
+    const test::TempFolderOverride tmp_override(tmp);
+    const auto copies = [&tmp] { return test::FilesStartingWith(tmp, "zpf").size(); };
+    const stdfs::path letterhead = LabelledPdf(dir / "lh.pdf", {"letterhead"});
+    std::vector<std::uint32_t> ids;
+    const auto import = [&letterhead, &ids](CZPdfContentObject& object) {
+        CZPdfContentObject lh;
+        test::OpenQuietly(lh, letterhead);
+        ASSERT_EQ(object.ImportContent(&lh, &ids), hr::kOk) << object.LastErrorText();
+    };
+    const auto place = [&ids](CZPdfContentObject& object, std::int32_t page) {
+        // The letterhead's text stands near the top of an A4 page: moved down onto these.
+        ASSERT_EQ(object.PlaceContent(ids.at(0), page, 0, -500, 1, 1, -1), hr::kOk);
+    };
+    using Use = std::function<void(CZPdfContentObject & dst, CZPdfContentObject & src,
+                                   CZPdfContentObject & other)>;
+    const Use nothing = [](CZPdfContentObject&, CZPdfContentObject&, CZPdfContentObject&) {};
+    const std::vector<std::string> appended{"d1", "d2", "s1", "s2", "s3"};
+    struct Case {
+        const char* name;
+        std::string source;
+        Use before;  // before the append
+        Use after;
+        std::size_t recorded;  // private copies held once `after` ran
+        bool check_other;      // the result is in `other`, else in the destination
+        std::vector<std::string> labels;
+        std::vector<std::size_t> stamps;   // letterheads per page; none when empty
+        double width = 300, height = 400;  // of the last page
+    } cases[] = {
+        {"saved as it is",
+         SmallPagesPdf({"s1", "s2", "s3"}),
+         nothing,
+         nothing,
+         1,
+         false,
+         appended,
+         {}},
+        {"counted and measured",
+         SmallPagesPdf({"s1", "s2", "s3"}),
+         nothing,
+         [](CZPdfContentObject& dst, CZPdfContentObject&, CZPdfContentObject&) {
+             EXPECT_EQ(Pages(dst), 5);
+             double width = 0;
+             double height = 0;
+             ASSERT_EQ(dst.GetPageSize(5, &width, &height), hr::kOk);
+             EXPECT_EQ(width, 300);
+             EXPECT_EQ(height, 400);
+             EXPECT_EQ(dst.GetPageSize(6, &width, &height), hr::kInvalidArg);
+         },
+         1,
+         false,
+         appended,
+         {}},
+        {"drawn",
+         SmallPagesPdf({"s1", "s2", "s3"}),
+         nothing,
+         [](CZPdfContentObject& dst, CZPdfContentObject&, CZPdfContentObject&) {
+             RasterDeviceContext dc(30, 40);
+             EXPECT_EQ(dst.DrawPageToDC(dc, 4, 0, 0, 30, 40, 0, 0, 0, 0, 0), hr::kOk);
+         },
+         0,
+         false,
+         appended,
+         {}},
+        {"stamped on an appended page",
+         SmallPagesPdf({"s1", "s2", "s3"}),
+         [&import](CZPdfContentObject& dst, CZPdfContentObject&, CZPdfContentObject&) {
+             import(dst);
+         },
+         [&place](CZPdfContentObject& dst, CZPdfContentObject&, CZPdfContentObject&) {
+             place(dst, 5);
+         },
+         0,
+         false,
+         appended,
+         {0, 0, 0, 0, 1}},
+        {"appended twice",
+         SmallPagesPdf({"s1", "s2", "s3"}),
+         nothing,
+         [](CZPdfContentObject& dst, CZPdfContentObject& src, CZPdfContentObject&) {
+             ASSERT_EQ(dst.AppendPages(&src), hr::kOk);
+         },
+         2,
+         false,
+         {"d1", "d2", "s1", "s2", "s3", "s1", "s2", "s3"},
+         {}},
+        {"the source changed, saved and closed",
+         SmallPagesPdf({"s1", "s2", "s3"}),
+         nothing,
+         [](CZPdfContentObject&, CZPdfContentObject& src, CZPdfContentObject&) {
+             ASSERT_EQ(src.ReplacePages(1, &src, 3, 3), hr::kOk);
+             ASSERT_EQ(src.Save(), hr::kOk);
+             src.CloseDocuments();
+         },
+         1,
+         false,
+         appended,
+         {}},
+        {"a page replaced",
+         SmallPagesPdf({"s1", "s2", "s3"}),
+         nothing,
+         [](CZPdfContentObject& dst, CZPdfContentObject& src, CZPdfContentObject&) {
+             ASSERT_EQ(dst.ReplacePages(2, &src, 1, 1), hr::kOk);
+         },
+         0,
+         false,
+         {"d1", "s1", "s1", "s2", "s3"},
+         {}},
+        {"appended to another document",
+         SmallPagesPdf({"s1", "s2", "s3"}),
+         nothing,
+         [](CZPdfContentObject& dst, CZPdfContentObject&, CZPdfContentObject& other) {
+             ASSERT_EQ(other.AppendPages(&dst), hr::kOk);
+         },
+         0,
+         true,
+         {"o1", "d1", "d2", "s1", "s2", "s3"},
+         {}},
+        {"a source with changes of its own",
+         SmallPagesPdf({"s1", "s2", "s3"}),
+         [&import, &place](CZPdfContentObject&, CZPdfContentObject& src, CZPdfContentObject&) {
+             import(src);
+             place(src, 1);
+         },
+         nothing,
+         0,
+         false,
+         appended,
+         {0, 0, 1, 0, 0}},
+        {"no private copy can be made",
+         SmallPagesPdf({"s1", "s2", "s3"}),
+         [](CZPdfContentObject&, CZPdfContentObject&, CZPdfContentObject&) {
+             fs::SetFaultHook([](fs::FileOp op, const stdfs::path&) {
+                 return op == fs::FileOp::Create ? fs::kErrorDiskFull : 0;
+             });
+         },
+         [](CZPdfContentObject&, CZPdfContentObject&, CZPdfContentObject&) {
+             fs::SetFaultHook(nullptr);
+         },
+         0,
+         false,
+         appended,
+         {}},
+        {"a nested source tree with inherited resources and boxes",
+         NestedTreePdf(),
+         nothing,
+         nothing,
+         1,
+         false,
+         {"d1", "d2", "p1", "p2", "p3", "p4", "p5"},
+         {},
+         200,
+         200},
+        {"more pages than a node holds",
+         SmallPagesPdf(Labels("s", 70)),
+         nothing,
+         nothing,
+         1,
+         false,
+         [&] {
+             std::vector<std::string> labels{"d1", "d2"};
+             for (const std::string& label : Labels("s", 70)) labels.push_back(label);
+             return labels;
+         }(),
+         {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const stdfs::path target = LabelledPdf(dir / "target.pdf", {"d1", "d2"});
+        const stdfs::path source = dir / "source.pdf";
+        test::WriteBytes(source, c.source);
+        const stdfs::path other_file = LabelledPdf(dir / "other.pdf", {"o1"});
+        CZPdfContentObject dst;
+        CZPdfContentObject src;
+        CZPdfContentObject other;
+        test::OpenQuietly(dst, target);
+        test::OpenQuietly(src, source);
+        test::OpenQuietly(other, other_file);
+        ASSERT_NO_FATAL_FAILURE(c.before(dst, src, other));
+        ASSERT_EQ(dst.AppendPages(&src), hr::kOk) << dst.LastErrorText();
+        ASSERT_NO_FATAL_FAILURE(c.after(dst, src, other));
+        EXPECT_EQ(copies(), c.recorded);
+
+        CZPdfContentObject& saved = c.check_other ? other : dst;
+        ASSERT_EQ(saved.Save(), hr::kOk) << saved.LastErrorText();
+        EXPECT_EQ(copies(), 0u) << "the private copies go with the documents";
+        const stdfs::path file = c.check_other ? other_file : target;
+        ASSERT_TRUE(test::QpdfCheckPasses(file));
+        ExpectPages(file, c.labels,
+                    [&c](std::size_t i) { return c.stamps.empty() ? 0u : c.stamps.at(i); });
+        CZPdfContentObject reopened;
+        test::OpenQuietly(reopened, file);
+        double width = 0;
+        double height = 0;
+        ASSERT_EQ(reopened.GetPageSize(static_cast<std::int32_t>(c.labels.size()), &width, &height),
+                  hr::kOk);
+        EXPECT_EQ(width, c.width);
+        EXPECT_EQ(height, c.height);
+    }
+}
+
+// A damaged source fails the append where the page import fails it, never the later save; an
+// object of it that cannot be read is copied as null, as the page import copies it.
+TEST(Assembly, DamagedAppendSources) {
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path tmp = dir / "tmp";
+    stdfs::create_directories(tmp);
+    const test::TempFolderOverride tmp_override(tmp);
+    const std::string font = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>";
+    const std::string content = test::PdfStream("", "BT /F1 12 Tf 20 100 Td (s1) Tj ET");
+    const std::string page =
+        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 200 200] /Contents 4 "
+        "0 R /Resources << /Font << /F1 5 0 R >> /XObject << /X 6 0 R >> >> >>";
+    const struct {
+        const char* name;
+        std::vector<std::string> objects;
+        HResult result;
+        std::size_t recorded;  // private copies held after the append
+        std::vector<std::string> pages;
+    } cases[] = {
+        {"a page tree that holds itself",
+         {"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R 2 0 R] /Count 2 >>",
+          page, content, font, "<< >>"},
+         hr::kUnexpected,
+         0,
+         {"d1", "d2"}},
+        {"an unreadable resource",
+         {"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>", page,
+          content, font, "<< 12 34 >>"},
+         hr::kOk,
+         1,
+         {"d1", "d2", "s1"}},
+        {"a page that is not an object of its own",
+         {"<< /Type /Catalog /Pages 2 0 R >>",
+          "<< /Type /Pages /Count 1 /Kids [<< /Type /Page /MediaBox [0 0 200 200] /Contents 4 0 R "
+          "/Resources << /Font << /F1 5 0 R >> >> >>] >>",
+          "<< >>", content, font, "<< >>"},
+         hr::kOk,
+         0,
+         {"d1", "d2", "s1"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const stdfs::path target = LabelledPdf(dir / "target.pdf", {"d1", "d2"});
+        const stdfs::path source = dir / "source.pdf";
+        test::WriteBytes(source, samples::PdfFromObjects(c.objects));
+        CZPdfContentObject dst;
+        CZPdfContentObject src;
+        test::OpenQuietly(dst, target);
+        test::OpenQuietly(src, source);
+        ::testing::internal::CaptureStderr();
+        EXPECT_EQ(dst.AppendPages(&src), c.result) << dst.LastErrorText();
+        EXPECT_EQ(test::FilesStartingWith(tmp, "zpf").size(), c.recorded);
+        const HResult saved = dst.Save();
+        ::testing::internal::GetCapturedStderr();
+        ASSERT_EQ(saved, hr::kOk) << dst.LastErrorText();
+        ASSERT_TRUE(test::QpdfCheckPasses(target));
+        EXPECT_EQ(test::PdfPageTexts(target), c.pages);
     }
 }
 

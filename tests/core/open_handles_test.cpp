@@ -107,13 +107,14 @@ TEST_F(OpenHandlesTest, EveryRoadThatClosesGivesTheHandlesBack) {
              Draw(*job.object);
          },
          1, [](Job& job) { ASSERT_EQ(job.object->Save(), hr::kOk); }},
+        // The appended pages are read from a private copy of the source until the save.
         {"appended pages, Save, CloseDocuments of the source",
          [](Job& job) {
              Open(*job.object, job.document, u"");
              Open(job.extra, job.files.extra, u"");
              ASSERT_EQ(job.object->AppendPages(&job.extra), hr::kOk);
          },
-         2,
+         3,
          [](Job& job) {
              ASSERT_EQ(job.object->Save(), hr::kOk);
              job.extra.CloseDocuments();

@@ -105,9 +105,12 @@ int RunAppend(const std::vector<std::string>& args) {
     if (int rc =
             session.Begin(parsed.Positional()[0], parsed.Value("-o"), parsed.Value("--password")))
         return rc;
+    // The source is opened by the append, which reads an unencrypted one from a private copy of
+    // its file alone.
     CZPdfContentObject source;
-    if (int rc = OpenSource(kAppendCommand, source, parsed.Positional()[1], std::nullopt))
-        return rc;
+    if (const HResult set = source.SetPdfDocument(FromAnsi(parsed.Positional()[1]), 0, u"");
+        hr::Failed(set))
+        return Failure(kAppendCommand, parsed.Positional()[1], source.LastErrorText(), set);
     CZPdfContentObject& object = session.Object();
     const HResult result = object.AppendPages(&source);
     if (hr::Failed(result))

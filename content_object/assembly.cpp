@@ -53,9 +53,12 @@ class CopiedSource final : public engine::AppendSource {
 
 // Records the pages of `source` to be appended to `doc` when it is written, instead of copying
 // them into memory now: an unencrypted source document as its file holds it, read again from a
-// private copy of that file. False, with nothing changed, where the pages are to be copied now.
+// private copy of that file. A source not open yet stays closed. False, with nothing changed,
+// where the pages are to be copied now.
 bool RecordAppend(engine::Document& doc, CZPdfContentObject& source) {
-    if (!source.HasPath() || additions::DiffersFromItsFile(source.EngineDocument())) return false;
+    const bool open = source.IsDocumentOpen();
+    if (!source.HasPath() || (open && additions::DiffersFromItsFile(source.EngineDocument())))
+        return false;
     try {
         std::filesystem::path copy;
         if (const int error = fs::MakeTempCopy(ToPath(*source.PdfFilePath()), &copy)) {
@@ -65,7 +68,8 @@ bool RecordAppend(engine::Document& doc, CZPdfContentObject& source) {
             return false;
         }
         auto held = std::make_unique<CopiedSource>(std::move(copy));
-        if (!held->Open() || held->Pages().PageCount() != source.EngineDocument().PageCount())
+        if (!held->Open() ||
+            (open && held->Pages().PageCount() != source.EngineDocument().PageCount()))
             return false;
         std::unique_ptr<engine::AppendSource> recorded = std::move(held);
         return additions::RecordAppend(doc, recorded);
@@ -151,6 +155,13 @@ HResult CZPdfContentObject::PlaceContent(std::uint32_t srcObjectId, std::int32_t
 
 HResult CZPdfContentObject::AppendPages(CZPdfContentObject* srcObject) {
     if (srcObject == nullptr) return Fail(hr::kPointer, "No source document was given");
+    if (srcObject != this && !srcObject->IsDocumentOpen() && srcObject->HasPath()) {
+        // A source not open yet is read from its private copy alone, never opened itself.
+        if (const HResult result = IsDocumentOpen() ? hr::kOk : EnsurePdfDocument();
+            hr::Failed(result))
+            return result;
+        if (RecordAppend(EngineDocument(), *srcObject)) return hr::kOk;
+    }
     if (const HResult result = EnsureBothDocuments(*srcObject); hr::Failed(result)) return result;
     try {
         engine::Document& doc = EngineDocument();

@@ -698,6 +698,18 @@ TEST(Assembly, RecordedAppendReachesEveryReader) {
          false,
          appended,
          {}},
+        {"a source not open yet, read from its copy alone",
+         SmallPagesPdf({"s1", "s2", "s3"}),
+         [](CZPdfContentObject&, CZPdfContentObject& src, CZPdfContentObject&) {
+             src.CloseDocuments();
+         },
+         [](CZPdfContentObject&, CZPdfContentObject& src, CZPdfContentObject&) {
+             EXPECT_FALSE(src.IsDocumentOpen());
+         },
+         1,
+         false,
+         appended,
+         {}},
         {"counted and measured",
          SmallPagesPdf({"s1", "s2", "s3"}),
          nothing,

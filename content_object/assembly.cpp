@@ -155,8 +155,9 @@ HResult CZPdfContentObject::PlaceContent(std::uint32_t srcObjectId, std::int32_t
 
 HResult CZPdfContentObject::AppendPages(CZPdfContentObject* srcObject) {
     if (srcObject == nullptr) return Fail(hr::kPointer, "No source document was given");
-    if (srcObject != this && !srcObject->IsDocumentOpen() && srcObject->HasPath()) {
-        // A source not open yet is read from its private copy alone, never opened itself.
+    if (srcObject != this && srcObject->HasPath()) {
+        // Recorded where it can be, from a private copy of the source's file: a source not open
+        // yet is never opened.
         if (const HResult result = IsDocumentOpen() ? hr::kOk : EnsurePdfDocument();
             hr::Failed(result))
             return result;
@@ -165,7 +166,6 @@ HResult CZPdfContentObject::AppendPages(CZPdfContentObject* srcObject) {
     if (const HResult result = EnsureBothDocuments(*srcObject); hr::Failed(result)) return result;
     try {
         engine::Document& doc = EngineDocument();
-        if (srcObject != this && RecordAppend(doc, *srcObject)) return hr::kOk;
         additions::ImportPages(doc, srcObject->EngineDocument(), nullptr, doc.PageCount());
     } catch (const engine::EngineError& e) {
         return Fail(hr::kUnexpected, std::string("Cannot append the pages: ") + e.what());

@@ -527,7 +527,6 @@ void Document::Open(std::FILE* file, const std::optional<std::string>& password)
     impl_->objects_placed = false;
     impl_->placed_streams.clear();
     impl_->pending_placements.clear();
-    impl_->pending_appends.clear();
 }
 
 void Document::Close() noexcept {

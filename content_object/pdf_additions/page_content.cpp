@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -441,19 +442,20 @@ int RemoveFromParent(engine::Document::Impl& impl, int index) {
 
 namespace {
 
-// Copies the pages `pages` of `src` (all for null) in front of page `at` of `dst` (its end for
-// -1). Changes nothing when it fails. Throws EngineError.
+// Copies the pages `pages` of `src` (all for null) in front of page `at` of `dst` (at its end
+// without one). Changes nothing when it fails. Throws EngineError.
 void ImportPageRun(engine::Document::Impl& dst, engine::Document::Impl& src,
-                   const std::vector<int>* pages, int at) {
+                   const std::vector<int>* pages, std::optional<int> at) {
     engine::PlaceObjectsBeforeChanges(dst);
     fz_context* ctx = dst.ctx;
     volatile int count = 0;
     volatile int total = 0;
-    volatile int where = at;
+    volatile int where = 0;
     fz_try(ctx) {
         total = engine::CountDocumentPages(dst);
-        if (where < 0) where = total;
-        if (where > total) fz_throw(ctx, FZ_ERROR_GENERIC, "cannot insert pages at index %d", at);
+        where = at.value_or(total);
+        if (where < 0 || where > total)
+            fz_throw(ctx, FZ_ERROR_GENERIC, "cannot insert pages at index %d", where);
         engine::KeepPageCountsCorrect(src);
         engine::RequireCatalog(ctx, src.doc);
         count = pages != nullptr ? static_cast<int>(pages->size()) : pdf_count_pages(ctx, src.doc);
@@ -480,7 +482,7 @@ void MakeRecordedAppends(engine::Document::Impl& impl) {
         std::vector<engine::PendingAppend> waiting = std::move(impl.pending_appends);
         impl.pending_appends.clear();
         try {
-            ImportPageRun(impl, waiting.front().source->Pages().Internals(), nullptr, -1);
+            ImportPageRun(impl, waiting.front().source->Pages().Internals(), nullptr, std::nullopt);
         } catch (...) {
             // Nothing of the failed one went in; it and those after it stay recorded.
             impl.pending_appends = std::move(waiting);
@@ -505,11 +507,6 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
                  int at) {
     engine::MakePendingAppends(dst.Internals());
     engine::MakePendingChanges(src.Internals(), -1);
-    if (at < 0) {
-        throw engine::EngineError(
-            engine::ErrorCategory::Other,
-            "cannot import the pages: cannot insert pages at index " + std::to_string(at));
-    }
     ImportPageRun(dst.Internals(), src.Internals(), pages, at);
 }
 

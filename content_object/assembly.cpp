@@ -11,7 +11,7 @@
 #include "content_object/content_object.h"
 #include "content_object/diagnostics.h"
 #include "content_object/page_range.h"
-#include "content_object/pdf_additions/page_content.h"
+#include "engine/page_operations.h"
 #include "engine/engine.h"
 #include "platform/files.h"
 
@@ -57,7 +57,7 @@ class CopiedSource final : public engine::AppendSource {
 // where the pages are to be copied now.
 bool RecordAppend(engine::Document& doc, CZPdfContentObject& source) {
     const bool open = source.IsDocumentOpen();
-    if (!source.HasPath() || (open && additions::DiffersFromItsFile(source.EngineDocument())))
+    if (!source.HasPath() || (open && engine::DiffersFromItsFile(source.EngineDocument())))
         return false;
     try {
         std::filesystem::path copy;
@@ -72,7 +72,7 @@ bool RecordAppend(engine::Document& doc, CZPdfContentObject& source) {
             (open && held->Pages().PageCount() != source.EngineDocument().PageCount()))
             return false;
         std::unique_ptr<engine::AppendSource> recorded = std::move(held);
-        return additions::RecordAppend(doc, recorded);
+        return engine::RecordAppend(doc, recorded);
     } catch (const engine::EngineError&) {
         return false;
     } catch (const std::bad_alloc&) {
@@ -103,7 +103,7 @@ HResult CZPdfContentObject::ImportContent(CZPdfContentObject* srcObject,
         if (count == 0) return Fail(hr::kUnexpected, "The source document has no pages");
         engine::Document& doc = EngineDocument();
         const int base = doc.PageCount();
-        additions::ImportPages(doc, srcObject->EngineDocument(), nullptr, base);
+        engine::ImportPages(doc, srcObject->EngineDocument(), nullptr, base);
         const int total = doc.PageCount();
         if (total != base + count)
             return Fail(hr::kUnexpected, "The import added an unexpected number of pages");
@@ -112,14 +112,14 @@ HResult CZPdfContentObject::ImportContent(CZPdfContentObject* srcObject,
         try {
             for (int i = 0; base + i < total; ++i) {
                 ids[static_cast<std::size_t>(i)] =
-                    additions::MakePageFormXObject(doc, base + i).object_number;
+                    engine::MakePageFormXObject(doc, base + i).object_number;
             }
         } catch (const engine::EngineError&) {
-            for (int i = base; i < total; ++i) additions::DeletePage(doc, base);
+            for (int i = base; i < total; ++i) engine::DeletePage(doc, base);
             throw;
         }
         // The imported pages only served as the source of the forms.
-        for (int i = base; i < total; ++i) additions::DeletePage(doc, base);
+        for (int i = base; i < total; ++i) engine::DeletePage(doc, base);
         *pages = std::move(ids);
     } catch (const engine::EngineError& e) {
         return Fail(hr::kUnexpected, std::string("Cannot import the content: ") + e.what());
@@ -139,14 +139,14 @@ HResult CZPdfContentObject::PlaceContent(std::uint32_t srcObjectId, std::int32_t
             return Fail(hr::kInvalidArg,
                         "Page " + std::to_string(DestinationPage) + " does not exist");
         }
-        if (!additions::IsFormXObject(doc, srcObjectId)) {
+        if (!engine::IsFormXObject(doc, srcObjectId)) {
             // Placed as given: viewers skip a drawing of something that is not a form.
             ZPDF_LOG_WARN(diagnostics::Place(),
                           "object %u is not a form XObject; placed on page %d anyway", srcObjectId,
                           DestinationPage);
         }
         const std::array<float, 6> matrix{scaleX, 0.0f, 0.0f, scaleY, transX, transY};
-        additions::PlaceFormXObject(doc, srcObjectId, DestinationPage - 1, matrix, background != 0);
+        engine::PlaceFormXObject(doc, srcObjectId, DestinationPage - 1, matrix, background != 0);
     } catch (const engine::EngineError& e) {
         return Fail(hr::kUnexpected, std::string("Cannot place the content: ") + e.what());
     }
@@ -166,7 +166,7 @@ HResult CZPdfContentObject::AppendPages(CZPdfContentObject* srcObject) {
     if (const HResult result = EnsureBothDocuments(*srcObject); hr::Failed(result)) return result;
     try {
         engine::Document& doc = EngineDocument();
-        additions::ImportPages(doc, srcObject->EngineDocument(), nullptr, doc.PageCount());
+        engine::ImportPages(doc, srcObject->EngineDocument(), nullptr, doc.PageCount());
     } catch (const engine::EngineError& e) {
         return Fail(hr::kUnexpected, std::string("Cannot append the pages: ") + e.what());
     }
@@ -187,12 +187,12 @@ HResult CZPdfContentObject::ReplacePages(std::int32_t destPage, CZPdfContentObje
             return Fail(hr::kUnexpected,
                         "Pages cannot be inserted before page " + std::to_string(destPage));
         }
-        additions::ImportPages(doc, srcObject->EngineDocument(), &*pages, static_cast<int>(at));
+        engine::ImportPages(doc, srcObject->EngineDocument(), &*pages, static_cast<int>(at));
         // As many pages go as the arguments name, whatever the import added; deletions past
         // the end of the document do nothing.
         const std::int64_t count = std::int64_t{srcEnd} - srcStart + 1;
         for (std::int64_t i = 0; i < count; ++i)
-            additions::DeletePage(doc, static_cast<int>(at + count));
+            engine::DeletePage(doc, static_cast<int>(at + count));
     } catch (const engine::EngineError& e) {
         return Fail(hr::kUnexpected, std::string("Cannot replace the pages: ") + e.what());
     }

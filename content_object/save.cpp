@@ -5,7 +5,7 @@
 
 #include "content_object/content_object.h"
 #include "content_object/diagnostics.h"
-#include "content_object/pdf_additions/page_content.h"
+#include "engine/page_operations.h"
 #include "content_object/side_file_save.h"
 #include "engine/engine.h"
 #include "platform/files.h"
@@ -104,7 +104,7 @@ HResult CZPdfContentObject::Save() {
 
     const SideFileSaveResult saved = SaveThroughSideFile(
         *this, ToPath(*pdf_file_),
-        [this](engine::ByteSink& sink) { additions::WriteDocument(*document_, sink); });
+        [this](engine::ByteSink& sink) { engine::WriteDocument(*document_, sink); });
     if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
     return hr::kOk;
 }

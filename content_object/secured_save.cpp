@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "content_object/content_object.h"
-#include "content_object/pdf_additions/secured_writers.h"
+#include "engine/security/secured_save.h"
 #include "content_object/side_file_save.h"
 #include "engine/engine.h"
 
@@ -28,7 +28,7 @@ HResult CZPdfContentObject::SaveWithSecurityTo(const std::filesystem::path& targ
     if (UserPassword) user = ToAnsi(*UserPassword);
     const SideFileSaveResult saved =
         SaveThroughSideFile(*this, target, [&](engine::ByteSink& sink) {
-            additions::SaveWithPasswords(*document_, sink, user, owner);
+            engine::SaveWithPasswords(*document_, sink, user, owner);
         });
     if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
     return hr::kOk;
@@ -53,7 +53,7 @@ HResult CZPdfContentObject::SaveWithPubKeySecurityTo(const std::filesystem::path
     }
     const SideFileSaveResult saved =
         SaveThroughSideFile(*this, target, [&](engine::ByteSink& sink) {
-            additions::SaveWithRecipients(*document_, sink, certificates);
+            engine::SaveWithRecipients(*document_, sink, certificates);
         });
     if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
     return hr::kOk;

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "content_object/content_object.h"
-#include "engine/split.h"
+#include "engine/split_source.h"
 #include "platform/files.h"
 
 namespace zpdf {

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "engine/engine_internal.h"
+#include "engine/internal.h"
 
 namespace zpdf::engine {
 namespace {

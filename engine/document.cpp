@@ -2,7 +2,7 @@
 #include <cstring>
 #include <new>
 
-#include "engine/engine_internal.h"
+#include "engine/internal.h"
 
 namespace zpdf::engine {
 namespace {
@@ -714,7 +714,7 @@ bool DocumentHoldsEmptyName(fz_context* ctx, pdf_document* doc) {
     return HoldsEmptyName(ctx, pdf_trailer(ctx, doc), 0);
 }
 
-void WriteDocument(fz_context* ctx, pdf_document* doc, ByteSink& sink,
+void RunEngineWriter(fz_context* ctx, pdf_document* doc, ByteSink& sink,
                    const pdf_write_options& options) {
     fz_output* out = nullptr;
     fz_var(out);
@@ -766,7 +766,7 @@ void Document::Write(ByteSink& sink) {
     options.do_encrypt = PDF_ENCRYPT_KEEP;
     MakePendingChanges(*impl_, -1);
     PlaceObjectsBeforeChanges(*impl_);
-    WriteDocument(impl_->ctx, impl_->doc, sink, options);
+    RunEngineWriter(impl_->ctx, impl_->doc, sink, options);
 }
 
 }  // namespace zpdf::engine

@@ -1,5 +1,4 @@
-// The PDF engine as the core sees it: no engine header leaks out of this folder (and
-// content_object/pdf_additions/, which works on the engine's object layer directly).
+// The PDF engine as the core sees it: no engine header leaks out of this folder.
 #pragma once
 
 #include <cstddef>

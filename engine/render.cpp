@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "engine/engine_internal.h"
+#include "engine/internal.h"
 
 namespace zpdf::engine {
 namespace {

@@ -10,7 +10,7 @@
 #include "cli/sample_pdf.h"
 #include "content_object/content_object.h"
 #include "content_object/page_range.h"
-#include "content_object/pdf_additions/page_content.h"
+#include "engine/page_operations.h"
 #include "core/open_object.h"
 #include "platform/files.h"
 #include "platform/raster.h"
@@ -142,7 +142,7 @@ TEST(PageRange, Table) {
 
 // Plain placements are checked in the saved streams below; here negative and large numbers.
 TEST(Placement, OperatorBytes) {
-    EXPECT_EQ(additions::FormatPlacement({1, 0, 0, -1.25, -3, 1e6}, "FXX12"),
+    EXPECT_EQ(engine::FormatPlacement({1, 0, 0, -1.25, -3, 1e6}, "FXX12"),
               "q 1.000000 0.000000 0.000000 -1.250000 -3.000000 1000000.000000 cm /FXX12 Do Q\n");
 }
 
@@ -636,7 +636,7 @@ TEST(Assembly, DeletingFromNestedPageTrees) {
         test::WriteBytes(target, c.pdf);
         CZPdfContentObject object;
         test::OpenQuietly(object, target);
-        for (const int index : c.deleted) additions::DeletePage(object.EngineDocument(), index);
+        for (const int index : c.deleted) engine::DeletePage(object.EngineDocument(), index);
         EXPECT_EQ(Pages(object), static_cast<std::int32_t>(c.pages.size()));
         ASSERT_EQ(object.Save(), hr::kOk);
         ASSERT_TRUE(test::QpdfCheckPasses(target));

@@ -11,7 +11,7 @@
 
 #include "cli/sample_pdf.h"
 #include "content_object/content_object.h"
-#include "content_object/pdf_additions/page_content.h"
+#include "engine/page_operations.h"
 #include "core/open_object.h"
 #include "engine/engine.h"
 #include "support/test_support.h"
@@ -189,7 +189,7 @@ TEST(PageGraft, RunsLandInOrderUnderASoundTree) {
             for (const int page : step.pages) run.push_back(from[page]);
             CZPdfContentObject& object = step.from_itself ? dst : src;
             ::testing::internal::CaptureStderr();
-            EXPECT_NO_THROW(additions::ImportPages(dst.EngineDocument(), object.EngineDocument(),
+            EXPECT_NO_THROW(engine::ImportPages(dst.EngineDocument(), object.EngineDocument(),
                                                    step.pages.empty() ? nullptr : &step.pages,
                                                    step.at));
             ::testing::internal::GetCapturedStderr();
@@ -239,12 +239,12 @@ TEST(PageGraft, FailedRunLeavesNothingBehind) {
         ::testing::internal::CaptureStderr();
         std::string error;
         try {
-            additions::ImportPages(failed.EngineDocument(), source.EngineDocument(), &run, 1);
+            engine::ImportPages(failed.EngineDocument(), source.EngineDocument(), &run, 1);
         } catch (const engine::EngineError& e) {
             error = e.what();
         }
         const std::vector<int> none;
-        additions::ImportPages(empty_run.EngineDocument(), empty_run.EngineDocument(), &none, 1);
+        engine::ImportPages(empty_run.EngineDocument(), empty_run.EngineDocument(), &none, 1);
         ::testing::internal::GetCapturedStderr();
         EXPECT_EQ(error.rfind("cannot import page 3: ", 0), 0u) << error;
 
@@ -263,7 +263,7 @@ TEST(PageGraft, FailedRunLeavesNothingBehind) {
         test::OpenQuietly(failed, failed_file);
         const std::vector<int> good{3, 0};
         EXPECT_NO_THROW(
-            additions::ImportPages(failed.EngineDocument(), source.EngineDocument(), &good, 0));
+            engine::ImportPages(failed.EngineDocument(), source.EngineDocument(), &good, 0));
         EXPECT_EQ(Pages(failed), from_itself ? 6 : 5);
     }
 }

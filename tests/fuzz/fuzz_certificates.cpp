@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "content_object/pdf_additions/recipient_certificates.h"
-#include "content_object/pdf_additions/secured_writers.h"
+#include "engine/security/recipient_certificates.h"
+#include "engine/security/secured_save.h"
 
 namespace {
 
@@ -28,14 +28,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
     }
     try {
-        const zpdf::additions::CertificateStack stack =
-            zpdf::additions::ReadRecipientCertificates(texts);
+        const zpdf::engine::CertificateStack stack =
+            zpdf::engine::ReadRecipientCertificates(texts);
         Check(stack != nullptr);
         Check(static_cast<std::size_t>(sk_X509_num(stack.get())) == texts.size());
         for (int i = 0; i < sk_X509_num(stack.get()); ++i) {
             Check(sk_X509_value(stack.get(), i) != nullptr);
         }
-    } catch (const zpdf::additions::SecuredSaveError& e) {
+    } catch (const zpdf::engine::SecuredSaveError& e) {
         const std::string why = e.what();
         const std::string prefix = "Recipient ";
         Check(why.compare(0, prefix.size(), prefix) == 0);

@@ -7,11 +7,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include "content_object/pdf_additions/secured_writers.h"
-#include "content_object/pdf_additions/source_security.h"
-#include "engine/engine_internal.h"
+#include "engine/security/secured_save.h"
+#include "engine/security/source_security.h"
+#include "engine/internal.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 namespace {
 
 // The writer takes passwords of at most 127 bytes, which is also where revision 6 cuts them.
@@ -73,7 +73,7 @@ void SaveWithPasswords(engine::Document& doc, engine::ByteSink& sink,
     CopyPassword(options.opwd_utf8, owner_password);
 
     const VersionOverride header(impl.doc, 17);
-    engine::WriteDocument(impl.ctx, impl.doc, sink, options);
+    RunEngineWriter(impl.ctx, impl.doc, sink, options);
 }
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

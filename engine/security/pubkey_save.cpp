@@ -11,13 +11,13 @@
 #include <memory>
 #include <new>
 
-#include "content_object/pdf_additions/document_writer.h"
-#include "content_object/pdf_additions/pubkey_security_handler.h"
-#include "content_object/pdf_additions/recipient_certificates.h"
-#include "content_object/pdf_additions/secured_writers.h"
-#include "content_object/pdf_additions/source_security.h"
+#include "engine/writer/document_writer.h"
+#include "engine/security/pubkey_security_handler.h"
+#include "engine/security/recipient_certificates.h"
+#include "engine/security/secured_save.h"
+#include "engine/security/source_security.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 namespace {
 
 // The 24 bytes of the envelope: the seed, then the permissions FF FF FF FF (all granted).
@@ -222,4 +222,4 @@ void SaveWithRecipients(engine::Document& doc, engine::ByteSink& sink,
     WriteEncryptedDocument(impl, dict.get(), key, sink);
 }
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

@@ -1,5 +1,5 @@
-// Engine internals shared by engine/ and content_object/pdf_additions/. Includes the engine's
-// headers, so nothing else may include it.
+// Engine internals shared by the files of engine/. Includes the engine's headers, so nothing
+// outside this folder may include it.
 #pragma once
 
 extern "C" {
@@ -83,7 +83,7 @@ std::span<const CopiedPageEntry> CopiedPageEntries();
 int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_obj* source);
 
 // Runs the engine's writer over `sink` with the given options. Throws EngineError.
-void WriteDocument(fz_context* ctx, pdf_document* doc, ByteSink& sink,
+void RunEngineWriter(fz_context* ctx, pdf_document* doc, ByteSink& sink,
                    const pdf_write_options& options);
 
 // A form XObject to be drawn on a page, recorded instead of made at once: a long print file
@@ -122,23 +122,24 @@ struct Document::Impl {
     std::unordered_map<std::string, int> placed_streams;
     // Placements recorded and not yet made in the document, in the order they were asked for.
     // Our writer draws them into the pages as it writes them; anything else that reads or
-    // copies a page's content makes them first, through `make_placements`.
+    // copies a page's content makes them first (MakePendingChanges).
     std::vector<PendingPlacement> pending_placements;
-    // Makes the pending placements of the page at `index`, or all of them for -1, in the
-    // document. Throws EngineError.
-    void (*make_placements)(Impl& impl, int index) = nullptr;
     // Appends recorded and not yet made, in order. Our writer writes their pages after the
     // document's own; the page count includes them; anything else that reads or changes the
-    // page tree makes them first, through `make_appends`.
+    // page tree makes them first (MakePendingAppends).
     std::vector<PendingAppend> pending_appends;
-    // Makes the pending appends in the document. Throws EngineError.
-    void (*make_appends)(Impl& impl) = nullptr;
 };
+
+// Makes the pending placements of the page at `index`, or all of them for -1, in the document
+// (placement.cpp). Throws EngineError.
+void MakeRecordedPlacements(Document::Impl& impl, int index);
+// Makes the pending appends in the document, in order (graft.cpp). Throws EngineError.
+void MakeRecordedAppends(Document::Impl& impl);
 
 // Makes the pending appends in the document before its page tree is read or changed. Throws
 // EngineError.
 inline void MakePendingAppends(Document::Impl& impl) {
-    if (!impl.pending_appends.empty() && impl.make_appends != nullptr) impl.make_appends(impl);
+    if (!impl.pending_appends.empty()) MakeRecordedAppends(impl);
 }
 
 // Makes what is recorded for the document: the pending appends, then the placements of the
@@ -146,8 +147,7 @@ inline void MakePendingAppends(Document::Impl& impl) {
 // EngineError.
 inline void MakePendingChanges(Document::Impl& impl, int index) {
     MakePendingAppends(impl);
-    if (!impl.pending_placements.empty() && impl.make_placements != nullptr)
-        impl.make_placements(impl, index);
+    if (!impl.pending_placements.empty()) MakeRecordedPlacements(impl, index);
 }
 
 // Drops the objects the document parsed from its file that are still as the file has them and

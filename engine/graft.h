@@ -7,7 +7,7 @@
 
 #include "engine/engine.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 
 // How many kids each page tree node made for a run holds at most, so that later page lookups
 // never scan a long Kids array.
@@ -27,4 +27,4 @@ inline constexpr int kGraftFanOut = 32;
 int GraftPageRun(engine::Document::Impl& dst, engine::Document::Impl& src, const int* pages,
                  int count, int at, int total, char* why, std::size_t why_size);
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

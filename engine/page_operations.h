@@ -11,7 +11,7 @@
 
 #include "engine/engine.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 
 // The producer every page import stamps into the changed document.
 inline constexpr const char* kProducer = "Norvik PLEXA";
@@ -73,4 +73,4 @@ std::string FormatPlacement(const std::array<double, 6>& matrix, const std::stri
 bool PlaceFormXObject(engine::Document& doc, std::uint32_t object_number, int page_index,
                       const std::array<float, 6>& matrix, bool background);
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

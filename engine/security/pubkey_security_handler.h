@@ -7,10 +7,10 @@
 #include <cstdint>
 #include <string>
 
-#include "content_object/pdf_additions/document_writer.h"
-#include "engine/engine_internal.h"
+#include "engine/writer/document_writer.h"
+#include "engine/internal.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 
 inline constexpr std::size_t kSeedBytes = 20;
 
@@ -53,4 +53,4 @@ class CPDF_PubKeySecurityHandler {
     bool has_key_ = false;
 };
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

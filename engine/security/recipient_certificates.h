@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 
 struct CertificateStackFree {
     void operator()(STACK_OF(X509) * stack) const { sk_X509_pop_free(stack, X509_free); }
@@ -18,4 +18,4 @@ using CertificateStack = std::unique_ptr<STACK_OF(X509), CertificateStackFree>;
 // Throws SecuredSaveError naming the first text (counted from 1) that holds none.
 CertificateStack ReadRecipientCertificates(const std::vector<std::string>& recipients);
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

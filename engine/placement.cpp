@@ -1,4 +1,4 @@
-#include "content_object/pdf_additions/page_content.h"
+#include "engine/page_operations.h"
 
 #include <algorithm>
 #include <charconv>
@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "content_object/pdf_additions/document_writer.h"
-#include "content_object/pdf_additions/page_graft.h"
-#include "content_object/pdf_additions/placement.h"
-#include "content_object/pdf_additions/source_security.h"
-#include "engine/engine_internal.h"
+#include "engine/writer/document_writer.h"
+#include "engine/graft.h"
+#include "engine/placement.h"
+#include "engine/security/source_security.h"
+#include "engine/internal.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 namespace {
 
 // Engine-level helpers: plain data only, so that the engine's error jumps skip no destructor.
@@ -342,7 +342,8 @@ bool MakePlacement(engine::Document::Impl& impl, PageLocation where,
                         streams.back.data(), streams.back.size());
 }
 
-// The document's hook for its recorded placements.
+}  // namespace
+
 void MakeRecordedPlacements(engine::Document::Impl& impl, int index) {
     std::vector<engine::PendingPlacement>& pending = impl.pending_placements;
     int only = 0;  // the page's object number; 0 for every page
@@ -379,6 +380,8 @@ void MakeRecordedPlacements(engine::Document::Impl& impl, int index) {
     }
     pending.resize(kept);
 }
+
+namespace {
 
 // The page's object number when the page is an object of its own, else 0. Throws an engine
 // error.
@@ -476,7 +479,8 @@ void ImportPageRun(engine::Document::Impl& dst, engine::Document::Impl& src,
     }
 }
 
-// The document's hook for its recorded appends: each goes in now, at the end, in order.
+}  // namespace
+
 void MakeRecordedAppends(engine::Document::Impl& impl) {
     while (!impl.pending_appends.empty()) {
         std::vector<engine::PendingAppend> waiting = std::move(impl.pending_appends);
@@ -492,6 +496,8 @@ void MakeRecordedAppends(engine::Document::Impl& impl) {
         impl.pending_appends = std::move(waiting);
     }
 }
+
+namespace {
 
 // Readies `dst` for pages at its end as a page import would, and checks that our writer can put
 // pages there: a page tree root that is an object of its own. 1 when it can.
@@ -549,7 +555,6 @@ bool RecordAppend(engine::Document& dst, std::unique_ptr<engine::AppendSource>& 
     }
     if (ready == 0) return false;
     impl.pending_appends.push_back(engine::PendingAppend{std::move(source), count});
-    impl.make_appends = MakeRecordedAppends;
     return true;
 }
 
@@ -696,8 +701,7 @@ bool PlaceFormXObject(engine::Document& doc, std::uint32_t object_number, int pa
     const engine::PendingPlacement placement{num, object_number, matrix, background};
     if (num == 0) return MakePlacement(impl, PageLocation{0, page_index}, placement);
     impl.pending_placements.push_back(placement);
-    impl.make_placements = MakeRecordedPlacements;
     return true;
 }
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

@@ -1,8 +1,8 @@
-#include "content_object/pdf_additions/page_graft.h"
+#include "engine/graft.h"
 
-#include "engine/engine_internal.h"
+#include "engine/internal.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 namespace {
 
 // Engine-level helpers: plain data only, so that the engine's error jumps skip no destructor.
@@ -258,4 +258,4 @@ int GraftPageRun(engine::Document::Impl& dst, engine::Document::Impl& src, const
     return failed;
 }
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

@@ -1,4 +1,4 @@
-#include "content_object/pdf_additions/document_writer.h"
+#include "engine/writer/document_writer.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -18,12 +18,12 @@
 #include <utility>
 #include <vector>
 
-#include "content_object/pdf_additions/page_graft.h"
-#include "content_object/pdf_additions/placement.h"
-#include "content_object/pdf_additions/secured_writers.h"
-#include "content_object/pdf_additions/source_security.h"
+#include "engine/graft.h"
+#include "engine/placement.h"
+#include "engine/security/secured_save.h"
+#include "engine/security/source_security.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 namespace {
 
 constexpr std::size_t kAesBlock = 16;
@@ -272,7 +272,7 @@ int DocumentVersion(fz_context* ctx, pdf_document* doc) {
     return version >= 10 && version <= 17 ? version : 17;
 }
 
-void RequireCatalog(fz_context* ctx, pdf_document* doc) {
+void CheckCatalog(fz_context* ctx, pdf_document* doc) {
     fz_try(ctx) {
         engine::RequireCatalog(ctx, doc);
     }
@@ -1039,12 +1039,12 @@ void WriteEncryptedDocument(engine::Document::Impl& impl, pdf_obj* encrypt_dict,
 }
 
 void WritePlainDocument(engine::Document::Impl& impl, engine::ByteSink& sink) {
-    RequireCatalog(impl.ctx, impl.doc);
+    CheckCatalog(impl.ctx, impl.doc);
     DocumentWriter writer(impl, sink, nullptr);
     writer.Write(nullptr);
     // Reading every object can make the engine rebuild a damaged table, and a rebuild that
     // fails empties the document: what was written then is not the document.
-    RequireCatalog(impl.ctx, impl.doc);
+    CheckCatalog(impl.ctx, impl.doc);
 }
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

@@ -1,4 +1,4 @@
-#include "content_object/pdf_additions/recipient_certificates.h"
+#include "engine/security/recipient_certificates.h"
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -6,9 +6,9 @@
 #include <climits>
 #include <new>
 
-#include "content_object/pdf_additions/secured_writers.h"
+#include "engine/security/secured_save.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 namespace {
 
 struct BioFree {
@@ -48,4 +48,4 @@ CertificateStack ReadRecipientCertificates(const std::vector<std::string>& recip
     return stack;
 }
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

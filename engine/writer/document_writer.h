@@ -7,9 +7,9 @@
 
 #include <cstddef>
 
-#include "engine/engine_internal.h"
+#include "engine/internal.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 
 inline constexpr std::size_t kFileKeyBytes = 32;
 
@@ -43,4 +43,4 @@ void WriteEncryptedDocument(engine::Document::Impl& impl, pdf_obj* encrypt_dict,
 // generator gives no file identifier) or engine::EngineError.
 void WritePlainDocument(engine::Document::Impl& impl, engine::ByteSink& sink);
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

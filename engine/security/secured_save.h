@@ -11,7 +11,7 @@
 
 #include "engine/engine.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 
 // A secured save that cannot be made, with the reason in words.
 class SecuredSaveError : public std::runtime_error {
@@ -37,4 +37,4 @@ void SaveWithPasswords(engine::Document& doc, engine::ByteSink& sink,
 void SaveWithRecipients(engine::Document& doc, engine::ByteSink& sink,
                         const std::vector<std::string>& recipients);
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

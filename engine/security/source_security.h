@@ -2,9 +2,9 @@
 // document whose file carries an Encrypt dictionary.
 #pragma once
 
-#include "engine/engine_internal.h"
+#include "engine/internal.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 
 struct SourceSecurity {
     bool encrypted = false;  // the trailer holds an Encrypt dictionary
@@ -15,4 +15,4 @@ struct SourceSecurity {
 // Throws engine::EngineError.
 SourceSecurity ReadSourceSecurity(fz_context* ctx, pdf_document* doc);
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

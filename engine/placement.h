@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "engine/engine_internal.h"
+#include "engine/internal.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 
 // The content streams that draw a placement named `name` in the page's resources: `front` goes
 // before the page's content and `back` after it (empty for none). Beneath the content, the
@@ -19,4 +19,4 @@ struct PlacementStreams {
 PlacementStreams PlacementContent(const engine::PendingPlacement& placement,
                                   const std::string& name);
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

@@ -1,8 +1,8 @@
-#include "content_object/pdf_additions/source_security.h"
+#include "engine/security/source_security.h"
 
-#include "content_object/pdf_additions/secured_writers.h"
+#include "engine/security/secured_save.h"
 
-namespace zpdf::additions {
+namespace zpdf::engine {
 
 const char* const kNotEncryptedText =
     "The document's file is not encrypted: a secured save re-secures only a file that already "
@@ -31,4 +31,4 @@ SourceSecurity ReadSourceSecurity(fz_context* ctx, pdf_document* doc) {
     return source;
 }
 
-}  // namespace zpdf::additions
+}  // namespace zpdf::engine

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "engine/engine_internal.h"
-#include "engine/split.h"
+#include "engine/internal.h"
+#include "engine/split_source.h"
 
 namespace zpdf::engine {
 namespace {

@@ -1,5 +1,14 @@
 #include "engine/graft.h"
 
+#include <algorithm>
+#include <new>
+#include <optional>
+#include <string>
+
+#include "engine/page_operations.h"
+#include "engine/page_tree_plan.h"
+#include "engine/security/source_security.h"
+
 #include "engine/internal.h"
 
 namespace zpdf::engine {
@@ -11,13 +20,13 @@ namespace {
 // The page at `index` of `src`, looked up in the source document's own context (the two
 // documents keep separate contexts, and an error must reach the handler that waits for it);
 // its failure is thrown again in `ctx`.
-pdf_obj* LookupSourcePage(fz_context* ctx, engine::Document::Impl& src, int index) {
+pdf_obj* LookupSourcePage(fz_context* ctx, Document::Impl& src, int index) {
     fz_context* own = src.ctx;
     pdf_obj* volatile page = nullptr;
     volatile int failed = 0;
     char why[256] = {};
     fz_try(own) {
-        page = engine::LookupPage(src, index);
+        page = LookupPage(src, index);
     }
     fz_catch(own) {
         fz_strlcpy(why, fz_caught_message(own), sizeof why);
@@ -69,7 +78,7 @@ void FindInsertionPoint(fz_context* ctx, pdf_document* doc, int at, int total,
         pdf_obj* next = nullptr;
         for (int i = 0; i < length && next == nullptr; ++i) {
             pdf_obj* kid = pdf_array_get(ctx, kids, i);
-            if (engine::IsPageTreeNode(ctx, kid)) {
+            if (IsPageTreeNode(ctx, kid)) {
                 const int count = pdf_dict_get_int(ctx, kid, PDF_NAME(Count));
                 if (skip < count) {
                     next = kid;
@@ -113,25 +122,16 @@ int MakeNode(fz_context* ctx, pdf_document* doc, const int* numbers, int first, 
     return number;
 }
 
-// Gathers the pages `numbers` under new page tree nodes of at most kGraftFanOut kids each,
-// level by level, until one node holds them all; returns that node's object number. Rewrites
-// `numbers` and `counts` (`count` entries each) as it goes.
-int BuildSubtree(fz_context* ctx, pdf_document* doc, int* numbers, int* counts, int count) {
-    int level = count;
-    do {
-        const int groups = (level + kGraftFanOut - 1) / kGraftFanOut;
-        for (int g = 0; g < groups; ++g) {
-            // Even shares: group sizes differ by one at most.
-            const int first = static_cast<int>(static_cast<long long>(level) * g / groups);
-            const int end = static_cast<int>(static_cast<long long>(level) * (g + 1) / groups);
-            int held = 0;
-            for (int k = first; k < end; ++k) held += counts[k];
-            // The groups are made in order, so slot g is free once group g is read.
-            numbers[g] = MakeNode(ctx, doc, numbers, first, end, held);
-            counts[g] = held;
+// Gathers the pages `numbers` under new page tree nodes as `plan` shapes them; returns the top
+// node's object number. Rewrites `numbers` as it goes.
+int BuildSubtree(fz_context* ctx, pdf_document* doc, const PageTreePlan* plan, int* numbers) {
+    for (const std::vector<PlannedNode>& level : plan->levels) {
+        // The nodes are made in order, so slot g is free once node g has read its kids.
+        for (std::size_t g = 0; g < level.size(); ++g) {
+            const PlannedNode& node = level[g];
+            numbers[g] = MakeNode(ctx, doc, numbers, node.first, node.end, node.held);
         }
-        level = groups;
-    } while (level > 1);
+    }
     return numbers[0];
 }
 
@@ -181,22 +181,14 @@ void LinkSubtree(fz_context* ctx, pdf_document* doc, const InsertionPoint* point
 }
 
 // Inserts the pages `numbers` (objects of `doc` not yet in its tree) in front of page `at`.
-void InsertRun(fz_context* ctx, pdf_document* doc, int* numbers, int count, int at, int total) {
+void InsertRun(fz_context* ctx, pdf_document* doc, const PageTreePlan* plan, int* numbers, int at,
+               int total) {
     InsertionPoint point;
-    int* counts = nullptr;
-    fz_var(counts);
     fz_try(ctx) {
         FindInsertionPoint(ctx, doc, at, total, &point);
-        int root = numbers[0];
-        if (count > 1) {
-            counts = fz_malloc_array(ctx, count, int);
-            for (int k = 0; k < count; ++k) counts[k] = 1;
-            root = BuildSubtree(ctx, doc, numbers, counts, count);
-        }
-        LinkSubtree(ctx, doc, &point, root, count);
+        LinkSubtree(ctx, doc, &point, BuildSubtree(ctx, doc, plan, numbers), plan->pages);
     }
     fz_always(ctx) {
-        fz_free(ctx, counts);
         fz_free(ctx, point.path);
     }
     fz_catch(ctx) {
@@ -218,11 +210,71 @@ void DeleteObjectsFrom(fz_context* ctx, pdf_document* doc, int first) {
 
 }  // namespace
 
-int GraftPageRun(engine::Document::Impl& dst, engine::Document::Impl& src, const int* pages,
-                 int count, int at, int total, char* why, std::size_t why_size) {
+int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_obj* source) {
+    pdf_obj* dict = nullptr;
+    pdf_obj* page = nullptr;
+    volatile int number = 0;
+    fz_var(dict);
+    fz_var(page);
+    fz_try(ctx) {
+        dict = CopiedPageDictionary(ctx, source);
+        page = pdf_graft_mapped_object(ctx, map, dict);
+        pdf_obj* ref = pdf_add_object(ctx, dst, page);
+        number = pdf_to_num(ctx, ref);
+        pdf_drop_obj(ctx, ref);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, page);
+        pdf_drop_obj(ctx, dict);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+    return number;
+}
+
+pdf_obj* CopiedPageDictionary(fz_context* ctx, pdf_obj* source) {
+    // What draws the page, and its boxes; those marked inheritable may sit on an ancestor in
+    // the source's page tree, and the copy holds them itself. Entries that point to other pages
+    // or to the document's structure (annotations, thread beads, structure parents) would drag
+    // the rest of the source along and stay behind.
+    static const struct {
+        pdf_obj* key;
+        bool inheritable;
+    } kKept[] = {
+        {PDF_NAME(Contents), false}, {PDF_NAME(Resources), true}, {PDF_NAME(MediaBox), true},
+        {PDF_NAME(CropBox), true},   {PDF_NAME(BleedBox), false}, {PDF_NAME(TrimBox), false},
+        {PDF_NAME(ArtBox), false},   {PDF_NAME(Rotate), true},    {PDF_NAME(UserUnit), false},
+        {PDF_NAME(Group), false},
+    };
+    pdf_obj* page = pdf_new_dict(ctx, pdf_get_bound_document(ctx, source), 12);
+    fz_try(ctx) {
+        pdf_dict_put(ctx, page, PDF_NAME(Type), PDF_NAME(Page));
+        for (const auto& entry : kKept) {
+            pdf_obj* value = entry.inheritable ? pdf_dict_get_inheritable(ctx, source, entry.key)
+                                               : pdf_dict_get(ctx, source, entry.key);
+            if (value != nullptr) pdf_dict_put(ctx, page, entry.key, value);
+        }
+    }
+    fz_catch(ctx) {
+        pdf_drop_obj(ctx, page);
+        fz_rethrow(ctx);
+    }
+    return page;
+}
+
+int GraftPageRun(Document::Impl& dst, Document::Impl& src, const int* pages, int count, int at,
+                 int total, char* why, std::size_t why_size) {
     fz_context* ctx = dst.ctx;
     pdf_document* doc = dst.doc;
     if (count <= 0) return -1;
+    PageTreePlan plan;
+    try {
+        plan = PlanPageTree(count);
+    } catch (const std::bad_alloc&) {
+        fz_strlcpy(why, "out of memory", why_size);
+        return 0;
+    }
     const int objects_before = pdf_xref_len(ctx, doc);
     pdf_graft_map* map = nullptr;
     int* numbers = nullptr;
@@ -237,13 +289,13 @@ int GraftPageRun(engine::Document::Impl& dst, engine::Document::Impl& src, const
         // into the same document still name the pages they named before the call.
         for (int k = 0; k < count; ++k) {
             pdf_obj* source = LookupSourcePage(ctx, src, pages != nullptr ? pages[k] : k);
-            numbers[k] = engine::CopyPageObject(ctx, map, doc, source);
+            numbers[k] = CopyPageObject(ctx, map, doc, source);
             copied = k + 1;
             // The source pages copied so far are held by nobody now: a long run does not keep
             // the whole source parsed.
-            engine::NoteWork(src);
+            NoteWork(src);
         }
-        InsertRun(ctx, doc, numbers, count, at, total);
+        InsertRun(ctx, doc, &plan, numbers, at, total);
     }
     fz_always(ctx) {
         pdf_drop_graft_map(ctx, map);
@@ -256,6 +308,116 @@ int GraftPageRun(engine::Document::Impl& dst, engine::Document::Impl& src, const
         DeleteObjectsFrom(ctx, doc, objects_before);
     }
     return failed;
+}
+
+namespace {
+
+// Copies the pages `pages` of `src` (all for null) in front of page `at` of `dst` (at its end
+// without one). Changes nothing when it fails. Throws EngineError.
+void ImportPageRun(Document::Impl& dst, Document::Impl& src, const std::vector<int>* pages,
+                   std::optional<int> at) {
+    PlaceObjectsBeforeChanges(dst);
+    fz_context* ctx = dst.ctx;
+    volatile int count = 0;
+    volatile int total = 0;
+    volatile int where = 0;
+    fz_try(ctx) {
+        total = CountDocumentPages(dst);
+        where = at.value_or(total);
+        if (where < 0 || where > total)
+            fz_throw(ctx, FZ_ERROR_GENERIC, "cannot insert pages at index %d", where);
+        KeepPageCountsCorrect(src);
+        RequireCatalog(ctx, src.doc);
+        count = pages != nullptr ? static_cast<int>(pages->size()) : pdf_count_pages(ctx, src.doc);
+        PrepareForNewPages(ctx, dst.doc);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, ErrorCategory::Other, "cannot import the pages");
+    }
+
+    // A failed run leaves the page tree as it was and none of its objects behind.
+    char why[256] = {};
+    const int failed = GraftPageRun(dst, src, pages != nullptr ? pages->data() : nullptr, count,
+                                    where, total, why, sizeof why);
+    PageTreeChanged(dst);
+    if (failed >= 0) {
+        throw EngineError(ErrorCategory::Other,
+                          "cannot import page " + std::to_string(failed + 1) + ": " + why);
+    }
+}
+
+// Readies `dst` for pages at its end as a page import would, and checks that our writer can put
+// pages there: a page tree root that is an object of its own. 1 when it can.
+int PrepareRecordedAppend(fz_context* ctx, pdf_document* doc) {
+    PrepareForNewPages(ctx, doc);
+    pdf_obj* root = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
+    return pdf_is_indirect(ctx, root) && pdf_is_array(ctx, pdf_dict_get(ctx, root, PDF_NAME(Kids)));
+}
+
+}  // namespace
+
+void MakeRecordedAppends(Document::Impl& impl) {
+    while (!impl.pending_appends.empty()) {
+        std::vector<PendingAppend> waiting = std::move(impl.pending_appends);
+        impl.pending_appends.clear();
+        try {
+            ImportPageRun(impl, waiting.front().source->Pages().Internals(), nullptr, std::nullopt);
+        } catch (...) {
+            // Nothing of the failed one went in; it and those after it stay recorded.
+            impl.pending_appends = std::move(waiting);
+            throw;
+        }
+        waiting.erase(waiting.begin());
+        impl.pending_appends = std::move(waiting);
+    }
+}
+
+void ImportPages(Document& dst, Document& src, const std::vector<int>* pages, int at) {
+    MakePendingAppends(dst.Internals());
+    MakePendingChanges(src.Internals(), -1);
+    ImportPageRun(dst.Internals(), src.Internals(), pages, at);
+}
+
+bool RecordAppend(Document& dst, std::unique_ptr<AppendSource>& source) {
+    Document::Impl& impl = dst.Internals();
+    Document::Impl& from = source->Pages().Internals();
+    if (&impl == &from || impl.doc == nullptr || from.doc == nullptr) return false;
+    if (!from.pending_appends.empty() || !from.pending_placements.empty()) return false;
+    // The source's table is checked now: a rebuild while it is written would renumber it.
+    PlaceObjectsBeforeChanges(from);
+    PlaceObjectsBeforeChanges(impl);
+    // Our writer writes in clear, and reads the source's objects as they are stored.
+    try {
+        if (ReadSourceSecurity(impl.ctx, impl.doc).encrypted ||
+            ReadSourceSecurity(from.ctx, from.doc).encrypted)
+            return false;
+    } catch (const EngineError&) {
+        return false;
+    }
+    volatile int count = 0;
+    fz_try(from.ctx) {
+        count = CountDocumentPages(from);
+        if (count > 0) LookupPage(from, 0);  // fills the page number cache
+    }
+    fz_catch(from.ctx) {
+        count = 0;
+    }
+    // Only a page tree whose every page is an object of its own, found in one walk, is left to
+    // be read while the document is written; the page import reports what is wrong with others
+    // now, where the writer could only fail the save.
+    if (count <= 0 || from.page_numbers.size() != static_cast<std::size_t>(count) ||
+        std::find(from.page_numbers.begin(), from.page_numbers.end(), 0) != from.page_numbers.end())
+        return false;
+    volatile int ready = 0;
+    fz_try(impl.ctx) {
+        ready = PrepareRecordedAppend(impl.ctx, impl.doc);
+    }
+    fz_catch(impl.ctx) {
+        ready = 0;
+    }
+    if (ready == 0) return false;
+    impl.pending_appends.push_back(PendingAppend{std::move(source), count});
+    return true;
 }
 
 }  // namespace zpdf::engine

@@ -5,13 +5,9 @@
 
 #include <cstddef>
 
-#include "engine/engine.h"
+#include "engine/internal.h"
 
 namespace zpdf::engine {
-
-// How many kids each page tree node made for a run holds at most, so that later page lookups
-// never scan a long Kids array.
-inline constexpr int kGraftFanOut = 32;
 
 // Copies the pages `pages` of `src` (0-based indexes; the first `count` pages when null) into
 // `dst` and inserts them, in that order, in front of page index `at` (0 to `total`, the page
@@ -19,12 +15,12 @@ inline constexpr int kGraftFanOut = 32;
 // indexes name the pages as they are before the call. `dst` needs a page tree root with a Kids
 // array.
 //
-// Returns -1 when every page went in. Otherwise returns the 0-based position in the run of the
-// page that could not be copied (0 when the run could not be inserted), writes the engine's
-// reason into `why` (`why_size` bytes) and leaves the page tree of `dst` as it was and none of
-// the objects made for the run in it. Never throws. The caller forgets the page number cache of
-// `dst` afterwards.
-int GraftPageRun(engine::Document::Impl& dst, engine::Document::Impl& src, const int* pages,
-                 int count, int at, int total, char* why, std::size_t why_size);
+// Returns -1 when every page went in, under page tree nodes shaped by PlanPageTree. Otherwise
+// returns the 0-based position in the run of the page that could not be copied (0 when the run
+// could not be inserted), writes the engine's reason into `why` (`why_size` bytes) and leaves the
+// page tree of `dst` as it was and none of the objects made for the run in it. Never throws. The
+// caller forgets the page number cache of `dst` afterwards.
+int GraftPageRun(Document::Impl& dst, Document::Impl& src, const int* pages, int count, int at,
+                 int total, char* why, std::size_t why_size);
 
 }  // namespace zpdf::engine

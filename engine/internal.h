@@ -68,23 +68,24 @@ inline constexpr int kMaxPageTreeDepth = 64;
 // lookup decides it. Throws only what reading the kid throws.
 bool IsPageTreeNode(fz_context* ctx, pdf_obj* kid);
 
-// The entries a copied page takes from the source: what draws it, and its boxes. Those marked
-// inheritable may sit on an ancestor in the source's page tree; the copy holds them itself.
-// Entries that point to other pages or to the document's structure (annotations, thread beads,
-// structure parents) would drag the rest of the source along and stay behind.
-struct CopiedPageEntry {
-    pdf_obj* key;
-    bool inheritable;
-};
-std::span<const CopiedPageEntry> CopiedPageEntries();
+// The dictionary a copy of the page `source` is made from, by the page import and by our writer
+// alike: /Type /Page with what draws the page and its boxes, inherited ones resolved onto it. A
+// new direct dictionary of the source's document, a reference of the caller's; its values are
+// the source's own, references included. Throws an engine error.
+pdf_obj* CopiedPageDictionary(fz_context* ctx, pdf_obj* source);
 
-// Copies what draws the page `source` into a new page object of `dst`, not yet in its page tree,
-// through `map`; returns the new object's number. Throws an engine error.
+// Copies the page `source` into a new page object of `dst`, not yet in its page tree, through
+// `map`: its copied dictionary, with every object it uses copied once per map. Returns the new
+// object's number. Throws an engine error.
 int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_obj* source);
+
+// Readies a document for new pages: the producer, the catalog's type, a page tree root with a
+// Kids array. Throws an engine error.
+void PrepareForNewPages(fz_context* ctx, pdf_document* doc);
 
 // Runs the engine's writer over `sink` with the given options. Throws EngineError.
 void RunEngineWriter(fz_context* ctx, pdf_document* doc, ByteSink& sink,
-                   const pdf_write_options& options);
+                     const pdf_write_options& options);
 
 // A form XObject to be drawn on a page, recorded instead of made at once: a long print file
 // stamped on every page would otherwise hold every changed page in memory until it is written.
@@ -100,6 +101,20 @@ struct PendingPlacement {
 struct PendingAppend {
     std::unique_ptr<AppendSource> source;
     int pages = 0;
+};
+
+// Placements of the same content on many pages (a letterhead on every page of a long print
+// file) share one stream instead of adding one a page. Content that differs from page to page
+// is not worth keeping, so only short streams are remembered, and only so many.
+class SharedPlacementStreams {
+  public:
+    // The stream remembered for these bytes, 0 for none.
+    int Find(const std::string& bytes) const;
+    void Remember(const std::string& bytes, int num);
+    void Clear() { streams_.clear(); }
+
+  private:
+    std::unordered_map<std::string, int> streams_;
 };
 
 struct Document::Impl {
@@ -119,7 +134,7 @@ struct Document::Impl {
     unsigned work_since_release = 0;
     // The content streams placed on pages, by their bytes, so that the same content placed on
     // many pages is one stream. Checked against the document before each reuse.
-    std::unordered_map<std::string, int> placed_streams;
+    SharedPlacementStreams placed_streams;
     // Placements recorded and not yet made in the document, in the order they were asked for.
     // Our writer draws them into the pages as it writes them; anything else that reads or
     // copies a page's content makes them first (MakePendingChanges).
@@ -180,6 +195,9 @@ void PlaceObjectsBeforeChanges(Document::Impl& impl);
 // (call it inside fz_try) for a document without a catalog, and for one with pending appends,
 // whose page tree does not hold all its pages yet (make them first).
 int CountDocumentPages(Document::Impl& impl);
+// The pages in the document's own page tree, without those recorded to be appended; throws an
+// engine error for a document without a catalog.
+int CountOwnPages(Document::Impl& impl);
 
 // The page dictionary at `index` (borrowed: the document keeps it), through the page number
 // cache of `impl` when it still describes the document. Throws an engine error (call it inside

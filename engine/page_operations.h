@@ -1,6 +1,6 @@
 // Operations on a document's pages that the engine does not offer as such: copying pages in
 // from another document, turning a page into a form XObject, and drawing a form XObject on a
-// page. All throw engine::EngineError when the engine fails.
+// page. All throw EngineError when the engine fails.
 #pragma once
 
 #include <array>
@@ -20,8 +20,7 @@ inline constexpr const char* kProducer = "Norvik PLEXA";
 // pages `pages` (0-based indexes into `src`; all pages when null) in front of page index `at`
 // of `dst`. Resources shared by the copied pages are copied once. `src` may be `dst` itself.
 // Fails, changing nothing, when `at` is outside 0 to the page count.
-void ImportPages(engine::Document& dst, engine::Document& src, const std::vector<int>* pages,
-                 int at);
+void ImportPages(Document& dst, Document& src, const std::vector<int>* pages, int at);
 
 // Records that the pages of `source` go at the end of `dst`, after those recorded before, when
 // `dst` is written; the page count of `dst` counts them at once. Anything else that needs them in
@@ -30,15 +29,15 @@ void ImportPages(engine::Document& dst, engine::Document& src, const std::vector
 // imported now: an encrypted document on either side, a source with changes or records of its
 // own, no pages or none that can be counted, or a page tree root of `dst` that is not an object
 // of its own. Never throws.
-bool RecordAppend(engine::Document& dst, std::unique_ptr<engine::AppendSource>& source);
+bool RecordAppend(Document& dst, std::unique_ptr<AppendSource>& source);
 
 // True when the open document may differ from its file: objects changed, or placements or
 // appends recorded. Never throws.
-bool DiffersFromItsFile(engine::Document& doc);
+bool DiffersFromItsFile(Document& doc);
 
 // Removes page `index` from the page tree; the objects it used stay in the document. An index
 // past the end does nothing.
-void DeletePage(engine::Document& doc, int index);
+void DeletePage(Document& doc, int index);
 
 struct FormXObjectInfo {
     std::uint32_t object_number = 0;  // 0: the page has no content, nothing was made
@@ -48,29 +47,24 @@ struct FormXObjectInfo {
 
 // A form XObject drawing the page at `page_index`: its content streams decoded and joined,
 // its box and page matrix, and a copy of its resources.
-FormXObjectInfo MakePageFormXObject(engine::Document& doc, int page_index);
-
-// Names `object_number` in the page's resources under `category` ("XObject"): "FX", the
-// category's first letter and the smallest free number. Returns the name.
-std::string AddXObjectResource(engine::Document& doc, int page_index, std::uint32_t object_number,
-                               const std::string& category);
+FormXObjectInfo MakePageFormXObject(Document& doc, int page_index);
 
 // Writes the whole document into `sink`, as it stands with its recorded placements and keeping
-// its own security. Throws engine::EngineError, or std::runtime_error when the sink fails.
-void WriteDocument(engine::Document& doc, engine::ByteSink& sink);
+// its own security. Throws EngineError, or std::runtime_error when the sink fails.
+void WriteDocument(Document& doc, ByteSink& sink);
 
 // True when `object_number` names a form XObject of the document.
-bool IsFormXObject(engine::Document& doc, std::uint32_t object_number);
+bool IsFormXObject(Document& doc, std::uint32_t object_number);
 
 // The drawing operator for a form XObject: "q a b c d e f cm /Name Do Q" and a line feed, each
 // number with six decimals.
 std::string FormatPlacement(const std::array<double, 6>& matrix, const std::string& name);
 
 // Draws the form XObject `object_number` on the page, beneath its content (`background`) or
-// above it. Existing content streams are never rewritten. False when the page offers no place
-// for it. On a page that is an object of its own, the placement is recorded, and made when the
-// page is written, drawn or copied.
-bool PlaceFormXObject(engine::Document& doc, std::uint32_t object_number, int page_index,
+// above it; a page without content gets the drawing alone. Existing content streams are never
+// rewritten. On a page that is an object of its own, the placement is recorded, and made when
+// the page is written, drawn or copied.
+void PlaceFormXObject(Document& doc, std::uint32_t object_number, int page_index,
                       const std::array<float, 6>& matrix, bool background);
 
 }  // namespace zpdf::engine

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "engine/internal.h"
 #include "engine/security/secured_save.h"
 #include "engine/security/source_security.h"
-#include "engine/internal.h"
 
 namespace zpdf::engine {
 namespace {

@@ -11,11 +11,12 @@
 #include <memory>
 #include <new>
 
-#include "engine/writer/document_writer.h"
+#include "engine/security/aes256_encryption.h"
 #include "engine/security/pubkey_security_handler.h"
 #include "engine/security/recipient_certificates.h"
 #include "engine/security/secured_save.h"
 #include "engine/security/source_security.h"
+#include "engine/writer/document_writer.h"
 
 namespace zpdf::engine {
 namespace {
@@ -104,8 +105,7 @@ pdf_obj* NewPubKeyEncryptDictionary(fz_context* ctx, pdf_document* doc, const ch
     }
     fz_catch(ctx) {
         pdf_drop_obj(ctx, dict);
-        engine::ThrowCaught(ctx, engine::ErrorCategory::Other,
-                            "cannot make the encryption dictionary");
+        ThrowCaught(ctx, ErrorCategory::Other, "cannot make the encryption dictionary");
     }
     return dict;
 }
@@ -183,11 +183,10 @@ bool CPDF_PubKeySecurityHandler::SetFileKeyFromSeed(const unsigned char (&seed)[
     return made;
 }
 
-void SaveWithRecipients(engine::Document& doc, engine::ByteSink& sink,
-                        const std::vector<std::string>& recipients) {
-    engine::Document::Impl& impl = doc.Internals();
+void SaveWithRecipients(Document& doc, ByteSink& sink, const std::vector<std::string>& recipients) {
+    Document::Impl& impl = doc.Internals();
     if (impl.doc == nullptr) throw SecuredSaveError("No document is open");
-    engine::PlaceObjectsBeforeChanges(impl);
+    PlaceObjectsBeforeChanges(impl);
     if (recipients.empty()) throw SecuredSaveError("No recipient was given");
     if (!ReadSourceSecurity(impl.ctx, impl.doc).encrypted) {
         throw SecuredSaveError(kNotEncryptedText);
@@ -219,7 +218,8 @@ void SaveWithRecipients(engine::Document& doc, engine::ByteSink& sink,
         key_length != static_cast<int>(kFileKeyBytes)) {
         throw SecuredSaveError("The file key could not be made");
     }
-    WriteEncryptedDocument(impl, dict.get(), key, sink);
+    const std::unique_ptr<ObjectEncryption> encryption = NewAes256Encryption(key);
+    WriteEncryptedDocument(impl, dict.get(), *encryption, sink);
 }
 
 }  // namespace zpdf::engine

@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <string>
 
-#include "engine/writer/document_writer.h"
 #include "engine/internal.h"
+#include "engine/security/aes256_encryption.h"
 
 namespace zpdf::engine {
 

@@ -11,36 +11,13 @@
 #define ZPDF_FILENO fileno
 #endif
 
-#include "platform/files.h"
-
 namespace zpdf::cli {
-
-EditSession::~EditSession() {
-    if (!committed_ && !working_copy_.empty()) {
-        object_.ResetDocument();
-        fs::RemoveQuietly(working_copy_);
-    }
-}
 
 int EditSession::Begin(const std::string& file, const std::optional<std::string>& output,
                        const std::optional<std::string>& password) {
-    std::filesystem::path source = ToPath(FromAnsi(file));
-    destination_ = source;
-    if (output) {
-        destination_ = ToPath(FromAnsi(*output));
-        working_copy_ = destination_;
-        working_copy_ += ".work";
-        std::error_code ec;
-        std::filesystem::copy_file(source, working_copy_,
-                                   std::filesystem::copy_options::overwrite_existing, ec);
-        if (ec) {
-            fs::RemoveQuietly(working_copy_);
-            return Failure(command_, file,
-                           "cannot copy it to " + destination_.string() + ": " + ec.message(),
-                           hr::FromWin32(fs::Win32ErrorFromErrorCode(ec)));
-        }
-        source = working_copy_;
-    }
+    const std::filesystem::path source = ToPath(FromAnsi(file));
+    destination_ = output ? ToPath(FromAnsi(*output)) : source;
+    to_output_ = output.has_value();
     OptionalText pw = std::u16string();
     if (password) pw = FromAnsi(*password);
     HResult result = object_.SetPdfDocument(FromPath(source), 0, pw);
@@ -50,17 +27,9 @@ int EditSession::Begin(const std::string& file, const std::optional<std::string>
 }
 
 int EditSession::Commit() {
-    const HResult result = object_.Save();
+    const HResult result = to_output_ ? object_.SaveTo(destination_) : object_.Save();
     if (hr::Failed(result))
         return Failure(command_, destination_.string(), object_.LastErrorText(), result);
-    if (!working_copy_.empty()) {
-        object_.ResetDocument();
-        if (const int error = fs::MoveReplace(working_copy_, destination_)) {
-            return Failure(command_, destination_.string(), "cannot put the result in place",
-                           hr::FromWin32(error));
-        }
-    }
-    committed_ = true;
     return 0;
 }
 

@@ -1,6 +1,6 @@
-// A document opened for editing from the command line: changed in place through the safe
-// save, or, with an output name, on a working copy that becomes the output only when the whole
-// job succeeded. The user's input file is never left half-written.
+// A document opened for editing from the command line: changed in memory, then saved over its
+// file, or with an output name to that file, through the side file that replaces the target
+// only when complete. The user's input file is never left half-written.
 #pragma once
 
 #include <filesystem>
@@ -17,7 +17,7 @@ class EditSession {
     explicit EditSession(const Command& command) : command_(command) {}
     EditSession(const EditSession&) = delete;
     EditSession& operator=(const EditSession&) = delete;
-    ~EditSession();
+    ~EditSession() = default;
 
     // Returns 0, or the exit code after printing why the document cannot be edited.
     int Begin(const std::string& file, const std::optional<std::string>& output,
@@ -32,8 +32,7 @@ class EditSession {
     const Command& command_;
     CZPdfContentObject object_;
     std::filesystem::path destination_;
-    std::filesystem::path working_copy_;  // empty when editing in place
-    bool committed_ = false;
+    bool to_output_ = false;
 };
 
 // Opens another document that a job reads from (a letterhead, a source of pages).

@@ -56,6 +56,9 @@ class CZPdfContentObject {
 
     // Writes the open document over its file through a side file.
     HResult Save();
+    // Writes the document (opened first if needed) to `target` through its side file, leaving
+    // the document's own file as it is.
+    HResult SaveTo(const std::filesystem::path& target);
 
     // Stamping: every page of the source becomes a form XObject in this document (one
     // identifier per source page, 0 for a page without content); a form is drawn on a page,

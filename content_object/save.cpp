@@ -5,47 +5,13 @@
 
 #include "content_object/content_object.h"
 #include "content_object/diagnostics.h"
-#include "engine/page_operations.h"
 #include "content_object/side_file_save.h"
 #include "engine/engine.h"
+#include "engine/page_operations.h"
 #include "platform/files.h"
 
 namespace zpdf {
 namespace {
-
-class SideFileSink final : public engine::ByteSink {
-  public:
-    explicit SideFileSink(fs::OutputFile& file) : file_(file) {}
-    bool Write(const void* data, std::size_t size) noexcept override {
-        error_ = file_.Write(data, size);
-        return error_ == 0;
-    }
-    int Error() const { return error_; }
-
-  private:
-    fs::OutputFile& file_;
-    int error_ = 0;
-};
-
-// Removes the side file unless it was moved into place.
-class SideFileGuard {
-  public:
-    SideFileGuard(fs::OutputFile& file, std::filesystem::path path)
-        : file_(file), path_(std::move(path)) {}
-    SideFileGuard(const SideFileGuard&) = delete;
-    SideFileGuard& operator=(const SideFileGuard&) = delete;
-    ~SideFileGuard() {
-        if (committed_) return;
-        file_.Close();
-        fs::RemoveQuietly(path_);
-    }
-    void Commit() { committed_ = true; }
-
-  private:
-    fs::OutputFile& file_;
-    std::filesystem::path path_;
-    bool committed_ = false;
-};
 
 SideFileSaveResult Failure(HResult result, std::string why) {
     return SideFileSaveResult{result, std::move(why)};
@@ -61,35 +27,30 @@ SideFileSaveResult SaveThroughSideFile(CZPdfContentObject& object,
                                        const std::filesystem::path& target,
                                        const DocumentSerialiser& serialise) {
     const auto started = std::chrono::steady_clock::now();
-    std::filesystem::path side = target;
-    side += ".part";
-
-    fs::OutputFile file;
-    if (const int error = file.Open(side)) {
-        return Failure(hr::kFail, WithError("Cannot create " + side.string(), error));
+    fs::FileReplacement file(target);
+    const std::string side = file.SidePath().string();
+    if (const int error = file.Open()) {
+        return Failure(hr::kFail, WithError("Cannot create " + side, error));
     }
-    SideFileGuard guard(file, side);
-
-    SideFileSink sink(file);
+    FileReplacementSink sink(file);
     try {
         serialise(sink);
     } catch (const std::bad_alloc&) {
-        return Failure(hr::kOutOfMemory, "Out of memory writing " + side.string());
+        return Failure(hr::kOutOfMemory, "Out of memory writing " + side);
     } catch (const std::exception& e) {
         if (sink.Error() != 0) {
-            return Failure(hr::kFail, WithError("Cannot write " + side.string(), sink.Error()));
+            return Failure(hr::kFail, WithError("Cannot write " + side, sink.Error()));
         }
         return Failure(hr::kFail, e.what());
     }
-    if (const int error = file.Commit()) {
-        return Failure(hr::kFail, WithError("Cannot flush " + side.string(), error));
+    if (const int error = file.FinishData()) {
+        return Failure(hr::kFail, WithError("Cannot flush " + side, error));
     }
 
     object.CloseDocuments();
-    if (const int error = fs::MoveReplace(side, target)) {
+    if (const int error = file.Replace()) {
         return Failure(hr::kFail, WithError("Cannot replace " + target.string(), error));
     }
-    guard.Commit();
     ZPDF_LOG_INFO(diagnostics::Save(), "saved %s: %llu bytes in %lld ms", target.string().c_str(),
                   static_cast<unsigned long long>(file.BytesWritten()),
                   static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -101,10 +62,14 @@ SideFileSaveResult SaveThroughSideFile(CZPdfContentObject& object,
 HResult CZPdfContentObject::Save() {
     if (!HasPath()) return Fail(hr::kUnexpected, "No document is set");
     if (!IsDocumentOpen()) return hr::kOk;  // never opened, so nothing can have changed
+    return SaveTo(ToPath(*pdf_file_));
+}
 
+HResult CZPdfContentObject::SaveTo(const std::filesystem::path& target) {
+    if (!HasPath()) return Fail(hr::kUnexpected, "No document is set");
+    if (const HResult opened = EnsurePdfDocument(); hr::Failed(opened)) return opened;
     const SideFileSaveResult saved = SaveThroughSideFile(
-        *this, ToPath(*pdf_file_),
-        [this](engine::ByteSink& sink) { engine::WriteDocument(*document_, sink); });
+        *this, target, [this](engine::ByteSink& sink) { engine::WriteDocument(*document_, sink); });
     if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
     return hr::kOk;
 }

@@ -1,7 +1,5 @@
-// The road every save of the content object takes: the document is serialised into a side file
-// (target + ".part"), the side file is made durable, the object's documents are closed and the
-// side file is moved over the target. A side file that was not moved is removed. The saves
-// differ only in the serialiser they hand to this road.
+// The engine's writers on the one file road: a document is serialised into the side file of
+// its target, which replaces the target once complete.
 #pragma once
 
 #include <filesystem>
@@ -10,8 +8,24 @@
 
 #include "content_object/content_object.h"
 #include "engine/engine.h"
+#include "platform/files.h"
 
 namespace zpdf {
+
+// Bytes of an engine writer into a file on its road; remembers why the file refused them.
+class FileReplacementSink final : public engine::ByteSink {
+  public:
+    explicit FileReplacementSink(fs::FileReplacement& file) : file_(file) {}
+    bool Write(const void* data, std::size_t size) noexcept override {
+        error_ = file_.Write(data, size);
+        return error_ == 0;
+    }
+    int Error() const { return error_; }
+
+  private:
+    fs::FileReplacement& file_;
+    int error_ = 0;
+};
 
 // Writes the whole document into the sink. Reports failure by throwing (engine::EngineError, or
 // any std::exception whose text says why).
@@ -22,9 +36,10 @@ struct SideFileSaveResult {
     std::string why;  // empty on success
 };
 
-// E_FAIL when the side file cannot be created, the serialiser fails, the data cannot be made
-// durable or the move fails. The object's documents stay open unless the failure came at the
-// move.
+// The saves of the content object: the data is made durable, the object's documents are closed
+// (the target may be their own file) and the side file replaces the target. E_FAIL when the side
+// file cannot be created, the serialiser fails, the data cannot be made durable or the move
+// fails. The object's documents stay open unless the failure came at the move.
 SideFileSaveResult SaveThroughSideFile(CZPdfContentObject& object,
                                        const std::filesystem::path& target,
                                        const DocumentSerialiser& serialise);

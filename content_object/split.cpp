@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "content_object/content_object.h"
+#include "content_object/side_file_save.h"
 #include "engine/split_source.h"
 #include "platform/files.h"
 
@@ -20,40 +21,6 @@ struct FileCloser {
     void operator()(std::FILE* file) const { std::fclose(file); }
 };
 using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
-
-class PartSink final : public engine::ByteSink {
-  public:
-    explicit PartSink(fs::OutputFile& file) : file_(file) {}
-    bool Write(const void* data, std::size_t size) noexcept override {
-        error_ = file_.Write(data, size);
-        return error_ == 0;
-    }
-    int Error() const { return error_; }
-
-  private:
-    fs::OutputFile& file_;
-    int error_ = 0;
-};
-
-// Removes the side file unless it was moved into place.
-class SideFileGuard {
-  public:
-    SideFileGuard(fs::OutputFile& file, std::filesystem::path path)
-        : file_(file), path_(std::move(path)) {}
-    SideFileGuard(const SideFileGuard&) = delete;
-    SideFileGuard& operator=(const SideFileGuard&) = delete;
-    ~SideFileGuard() {
-        if (committed_) return;
-        file_.Close();
-        fs::RemoveQuietly(path_);
-    }
-    void Commit() { committed_ = true; }
-
-  private:
-    fs::OutputFile& file_;
-    std::filesystem::path path_;
-    bool committed_ = false;
-};
 
 std::filesystem::path PartPath(const std::u16string& prefix, int number) {
     return ToPath(prefix + u"_" + Utf8ToUtf16(std::to_string(number)));
@@ -72,39 +39,35 @@ void ReportLoadFailure(const std::string& text) {
 // failure, why.
 HResult WritePart(engine::SplitSource& source, int first, int last,
                   const std::filesystem::path& target, std::string* why) {
-    std::filesystem::path side = target;
-    side += ".part";
-    fs::OutputFile file;
-    if (int error = file.Open(side)) {
+    // Neither a part nor its name is forced to the disk: a part can be made again from the
+    // source, and two waits for the disk per part would cost more than the whole text scan.
+    fs::FileReplacement file(target, fs::FileReplacement::Durability::Buffered);
+    const std::string side = file.SidePath().string();
+    if (int error = file.Open()) {
         // Creating a file fails with "not found" only when its folder is missing.
         if (error == fs::kErrorFileNotFound) error = fs::kErrorPathNotFound;
-        *why = "Cannot create " + side.string() + ErrorSuffix(error);
+        *why = "Cannot create " + side + ErrorSuffix(error);
         return hr::FromWin32(error);
     }
-    SideFileGuard guard(file, side);
-
-    PartSink sink(file);
+    FileReplacementSink sink(file);
     try {
         source.WritePages(first, last, sink);
     } catch (const engine::EngineError& e) {
-        *why = "Cannot write " + side.string() + ": " + e.what();
+        *why = "Cannot write " + side + ": " + e.what();
         if (sink.Error() != 0) {
             *why += ErrorSuffix(sink.Error());
             return hr::FromWin32(sink.Error());
         }
         return hr::kFail;
     }
-    // Neither the part nor its name is forced to the disk: a part can be made again from the
-    // source, and two waits for the disk per part would cost more than the whole text scan.
-    if (const int error = file.Finish()) {
-        *why = "Cannot finish " + side.string() + ErrorSuffix(error);
+    if (const int error = file.FinishData()) {
+        *why = "Cannot finish " + side + ErrorSuffix(error);
         return hr::FromWin32(error);
     }
-    if (const int error = fs::MoveReplaceWithoutSync(side, target)) {
-        *why = "Cannot move " + side.string() + " to " + target.string() + ErrorSuffix(error);
+    if (const int error = file.Replace()) {
+        *why = "Cannot move " + side + " to " + target.string() + ErrorSuffix(error);
         return hr::FromWin32(error);
     }
-    guard.Commit();
     return hr::kOk;
 }
 

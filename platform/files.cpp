@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 namespace zpdf::fs {
 namespace {
@@ -159,6 +160,42 @@ void OutputFile::Close() {
         std::fclose(file_);
         file_ = nullptr;
     }
+}
+
+FileReplacement::FileReplacement(std::filesystem::path target, Durability durability)
+    : target_(std::move(target)), side_(target_), durability_(durability) {
+    side_ += ".part";
+}
+
+FileReplacement::~FileReplacement() {
+    file_.Close();
+    if (created_ && !replaced_) RemoveQuietly(side_);
+}
+
+int FileReplacement::Open() {
+    const int error = file_.Open(side_);
+    created_ = error == 0;
+    return error;
+}
+
+int FileReplacement::Write(const void* data, std::size_t size) {
+    return file_.Write(data, size);
+}
+
+int FileReplacement::FinishData() {
+    return durability_ == Durability::Synced ? file_.Commit() : file_.Finish();
+}
+
+int FileReplacement::Replace() {
+    const int error = durability_ == Durability::Synced ? MoveReplace(side_, target_)
+                                                        : MoveReplaceWithoutSync(side_, target_);
+    if (error == 0) replaced_ = true;
+    return error;
+}
+
+int FileReplacement::Commit() {
+    if (const int error = FinishData()) return error;
+    return Replace();
 }
 
 }  // namespace zpdf::fs

@@ -96,4 +96,44 @@ class OutputFile {
     unsigned long long written_ = 0;
 };
 
+// The one road every file the component and zpdf write takes: the data goes into a side file
+// beside the target (the target's name and ".part"), which replaces the target only once it is
+// complete. A side file that did not replace its target is removed when this object goes, so a
+// failure leaves the old file as it was and nothing beside it. Each function returns a Win32
+// error number, 0 on success.
+class FileReplacement {
+  public:
+    // Synced: data and name reach the disk before Commit returns. Buffered: they reach the
+    // system only, for files that can be made again from their source if the machine stops.
+    enum class Durability { Synced, Buffered };
+
+    explicit FileReplacement(std::filesystem::path target,
+                             Durability durability = Durability::Synced);
+    FileReplacement(const FileReplacement&) = delete;
+    FileReplacement& operator=(const FileReplacement&) = delete;
+    ~FileReplacement();
+
+    // Creates the side file.
+    int Open();
+    int Write(const void* data, std::size_t size);
+    // Completes the side file's data, then puts it in the target's place. Those who must let go
+    // of the target between the two (a content object saving over its own file) call them one
+    // after the other.
+    int FinishData();
+    int Replace();
+    int Commit();
+
+    const std::filesystem::path& Target() const { return target_; }
+    const std::filesystem::path& SidePath() const { return side_; }
+    unsigned long long BytesWritten() const { return file_.BytesWritten(); }
+
+  private:
+    OutputFile file_;
+    std::filesystem::path target_;
+    std::filesystem::path side_;
+    Durability durability_;
+    bool created_ = false;
+    bool replaced_ = false;
+};
+
 }  // namespace zpdf::fs

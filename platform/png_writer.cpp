@@ -31,10 +31,6 @@ PngWriter::PngWriter() : state_(std::make_unique<State>()) {}
 
 PngWriter::~PngWriter() {
     if (state_->zs_ready) deflateEnd(&state_->zs);
-    if (!finished_ && !target_.empty()) {
-        file_.Close();
-        fs::RemoveQuietly(file_.Path());
-    }
 }
 
 int PngWriter::Open(const std::filesystem::path& path, int width, int height, int dpi) {
@@ -42,12 +38,10 @@ int PngWriter::Open(const std::filesystem::path& path, int width, int height, in
     width_ = width;
     height_ = height;
     rows_written_ = 0;
-    target_ = path;
-    std::filesystem::path side = path;
-    side += ".part";
-    if (const int error = file_.Open(side)) return error;
+    file_ = std::make_unique<fs::FileReplacement>(path);
+    if (const int error = file_->Open()) return error;
     static constexpr std::uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
-    if (const int error = file_.Write(kSignature, sizeof kSignature)) return error;
+    if (const int error = file_->Write(kSignature, sizeof kSignature)) return error;
     std::uint8_t ihdr[13];
     PutU32(ihdr, static_cast<std::uint32_t>(width));
     PutU32(ihdr + 4, static_cast<std::uint32_t>(height));
@@ -132,11 +126,11 @@ int PngWriter::WriteChunk(const char type[4], const std::uint8_t* data, std::siz
     if (size > 0) crc = crc32(crc, data, static_cast<uInt>(size));
     std::uint8_t tail[4];
     PutU32(tail, static_cast<std::uint32_t>(crc));
-    if (const int error = file_.Write(head, sizeof head)) return error;
+    if (const int error = file_->Write(head, sizeof head)) return error;
     if (size > 0) {
-        if (const int error = file_.Write(data, size)) return error;
+        if (const int error = file_->Write(data, size)) return error;
     }
-    return file_.Write(tail, sizeof tail);
+    return file_->Write(tail, sizeof tail);
 }
 
 int PngWriter::Finish() {
@@ -149,10 +143,7 @@ int PngWriter::Finish() {
         state_->out.clear();
     }
     if (const int error = WriteChunk("IEND", nullptr, 0)) return error;
-    if (const int error = file_.Commit()) return error;
-    if (const int error = fs::MoveReplace(file_.Path(), target_)) return error;
-    finished_ = true;
-    return 0;
+    return file_->Commit();
 }
 
 }  // namespace zpdf

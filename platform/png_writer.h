@@ -37,9 +37,7 @@ class PngWriter {
 
     struct State;
     std::unique_ptr<State> state_;
-    fs::OutputFile file_;
-    std::filesystem::path target_;
-    bool finished_ = false;
+    std::unique_ptr<fs::FileReplacement> file_;
     int width_ = 0;
     int height_ = 0;
     int rows_written_ = 0;

@@ -187,3 +187,26 @@ row "stamp peak MiB, 8000 pages" "${peak_stamp[big]}" "ours at 1000 pages" "${pe
 row "append peak MiB, 8000 + 8000" "${peak_append[big]}" "ours at 1000 + 1000" "${peak_append[small]}"
 row "save peak MiB, 8000 pages" "${peak_save[big]}" "ours at 1000 pages" "${peak_save[small]}"
 row "save peak MiB, 8000 pages" "${peak_save[big]}" "qpdf in.pdf out.pdf, 8000 pages" "$qpdf_peak"
+
+# Scale (measured, not asserted): a 100,000-page print file, made of the 8000-page one by qpdf,
+# stamped, appended to itself and split (goal: each under 10 s and 64 MiB here); and the typical
+# job of two content objects on two threads of one process against one thread doing both (goal:
+# 1.8 times as fast on two cores). The "peer" columns hold the goal or the one-thread time.
+qpdf --empty --pages $(for _ in $(seq 13); do printf '%s ' "$work/marked8000.pdf"; done) -- "$work/raw.pdf"
+qpdf --empty --pages "$work/raw.pdf" 1-100000 -- "$work/marked100000.pdf"
+rm -f "$work/raw.pdf"
+huge="$work/marked100000.pdf"
+scale_stamp="$zpdf stamp $huge $work/lh.pdf --background -o $work/huge-stamped.pdf"
+scale_append="$zpdf append $huge $huge -o $work/huge-appended.pdf"
+row "stamp 100000 pages + save" "$(median "$scale_stamp")" "goal" "10"
+row "stamp 100000 pages, peak MiB" "$(peak_mib "$scale_stamp")" "goal" "64"
+row "append 100000 to itself + save" "$(median "$scale_append")" "goal" "10"
+row "append 100000 to itself, peak MiB" "$(peak_mib "$scale_append")" "goal" "64"
+row "split marked100000 (every 7th)" "$(median --setup "$fresh" "$bench split $huge $work/parts/part")" "goal" "10"
+eval "$fresh"
+row "split 100000 pages, peak MiB" "$(peak_mib "$bench split $huge $work/parts/part")" "goal" "64"
+rm -rf "$work/parts" "$work/huge-stamped.pdf" "$work/huge-appended.pdf"
+mkdir -p "$work/jobs"
+one=$(median "$bench jobs 1 $work/text1000.pdf $work/lh.pdf $work/jobs")
+two=$(median "$bench jobs 2 $work/text1000.pdf $work/lh.pdf $work/jobs")
+row "two typical jobs, two threads" "$two" "the same on one thread" "$one"

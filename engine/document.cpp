@@ -57,11 +57,6 @@ int Authenticate(fz_context* ctx, pdf_document* doc, const char* password) {
     return authenticated;
 }
 
-bool LooksLikeSecurityProblem(const char* message) {
-    return std::strstr(message, "encrypt") != nullptr || std::strstr(message, "crypt") != nullptr ||
-           std::strstr(message, "security") != nullptr;
-}
-
 }  // namespace
 
 namespace {
@@ -169,14 +164,9 @@ void Document::Open(std::FILE* file, const std::optional<std::string>& password)
         doc = pdf_open_document_with_stream(ctx, stm);
     }
     fz_catch(ctx) {
-        const bool read_failed = FileStreamFailed(stm);
-        const bool security = LooksLikeSecurityProblem(fz_caught_message(ctx));
+        const ErrorCategory category = OpenFailureCategory(ctx, stm);
         fz_drop_stream(ctx, stm);
-        ThrowCaught(ctx,
-                    read_failed ? ErrorCategory::File
-                    : security  ? ErrorCategory::UnsupportedSecurity
-                                : ErrorCategory::NotPdf,
-                    "cannot open the document");
+        ThrowCaught(ctx, category, "cannot open the document");
     }
 
     if (!Authenticate(ctx, doc, password ? password->c_str() : nullptr)) {

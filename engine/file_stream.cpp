@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <cstring>
 
 #include "engine/internal.h"
 
@@ -100,6 +101,14 @@ fz_stream* OpenFileStream(fz_context* ctx, std::FILE* file) {
 
 bool FileStreamFailed(fz_stream* stream) {
     return stream != nullptr && static_cast<FileStreamState*>(stream->state)->failed;
+}
+
+ErrorCategory OpenFailureCategory(fz_context* ctx, fz_stream* stream) {
+    if (FileStreamFailed(stream)) return ErrorCategory::File;
+    const char* message = fz_caught_message(ctx);
+    if (std::strstr(message, "crypt") != nullptr || std::strstr(message, "security") != nullptr)
+        return ErrorCategory::UnsupportedSecurity;
+    return ErrorCategory::NotPdf;
 }
 
 }  // namespace zpdf::engine

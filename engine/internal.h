@@ -38,6 +38,9 @@ fz_context* NewDocumentContext();
 struct FileStreamState;
 fz_stream* OpenFileStream(fz_context* ctx, std::FILE* file);
 bool FileStreamFailed(fz_stream* stream);
+// Why opening a document from `stream` failed, from the error just caught: the file could not be
+// read, its security is not one the engine knows, or it is not a PDF. Call only from fz_catch.
+ErrorCategory OpenFailureCategory(fz_context* ctx, fz_stream* stream);
 
 // The engine rebuilds a damaged cross-reference table on its own when an object is not where the
 // table says; when that rebuild fails halfway, the document is left without any object. Throws

@@ -317,60 +317,25 @@ void CopyPage(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_docume
     }
 }
 
-struct SinkState {
-    ByteSink* sink;
-    int64_t position;
-    bool refused;
-};
-
-void WriteToSink(fz_context* ctx, void* state, const void* data, size_t size) {
-    auto* s = static_cast<SinkState*>(state);
-    if (!s->sink->Write(data, size)) {
-        s->refused = true;
-        fz_throw(ctx, FZ_ERROR_GENERIC, "cannot write the part file");
-    }
-    s->position += static_cast<int64_t>(size);
-}
-
-int64_t TellSink(fz_context* /*ctx*/, void* state) {
-    return static_cast<SinkState*>(state)->position;
-}
-
-// Builds the part in a new document and writes it.
-void WritePart(fz_context* ctx, pdf_document* src, const PageIndex* pages, int first, int last,
-               SinkState* state) {
-    pdf_document* dst = nullptr;
+// Builds the part in a new document of its own; returns it. Throws an engine error.
+pdf_document* BuildPart(fz_context* ctx, pdf_document* src, const PageIndex* pages, int first,
+                        int last) {
+    pdf_document* dst = pdf_create_document(ctx);
     pdf_graft_map* map = nullptr;
-    fz_output* out = nullptr;
-    fz_var(dst);
     fz_var(map);
-    fz_var(out);
-    pdf_write_options options = pdf_default_write_options;
-    options.do_incremental = 0;
     fz_try(ctx) {
-        dst = pdf_create_document(ctx);
         map = pdf_new_graft_map(ctx, dst);
         for (int page = first; page <= last; ++page)
             CopyPage(ctx, map, dst, src, pages, page, page - first);
-        if (DocumentHoldsEmptyName(ctx, dst)) options.do_pretty = 1;
-        out = fz_new_output(ctx, 64 * 1024, state, WriteToSink, nullptr, nullptr);
-        out->tell = TellSink;
-        pdf_write_document(ctx, dst, out, &options);
-        fz_close_output(ctx, out);
     }
     fz_always(ctx) {
-        fz_drop_output(ctx, out);
         pdf_drop_graft_map(ctx, map);
-        pdf_drop_document(ctx, dst);
     }
     fz_catch(ctx) {
-        ThrowCaught(ctx, state->refused ? ErrorCategory::File : ErrorCategory::Other,
-                    "cannot write the part");
+        pdf_drop_document(ctx, dst);
+        fz_rethrow(ctx);
     }
-}
-
-bool LooksLikeSecurityProblem(const char* message) {
-    return std::strstr(message, "crypt") != nullptr || std::strstr(message, "security") != nullptr;
+    return dst;
 }
 
 // 1 when the document opens without a password (or with the empty one).
@@ -434,12 +399,7 @@ void SplitSource::Open(std::FILE* file) {
         doc = pdf_open_document_with_stream(ctx, stm);
     }
     fz_catch(ctx) {
-        ThrowCaught(ctx,
-                    FileStreamFailed(stm) ? ErrorCategory::File
-                    : LooksLikeSecurityProblem(fz_caught_message(ctx))
-                        ? ErrorCategory::UnsupportedSecurity
-                        : ErrorCategory::NotPdf,
-                    "cannot open the document");
+        ThrowCaught(ctx, OpenFailureCategory(ctx, stm), "cannot open the document");
     }
     impl_->doc = doc;
     if (!OpensWithoutPassword(ctx, doc)) {
@@ -487,8 +447,22 @@ void SplitSource::WritePages(int first, int last, ByteSink& sink) {
                                                    std::to_string(last + 1) + " do not exist");
     }
     fz_context* ctx = impl_->ctx;
-    SinkState state{&sink, 0, false};
-    WritePart(ctx, impl_->doc, &impl_->index, first, last, &state);
+    pdf_document* part = nullptr;
+    fz_try(ctx) {
+        part = BuildPart(ctx, impl_->doc, &impl_->index, first, last);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, ErrorCategory::Other, "cannot make the part");
+    }
+    pdf_write_options options = pdf_default_write_options;
+    options.do_incremental = 0;
+    try {
+        RunEngineWriter(ctx, part, sink, options);
+    } catch (...) {
+        pdf_drop_document(ctx, part);
+        throw;
+    }
+    pdf_drop_document(ctx, part);
 }
 
 }  // namespace zpdf::engine

@@ -191,7 +191,7 @@ void Document::Open(std::FILE* file, const std::optional<std::string>& password)
     impl_->counts_corrected_after_repair = false;
     impl_->objects_placed = false;
     impl_->placed_streams.Clear();
-    impl_->pending_placements.clear();
+    impl_->pending.placements.clear();
 }
 
 void Document::Close() noexcept {
@@ -206,10 +206,10 @@ void Document::Close() noexcept {
         pdf_drop_document(ctx, impl_->doc);
         impl_->doc = nullptr;
         impl_->placed_streams.Clear();
-        impl_->pending_placements.clear();
+        impl_->pending.placements.clear();
     }
     // The documents recorded to be appended go with the document, and their files with them.
-    impl_->pending_appends.clear();
+    impl_->pending.appends.clear();
     if (impl_->stream != nullptr) {
         fz_drop_stream(ctx, impl_->stream);
         impl_->stream = nullptr;
@@ -226,16 +226,16 @@ int Document::PageCount() {
         ThrowCaught(ctx, ErrorCategory::NotPdf, "cannot count the pages");
     }
     int total = count;
-    for (const PendingAppend& append : impl_->pending_appends) total += append.pages;
+    for (const PendingAppend& append : impl_->pending.appends) total += append.pages;
     return total;
 }
 
 PageSize Document::GetPageSize(int index) {
-    if (!impl_->pending_appends.empty()) {
+    if (!impl_->pending.appends.empty()) {
         // A page still to be appended measures as in its own document: the copy keeps its
         // boxes, its rotation and its unit.
         int first = PageCount();
-        for (auto it = impl_->pending_appends.rbegin(); it != impl_->pending_appends.rend(); ++it) {
+        for (auto it = impl_->pending.appends.rbegin(); it != impl_->pending.appends.rend(); ++it) {
             first -= it->pages;
             if (index >= first && index < first + it->pages)
                 return it->source->Pages().GetPageSize(index - first);
@@ -326,7 +326,7 @@ std::vector<std::string> Document::UnsupportedFeatures() {
 bool DiffersFromItsFile(Document& doc) {
     Document::Impl& impl = doc.Internals();
     if (impl.doc == nullptr) return false;
-    if (!impl.pending_appends.empty() || !impl.pending_placements.empty()) return true;
+    if (!impl.pending.Empty()) return true;
     volatile int changed = 1;
     fz_try(impl.ctx) {
         changed = pdf_has_unsaved_changes(impl.ctx, impl.doc);
@@ -342,7 +342,7 @@ void WriteDocument(Document& doc, ByteSink& sink) {
     // The engine's writer would make every recorded placement and append in the document first
     // and hold all the changed and copied pages at once; ours makes them page by page as it
     // writes. A document with security of its own keeps it, which only the engine's writer does.
-    if (impl.doc == nullptr || (impl.pending_placements.empty() && impl.pending_appends.empty()) ||
+    if (impl.doc == nullptr || impl.pending.Empty() ||
         ReadSourceSecurity(impl.ctx, impl.doc).encrypted) {
         doc.Write(sink);
         return;

@@ -357,18 +357,18 @@ int PrepareRecordedAppend(fz_context* ctx, pdf_document* doc) {
 }  // namespace
 
 void MakeRecordedAppends(Document::Impl& impl) {
-    while (!impl.pending_appends.empty()) {
-        std::vector<PendingAppend> waiting = std::move(impl.pending_appends);
-        impl.pending_appends.clear();
+    while (!impl.pending.appends.empty()) {
+        std::vector<PendingAppend> waiting = std::move(impl.pending.appends);
+        impl.pending.appends.clear();
         try {
             ImportPageRun(impl, waiting.front().source->Pages().Internals(), nullptr, std::nullopt);
         } catch (...) {
             // Nothing of the failed one went in; it and those after it stay recorded.
-            impl.pending_appends = std::move(waiting);
+            impl.pending.appends = std::move(waiting);
             throw;
         }
         waiting.erase(waiting.begin());
-        impl.pending_appends = std::move(waiting);
+        impl.pending.appends = std::move(waiting);
     }
 }
 
@@ -382,7 +382,7 @@ bool RecordAppend(Document& dst, std::unique_ptr<AppendSource>& source) {
     Document::Impl& impl = dst.Internals();
     Document::Impl& from = source->Pages().Internals();
     if (&impl == &from || impl.doc == nullptr || from.doc == nullptr) return false;
-    if (!from.pending_appends.empty() || !from.pending_placements.empty()) return false;
+    if (!from.pending.Empty()) return false;
     // The source's table is checked now: a rebuild while it is written would renumber it.
     PlaceObjectsBeforeChanges(from);
     PlaceObjectsBeforeChanges(impl);
@@ -416,7 +416,7 @@ bool RecordAppend(Document& dst, std::unique_ptr<AppendSource>& source) {
         ready = 0;
     }
     if (ready == 0) return false;
-    impl.pending_appends.push_back(PendingAppend{std::move(source), count});
+    impl.pending.appends.push_back(PendingAppend{std::move(source), count});
     return true;
 }
 

@@ -106,6 +106,18 @@ struct PendingAppend {
     int pages = 0;
 };
 
+// The changes of a document's pages that are recorded instead of made at once, so that a long
+// print file stamped or appended to is never held in memory: our writer makes them page by page
+// as it writes the document, and anything else that reads or changes the pages makes them in the
+// document first (MakePendingChanges). Replacing pages is made at once.
+struct PendingPageChanges {
+    // Placements, in the order they were asked for; pages that are objects of their own only.
+    std::vector<PendingPlacement> placements;
+    // Runs of another document's pages to go at the end, in order; counted at once.
+    std::vector<PendingAppend> appends;
+    bool Empty() const { return placements.empty() && appends.empty(); }
+};
+
 // Placements of the same content on many pages (a letterhead on every page of a long print
 // file) share one stream instead of adding one a page. Content that differs from page to page
 // is not worth keeping, so only short streams are remembered, and only so many.
@@ -138,14 +150,8 @@ struct Document::Impl {
     // The content streams placed on pages, by their bytes, so that the same content placed on
     // many pages is one stream. Checked against the document before each reuse.
     SharedPlacementStreams placed_streams;
-    // Placements recorded and not yet made in the document, in the order they were asked for.
-    // Our writer draws them into the pages as it writes them; anything else that reads or
-    // copies a page's content makes them first (MakePendingChanges).
-    std::vector<PendingPlacement> pending_placements;
-    // Appends recorded and not yet made, in order. Our writer writes their pages after the
-    // document's own; the page count includes them; anything else that reads or changes the
-    // page tree makes them first (MakePendingAppends).
-    std::vector<PendingAppend> pending_appends;
+    // What is recorded to change in the pages and not made in the document yet.
+    PendingPageChanges pending;
 };
 
 // Makes the pending placements of the page at `index`, or all of them for -1, in the document
@@ -157,7 +163,7 @@ void MakeRecordedAppends(Document::Impl& impl);
 // Makes the pending appends in the document before its page tree is read or changed. Throws
 // EngineError.
 inline void MakePendingAppends(Document::Impl& impl) {
-    if (!impl.pending_appends.empty()) MakeRecordedAppends(impl);
+    if (!impl.pending.appends.empty()) MakeRecordedAppends(impl);
 }
 
 // Makes what is recorded for the document: the pending appends, then the placements of the
@@ -165,7 +171,7 @@ inline void MakePendingAppends(Document::Impl& impl) {
 // EngineError.
 inline void MakePendingChanges(Document::Impl& impl, int index) {
     MakePendingAppends(impl);
-    if (!impl.pending_placements.empty()) MakeRecordedPlacements(impl, index);
+    if (!impl.pending.placements.empty()) MakeRecordedPlacements(impl, index);
 }
 
 // Drops the objects the document parsed from its file that are still as the file has them and

@@ -168,7 +168,7 @@ int CountOwnPages(Document::Impl& impl) {
 }
 
 int CountDocumentPages(Document::Impl& impl) {
-    if (!impl.pending_appends.empty()) {
+    if (!impl.pending.appends.empty()) {
         fz_throw(impl.ctx, FZ_ERROR_GENERIC, "the appended pages are not in the page tree yet");
     }
     return CountOwnPages(impl);

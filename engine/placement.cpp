@@ -324,7 +324,7 @@ pdf_obj* ComposePlacedPage(fz_context* ctx, pdf_document* doc, pdf_obj* page,
 }
 
 void MakeRecordedPlacements(Document::Impl& impl, int index) {
-    std::vector<PendingPlacement>& pending = impl.pending_placements;
+    std::vector<PendingPlacement>& pending = impl.pending.placements;
     int only = 0;  // the page's object number; 0 for every page
     if (index >= 0) {
         fz_context* ctx = impl.ctx;
@@ -446,7 +446,7 @@ void PlaceFormXObject(Document& doc, std::uint32_t object_number, int page_index
         MakePlacements(impl, PageLocation{0, page_index}, std::span(&placement, 1));
         return;
     }
-    impl.pending_placements.push_back(placement);
+    impl.pending.placements.push_back(placement);
 }
 
 }  // namespace zpdf::engine

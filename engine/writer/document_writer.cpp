@@ -268,7 +268,7 @@ class DocumentWriter {
           out_(sink),
           printer_(impl.ctx, out_, encryption),
           encrypting_(encryption != nullptr) {
-        placements_ = impl.pending_placements;
+        placements_ = impl.pending.placements;
         std::stable_sort(
             placements_.begin(), placements_.end(),
             [](const PendingPlacement& a, const PendingPlacement& b) { return a.page < b.page; });
@@ -289,9 +289,9 @@ class DocumentWriter {
         ReadTrailer(ctx_, doc_, &trailer);
         const int length = trailer.xref_length;
         xref_.emplace(length);
-        if (!impl_.pending_appends.empty()) {
+        if (!impl_.pending.appends.empty()) {
             pages_root_ = PageTreeRootNumber(ctx_, doc_);
-            for (const PendingAppend& append : impl_.pending_appends) {
+            for (const PendingAppend& append : impl_.pending.appends) {
                 AppendedRun& run = runs_.emplace_back();
                 run.source = &append.source->Pages().Internals();
                 run.plan = PlanPageTree(append.pages);

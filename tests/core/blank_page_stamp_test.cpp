@@ -4,7 +4,9 @@
 // the stamped pages).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -32,6 +34,27 @@ std::string BlankPagesPdf() {
         test::PdfStream("", "BT /F1 12 Tf 20 150 Td (Body) Tj ET"),
         font,
     });
+}
+
+// How many pixels of the page, as poppler renders it in grey at a low resolution, are not white.
+size_t InkedPixels(const stdfs::path& pdf, int page) {
+    const stdfs::path out = pdf.parent_path() / ("page" + std::to_string(page));
+    const std::string n = std::to_string(page);
+    test::Run("pdftoppm -r 20 -gray -singlefile -f " + n + " -l " + n + " " + test::Quote(pdf) +
+              " " + test::Quote(out));
+    const std::string pgm = test::ReadBytes(out.string() + ".pgm");
+    // "P5 width height 255" and one byte a pixel.
+    std::istringstream head(pgm);
+    std::string magic;
+    size_t width = 0;
+    size_t height = 0;
+    int maximum = 0;
+    head >> magic >> width >> height >> maximum;
+    const size_t pixels = width * height;
+    if (magic != "P5" || pgm.size() < pixels) return 0;
+    const std::string body = pgm.substr(pgm.size() - pixels);
+    return static_cast<size_t>(std::count_if(
+        body.begin(), body.end(), [](char c) { return static_cast<unsigned char>(c) < 200; }));
 }
 
 size_t Occurrences(const std::string& text, const std::string& word) {
@@ -93,6 +116,7 @@ TEST(BlankPageStamp, EveryPageDrawsTheLetterhead) {
         for (size_t i = 0; i < texts.size(); ++i) {
             EXPECT_EQ(Occurrences(texts[i], "LETTERHEAD"), i == 1 ? 2u : 1u)
                 << "page " << i + 1 << ": " << texts[i];
+            EXPECT_GT(InkedPixels(result, static_cast<int>(i) + 1), 0u) << "page " << i + 1;
         }
     }
 }

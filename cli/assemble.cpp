@@ -41,6 +41,8 @@ int RunStamp(const std::vector<std::string>& args) {
     if (auto scale = parsed.Value("--scale"); scale && !ParsePair(*scale, true, &sx, &sy)) {
         return UsageError(kStampCommand, "--scale takes SX or SX,SY");
     }
+    if (const auto problem = PlacementValueProblem(x, y, sx, sy))
+        return UsageError(kStampCommand, *problem);
     const auto letterhead_page =
         ParseNumber(parsed.Value("--letterhead-page").value_or("1"), 1, 0x7FFFFFFF);
     if (!letterhead_page)

@@ -1,18 +1,20 @@
 // Stamping and page assembly: pages of another content object become form XObjects placed on
 // this document's pages, or are appended or put in place of pages of this document.
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <new>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "content_object/content_object.h"
 #include "content_object/diagnostics.h"
 #include "content_object/page_range.h"
-#include "engine/page_operations.h"
 #include "engine/engine.h"
+#include "engine/page_operations.h"
 #include "platform/files.h"
 
 namespace zpdf {
@@ -82,6 +84,24 @@ bool RecordAppend(engine::Document& doc, CZPdfContentObject& source) {
 
 }  // namespace
 
+std::optional<std::string> PlacementValueProblem(float transX, float transY, float scaleX,
+                                                 float scaleY) {
+    constexpr double kLargest = 32767;
+    constexpr double kSmallestScale = 0.0000005;  // rounds to 0.000001 when written
+    const std::pair<const char*, float> values[] = {{"translation x", transX},
+                                                    {"translation y", transY},
+                                                    {"scale x", scaleX},
+                                                    {"scale y", scaleY}};
+    for (const auto& [name, value] : values) {
+        if (!std::isfinite(value) || std::fabs(value) > kLargest)
+            return std::string("The ") + name + " " + std::to_string(value) +
+                   " is not a number between -32767 and 32767";
+    }
+    if (std::fabs(scaleX) < kSmallestScale || std::fabs(scaleY) < kSmallestScale)
+        return "A scale of 0 (or below one millionth) would draw nothing";
+    return std::nullopt;
+}
+
 // Opens the source's document, then this one's (in that order).
 HResult CZPdfContentObject::EnsureBothDocuments(CZPdfContentObject& source) {
     if (!source.IsDocumentOpen()) {
@@ -130,6 +150,8 @@ HResult CZPdfContentObject::ImportContent(CZPdfContentObject* srcObject,
 HResult CZPdfContentObject::PlaceContent(std::uint32_t srcObjectId, std::int32_t DestinationPage,
                                          float transX, float transY, float scaleX, float scaleY,
                                          VariantBool background) {
+    if (const auto problem = PlacementValueProblem(transX, transY, scaleX, scaleY))
+        return Fail(hr::kInvalidArg, *problem);
     if (!IsDocumentOpen()) {
         if (const HResult result = EnsurePdfDocument(); hr::Failed(result)) return result;
     }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,12 @@ class Document;
 
 // VARIANT_BOOL as the client passed it: 0 is false, anything else true (normally -1).
 using VariantBool = std::int16_t;
+
+// Why a placement's translation and scale cannot be written into a page's content, or nothing
+// when they can: every value finite and within what PDF readers take (32767 at most either
+// way), and each scale non-zero as written (six decimals).
+std::optional<std::string> PlacementValueProblem(float transX, float transY, float scaleX,
+                                                 float scaleY);
 
 // The texts of the load error codes, as written in the load diagnostics.
 std::string LoadErrorText(long code);

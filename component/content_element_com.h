@@ -1,31 +1,28 @@
 // ZPdfContentElement: the COM class over CZPdfContentElement.
 #pragma once
 
-#include <windows.h>
-#include <ocidl.h>
-
 #include "component/com_support.h"
 #include "content_element/content_element.h"
 
 namespace zpdf::com {
 
-class ContentElementCom final : public IZPdfContentElement,
-                                public IZElement,
-                                public IPersistStreamInit,
-                                public ISupportErrorInfo,
-                                private DispatchFromTypeLibrary<IZPdfContentElement> {
+class ContentElementCom final
+    : public ComObject<ContentElementCom, IZPdfContentElement, UndescribedDispatch<IZElement>,
+                       StreamPersistence<ContentElementCom, ZPdfContentElement>> {
 public:
-    static HRESULT Create(REFIID iid, void** object);
+    CZPdfContentElement& Core() { return core_; }
+    // The core element keeps no words for its failures: they are missing places for results and
+    // records the stream cannot give or take.
+    std::string ErrorText(HRESULT result) const {
+        return result == E_POINTER ? kNoPlace : "Cannot read or write the content element's record";
+    }
 
-    STDMETHODIMP QueryInterface(REFIID iid, void** object) override;
-    STDMETHODIMP_(ULONG) AddRef() override;
-    STDMETHODIMP_(ULONG) Release() override;
-
-    STDMETHODIMP GetTypeInfoCount(UINT* count) override;
-    STDMETHODIMP GetTypeInfo(UINT index, LCID lcid, ITypeInfo** info) override;
-    STDMETHODIMP GetIDsOfNames(REFIID iid, LPOLESTR* names, UINT count, LCID lcid, DISPID* ids) override;
-    STDMETHODIMP Invoke(DISPID member, REFIID iid, LCID lcid, WORD flags, DISPPARAMS* params,
-                        VARIANT* result, EXCEPINFO* exception, UINT* arg_error) override;
+    static constexpr Entry kInterfaces[] = {
+        {&IID_IZElement, &As<IZElement>},
+        {&IID_IPersistStreamInit, &As<IPersistStreamInit>},
+        {&IID_IPersistStream, &As<IPersistStreamInit>},
+        {&IID_IPersist, &As<IPersistStreamInit>},
+    };
 
     // IZPdfContentElement
     STDMETHODIMP SetPosition(LONG Left, LONG Top, LONG Width, LONG Height) override;
@@ -45,23 +42,11 @@ public:
     STDMETHODIMP DrawToDC(LONG hdc, LONG unused1, LONG unused2, LONG unused3, LONG unused4, LONG options,
                           LONG unused5) override;
 
-    // IPersistStreamInit
-    STDMETHODIMP GetClassID(CLSID* clsid) override;
-    STDMETHODIMP IsDirty() override;
-    STDMETHODIMP Load(IStream* stream) override;
-    STDMETHODIMP Save(IStream* stream, BOOL clear_dirty) override;
-    STDMETHODIMP GetSizeMax(ULARGE_INTEGER* size) override;
-    STDMETHODIMP InitNew() override;
-
-    // ISupportErrorInfo
-    STDMETHODIMP InterfaceSupportsErrorInfo(REFIID iid) override;
-
 private:
-    ContentElementCom();
-    ~ContentElementCom();
-    HRESULT Done(HRESULT result);
+    friend ComObject;
+    ContentElementCom() = default;
+    ~ContentElementCom() = default;
 
-    std::atomic<ULONG> refs_{1};
     CZPdfContentElement core_;
 };
 

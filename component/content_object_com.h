@@ -2,8 +2,7 @@
 // arguments, calls the core once and reports the result.
 #pragma once
 
-#include <windows.h>
-#include <ocidl.h>
+#include <optional>
 
 #include "component/com_support.h"
 #include "content_object/content_object.h"
@@ -15,28 +14,23 @@ namespace zpdf::com {
 // {5E0C2D8B-3F41-4B6A-9E2C-7A1D4F8B9C20}
 extern const IID IID_ZPdfContentObjectImplementation;
 
-class ContentObjectCom final : public IZPdfContentObject,
-                               public IZObject,
-                               public IPersistStreamInit,
-                               public ISupportErrorInfo,
-                               private DispatchFromTypeLibrary<IZPdfContentObject> {
+class ContentObjectCom final
+    : public ComObject<ContentObjectCom, IZPdfContentObject, UndescribedDispatch<IZObject>,
+                       StreamPersistence<ContentObjectCom, ZPdfContentObject>> {
 public:
-    static HRESULT Create(REFIID iid, void** object);
-    // The implementation behind `object`, or null when it is not one of ours.
+    // The implementation behind `object`, or null when it is not one of ours. The caller's
+    // reference to `object` keeps it alive.
     static ContentObjectCom* From(IZPdfContentObject* object);
     CZPdfContentObject& Core() { return core_; }
+    std::string ErrorText(HRESULT) const { return core_.LastErrorText(); }
 
-    // IUnknown
-    STDMETHODIMP QueryInterface(REFIID iid, void** object) override;
-    STDMETHODIMP_(ULONG) AddRef() override;
-    STDMETHODIMP_(ULONG) Release() override;
-
-    // IDispatch (both dual interfaces share it; it describes IZPdfContentObject)
-    STDMETHODIMP GetTypeInfoCount(UINT* count) override;
-    STDMETHODIMP GetTypeInfo(UINT index, LCID lcid, ITypeInfo** info) override;
-    STDMETHODIMP GetIDsOfNames(REFIID iid, LPOLESTR* names, UINT count, LCID lcid, DISPID* ids) override;
-    STDMETHODIMP Invoke(DISPID member, REFIID iid, LCID lcid, WORD flags, DISPPARAMS* params,
-                        VARIANT* result, EXCEPINFO* exception, UINT* arg_error) override;
+    static constexpr Entry kInterfaces[] = {
+        {&IID_IZObject, &As<IZObject>},
+        {&IID_IPersistStreamInit, &As<IPersistStreamInit>},
+        {&IID_IPersistStream, &As<IPersistStreamInit>},
+        {&IID_IPersist, &As<IPersistStreamInit>},
+        {&IID_ZPdfContentObjectImplementation, &As<ContentObjectCom>},
+    };
 
     // IZPdfContentObject
     STDMETHODIMP SetPdfDocument(BSTR PdfFile, VARIANT_BOOL Embed, BSTR Password) override;
@@ -66,23 +60,17 @@ public:
     STDMETHODIMP GetKind(LONG* kind) override;
     STDMETHODIMP Reserved(INT_PTR first, INT_PTR second, INT_PTR third) override;
 
-    // IPersistStreamInit
-    STDMETHODIMP GetClassID(CLSID* clsid) override;
-    STDMETHODIMP IsDirty() override;
-    STDMETHODIMP Load(IStream* stream) override;
-    STDMETHODIMP Save(IStream* stream, BOOL clear_dirty) override;
-    STDMETHODIMP GetSizeMax(ULARGE_INTEGER* size) override;
-    STDMETHODIMP InitNew() override;
-
-    // ISupportErrorInfo
-    STDMETHODIMP InterfaceSupportsErrorInfo(REFIID iid) override;
+    // IPersistStreamInit's Save, which IZPdfContentObject's hides.
+    using StreamPersistence::Save;
 
 private:
-    ContentObjectCom();
-    ~ContentObjectCom();
-    HRESULT Done(HRESULT result);
+    friend ComObject;
+    ContentObjectCom() = default;
+    ~ContentObjectCom() = default;
 
-    std::atomic<ULONG> refs_{1};
+    // The core behind a source argument (null for null); nothing for a foreign object.
+    static std::optional<CZPdfContentObject*> Source(IZPdfContentObject* source);
+
     CZPdfContentObject core_;
 };
 

@@ -4,22 +4,24 @@
 #include <windows.h>
 #include <objbase.h>
 
-#include <new>
 #include <string>
 
 #include "component/com_support.h"
 #include "component/content_element_com.h"
 #include "component/content_object_com.h"
 #include "engine/engine.h"
+#include "platform/module_path.h"
 
 namespace zpdf::com {
 namespace {
 
 using Creator = HRESULT (*)(REFIID, void**);
 
+// One per class, for the module's lifetime: handing it out locks the module, releasing it
+// unlocks it again.
 class ClassFactory final : public IClassFactory {
 public:
-    explicit ClassFactory(Creator create) : create_(create) { ++g_objects; }
+    explicit ClassFactory(Creator create) : create_(create) {}
     STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
         if (object == nullptr) return E_POINTER;
         *object = nullptr;
@@ -28,42 +30,32 @@ public:
         AddRef();
         return S_OK;
     }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++refs_; }
-    STDMETHODIMP_(ULONG) Release() override {
-        const ULONG left = --refs_;
-        if (left == 0) delete this;
-        return left;
-    }
+    STDMETHODIMP_(ULONG) AddRef() override { return static_cast<ULONG>(++g_locks) + 1; }
+    STDMETHODIMP_(ULONG) Release() override { return static_cast<ULONG>(--g_locks) + 1; }
     STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** object) override {
         if (object == nullptr) return E_POINTER;
         *object = nullptr;
         if (outer != nullptr) return CLASS_E_NOAGGREGATION;
-        return create_(iid, object);
+        return Guard(IID_IClassFactory, [&] { return create_(iid, object); });
     }
     STDMETHODIMP LockServer(BOOL lock) override {
-        if (lock) {
-            ++g_locks;
-        } else {
-            --g_locks;
-        }
+        g_locks += lock ? 1 : -1;
         return S_OK;
     }
 
 private:
-    ~ClassFactory() { --g_objects; }
     Creator create_;
-    std::atomic<ULONG> refs_{1};
 };
 
 struct ClassEntry {
     const CLSID& clsid;
-    Creator create;
-    const wchar_t* name;        // "ZPdfContentObject"
+    ClassFactory factory;
+    const wchar_t* name;  // "ZPdfContentObject"
 };
 
-const ClassEntry kClasses[] = {
-    {__uuidof(ZPdfContentObject), &ContentObjectCom::Create, L"ZPdfContentObject"},
-    {__uuidof(ZPdfContentElement), &ContentElementCom::Create, L"ZPdfContentElement"},
+ClassEntry g_classes[] = {
+    {__uuidof(ZPdfContentObject), ClassFactory(&ContentObjectCom::Create), L"ZPdfContentObject"},
+    {__uuidof(ZPdfContentElement), ClassFactory(&ContentElementCom::Create), L"ZPdfContentElement"},
 };
 
 constexpr wchar_t kAppId[] = L"{E42F1C69-DA91-4556-BA8A-499D34B15467}";
@@ -167,9 +159,8 @@ HRESULT RegisterTypeLibrary(const std::wstring& module) {
 
 using namespace zpdf::com;
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved) {
     if (reason == DLL_PROCESS_ATTACH) {
-        SetModuleInstance(instance);
         zpdf::engine::StartProcessEngine();
     } else if (reason == DLL_PROCESS_DETACH && reserved == nullptr) {
         // Unloaded while the process goes on: give the engine's memory back. At process exit
@@ -182,14 +173,8 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved
 STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* object) {
     if (object == nullptr) return E_POINTER;
     *object = nullptr;
-    if (ModuleInstance() == nullptr) return E_UNEXPECTED;
-    for (const ClassEntry& entry : kClasses) {
-        if (clsid != entry.clsid) continue;
-        auto* factory = new (std::nothrow) ClassFactory(entry.create);
-        if (factory == nullptr) return E_OUTOFMEMORY;
-        const HRESULT hr = factory->QueryInterface(iid, object);
-        factory->Release();
-        return hr;
+    for (ClassEntry& entry : g_classes) {
+        if (clsid == entry.clsid) return entry.factory.QueryInterface(iid, object);
     }
     return CLASS_E_CLASSNOTAVAILABLE;
 }
@@ -202,26 +187,31 @@ STDAPI DllRegisterServer() {
     // The scripts are processed under the system's locale, whatever the caller's.
     const LCID caller_locale = GetThreadLocale();
     SetThreadLocale(LOCALE_SYSTEM_DEFAULT);
-    const std::wstring module = ModulePath();
-    HRESULT hr = RegisterAppId();
-    for (const ClassEntry& entry : kClasses) {
-        if (SUCCEEDED(hr)) hr = RegisterClass(entry, module);
-    }
-    if (SUCCEEDED(hr)) hr = RegisterTypeLibrary(module);
+    const HRESULT result = Guard(IID_NULL, [] {
+        const std::wstring module = zpdf::ModuleFilePath().wstring();
+        HRESULT hr = RegisterAppId();
+        for (const ClassEntry& entry : g_classes) {
+            if (SUCCEEDED(hr)) hr = RegisterClass(entry, module);
+        }
+        if (SUCCEEDED(hr)) hr = RegisterTypeLibrary(module);
+        return hr;
+    });
     SetThreadLocale(caller_locale);
-    return hr;
+    return result;
 }
 
 STDAPI DllUnregisterServer() {
-    HRESULT hr = S_OK;
-    for (const ClassEntry& entry : kClasses) {
-        if (SUCCEEDED(hr)) hr = UnregisterClass(entry);
-    }
-    if (SUCCEEDED(hr)) {
-        RemoveTree(std::wstring(L"AppID\\") + kAppId);
-        RemoveTree(std::wstring(L"AppID\\") + kModuleFileName);
-        const HRESULT unregistered = UnRegisterTypeLib(LIBID_ZPdfCntObjLib, 1, 0, 0, TypeLibraryKind());
-        if (FAILED(unregistered) && unregistered != TYPE_E_REGISTRYACCESS) hr = unregistered;
-    }
-    return hr;
+    return Guard(IID_NULL, [] {
+        HRESULT hr = S_OK;
+        for (const ClassEntry& entry : g_classes) {
+            if (SUCCEEDED(hr)) hr = UnregisterClass(entry);
+        }
+        if (SUCCEEDED(hr)) {
+            RemoveTree(std::wstring(L"AppID\\") + kAppId);
+            RemoveTree(std::wstring(L"AppID\\") + kModuleFileName);
+            const HRESULT unregistered = UnRegisterTypeLib(LIBID_ZPdfCntObjLib, 1, 0, 0, TypeLibraryKind());
+            if (FAILED(unregistered) && unregistered != TYPE_E_REGISTRYACCESS) hr = unregistered;
+        }
+        return hr;
+    });
 }

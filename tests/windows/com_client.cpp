@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <cwchar>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -186,6 +187,85 @@ void TypeLibraryChecks() {
     lib->Release();
 }
 
+
+// What both classes owe each interface they answer: its failures described in error information
+// of its own, the print engine's interfaces (described in the engine's library, not ours) with an
+// IDispatch that knows no member of the default interface, and the identity by which content
+// objects find each other counted like any pointer handed out.
+void InterfaceChecks(IZPdfContentObject* object, IZObject* zobject, IZPdfContentElement* element,
+                     IZElement* zelement) {
+    IPersistStreamInit* object_persist = nullptr;
+    object->QueryInterface(IID_IPersistStreamInit, reinterpret_cast<void**>(&object_persist));
+    IPersistStreamInit* element_persist = nullptr;
+    element->QueryInterface(IID_IPersistStreamInit, reinterpret_cast<void**>(&element_persist));
+    LONG n = 0;
+    const struct {
+        const char* what;
+        IUnknown* target;
+        const IID& iid;
+        std::function<HRESULT()> call;
+    } failures[] = {
+        {"IZObject GetKind without a place", object, IID_IZObject, [&] { return zobject->GetKind(nullptr); }},
+        {"object Load without a stream", object, IID_IPersistStreamInit, [&] { return object_persist->Load(nullptr); }},
+        {"element GetPosition without places", element, IID_IZPdfContentElement,
+         [&] { return element->GetPosition(nullptr, &n, &n, &n); }},
+        {"IZElement GetKind without a place", element, IID_IZElement, [&] { return zelement->GetKind(nullptr); }},
+        {"IZElement GetBounds without places", element, IID_IZElement,
+         [&] { return zelement->GetBounds(nullptr, &n, &n, &n); }},
+        {"element GetSizeMax without a place", element, IID_IPersistStreamInit,
+         [&] { return element_persist->GetSizeMax(nullptr); }},
+        {"element Load without a stream", element, IID_IPersistStreamInit,
+         [&] { return element_persist->Load(nullptr); }},
+    };
+    for (const auto& f : failures) {
+        SetErrorInfo(0, nullptr);
+        const HRESULT hr = f.call();
+        ISupportErrorInfo* support = nullptr;
+        f.target->QueryInterface(IID_ISupportErrorInfo, reinterpret_cast<void**>(&support));
+        const bool supported = support != nullptr && support->InterfaceSupportsErrorInfo(f.iid) == S_OK;
+        SafeRelease(support);
+        IErrorInfo* error = nullptr;
+        BSTR description = nullptr;
+        GUID guid = GUID_NULL;
+        if (GetErrorInfo(0, &error) == S_OK && error != nullptr) {
+            error->GetDescription(&description);
+            error->GetGUID(&guid);
+            error->Release();
+        }
+        Check(hr == E_POINTER && supported && description != nullptr && SysStringLen(description) > 0 &&
+                  IsEqualGUID(guid, f.iid),
+              (std::string(f.what) + " is described as a failure of its interface").c_str(), hr);
+        SysFreeString(description);
+    }
+    SafeRelease(object_persist);
+    SafeRelease(element_persist);
+
+    const struct {
+        const char* what;
+        IDispatch* dispatch;
+        const wchar_t* member;  // of the class's default interface
+    } engine_interfaces[] = {{"IZObject", zobject, L"PageCount"}, {"IZElement", zelement, L"Page"}};
+    for (const auto& e : engine_interfaces) {
+        UINT count = 1;
+        LPOLESTR name = const_cast<LPOLESTR>(e.member);
+        DISPID id = 0;
+        Check(e.dispatch->GetTypeInfoCount(&count) == S_OK && count == 0 &&
+                  e.dispatch->GetIDsOfNames(IID_NULL, &name, 1, 0, &id) == DISP_E_UNKNOWNNAME,
+              (std::string(e.what) + "'s IDispatch does not describe the default interface").c_str());
+    }
+
+    // {5E0C2D8B-3F41-4B6A-9E2C-7A1D4F8B9C20}, the component's own.
+    const IID identity = {0x5e0c2d8b, 0x3f41, 0x4b6a, {0x9e, 0x2c, 0x7a, 0x1d, 0x4f, 0x8b, 0x9c, 0x20}};
+    const ULONG before = object->AddRef();
+    object->Release();
+    void* self = nullptr;
+    const HRESULT hr = object->QueryInterface(identity, &self);
+    const ULONG after = object->AddRef();
+    object->Release();
+    Check(hr == S_OK && after == before + 1, "the implementation identity is a counted reference", hr);
+    if (SUCCEEDED(hr)) object->Release();
+}
+
 }  // namespace
 
 // Another apartment's view of the object: the interface marshalled to a thread of the
@@ -266,14 +346,13 @@ int wmain(int argc, wchar_t** argv) {
     hr = object->QueryInterface(__uuidof(IZObject), reinterpret_cast<void**>(&zobject));
     LONG kind = 0;
     Check(SUCCEEDED(hr) && zobject->GetKind(&kind) == S_OK && kind == 305, "IZObject kind is 305", hr);
-    if (zobject != nullptr) Check(zobject->GetKind(nullptr) == E_POINTER, "IZObject kind needs a pointer");
     if (zobject != nullptr) Check(zobject->Reserved(0, 0, 0) == E_NOTIMPL, "IZObject second method is not implemented");
-    SafeRelease(zobject);
     IZElement* zelement = nullptr;
     hr = element->QueryInterface(__uuidof(IZElement), reinterpret_cast<void**>(&zelement));
     kind = 0;
     Check(SUCCEEDED(hr) && zelement->GetKind(&kind) == S_OK && kind == 305, "IZElement kind is 305", hr);
-    if (zelement != nullptr) Check(zelement->GetKind(nullptr) == E_POINTER, "IZElement kind needs a pointer");
+    if (zobject != nullptr && zelement != nullptr) InterfaceChecks(object, zobject, element, zelement);
+    SafeRelease(zobject);
 
     // The holder through the vtable, and its error information.
     hr = object->SetPdfDocument(nullptr, VARIANT_FALSE, nullptr);
@@ -495,6 +574,11 @@ int wmain(int argc, wchar_t** argv) {
     SafeRelease(zelement);
     SafeRelease(element);
     SafeRelease(object);
+    // Every object and class factory handed out came back: the module may unload.
+    using CanUnloadNow = HRESULT(STDAPICALLTYPE*)();
+    const auto can_unload = reinterpret_cast<CanUnloadNow>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ZPdfCntObj.dll"), "DllCanUnloadNow")));
+    Check(can_unload != nullptr && can_unload() == S_OK, "the module can unload once everything is released");
     CoUninitialize();
     std::printf("%d passed, %d failed\n", g_passed, g_failed);
     return g_failed == 0 ? 0 : 1;

@@ -222,7 +222,8 @@ HResult CZPdfContentObject::ReplacePages(std::int32_t destPage, CZPdfContentObje
 }
 
 HResult CZPdfContentObject::OverlayPrepare(const OptionalText& /*SourcePdfFile*/) {
-    return hr::kNotImpl;
+    return Fail(hr::kNotImpl,
+                "Overlays are not implemented: stamp with ImportContent and PlaceContent");
 }
 
 HResult CZPdfContentObject::OverlayPage(std::int32_t SourcePage, std::int32_t DestinationPage,
@@ -233,7 +234,7 @@ HResult CZPdfContentObject::OverlayPage(std::int32_t SourcePage, std::int32_t De
 }
 
 HResult CZPdfContentObject::OverlayFinish() {
-    return hr::kNotImpl;
+    return OverlayPrepare(std::nullopt);
 }
 
 HResult CZPdfContentObject::OverlayPage2(std::int32_t /*SourcePage*/,
@@ -241,7 +242,7 @@ HResult CZPdfContentObject::OverlayPage2(std::int32_t /*SourcePage*/,
                                          std::int32_t /*ptPosLeft*/, std::int32_t /*ptPosTop*/,
                                          std::int32_t /*ptPosRight*/, std::int32_t /*ptPosBottom*/,
                                          std::int32_t /*nOptions*/) {
-    return hr::kNotImpl;
+    return OverlayPrepare(std::nullopt);
 }
 
 }  // namespace zpdf

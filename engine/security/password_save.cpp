@@ -54,15 +54,15 @@ class OptionsWiper {
 
 }  // namespace
 
-void SaveWithPasswords(engine::Document& doc, engine::ByteSink& sink,
+void SaveWithPasswords(Document& doc, ByteSink& sink,
                        const std::optional<std::string>& user_password,
                        const std::optional<std::string>& owner_password) {
-    engine::Document::Impl& impl = doc.Internals();
+    Document::Impl& impl = doc.Internals();
     if (impl.doc == nullptr) throw SecuredSaveError("No document is open");
-    engine::PlaceObjectsBeforeChanges(impl);
-    engine::MakePendingChanges(impl, -1);
+    PlaceObjectsBeforeChanges(impl);
     const SourceSecurity source = ReadSourceSecurity(impl.ctx, impl.doc);
     if (!source.encrypted) throw SecuredSaveError(kNotEncryptedText);
+    MakePendingChanges(impl, -1);
 
     pdf_write_options options = pdf_default_write_options;
     OptionsWiper wiper(options);

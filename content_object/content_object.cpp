@@ -49,8 +49,8 @@ HResult CZPdfContentObject::Fail(HResult result, std::string why) const {
 HResult CZPdfContentObject::SetPdfDocument(const OptionalText& PdfFile, VariantBool Embed,
                                            const OptionalText& Password) {
     if (!PdfFile) return Fail(hr::kInvalidArg, "No file name was given");
-    if (!fs::AnyFileMatches(ToPath(*PdfFile))) {
-        return Fail(hr::kInvalidArg, "No file matches " + Utf16ToUtf8(*PdfFile));
+    if (!fs::FileExists(ToPath(*PdfFile))) {
+        return Fail(hr::kInvalidArg, Utf16ToUtf8(*PdfFile) + " does not exist");
     }
     ResetDocument();
     dirty_ = 1;

@@ -107,6 +107,12 @@ int MakeTempCopy(const std::filesystem::path& source, std::filesystem::path* cop
     return 0;
 }
 
+bool FileExists(const std::filesystem::path& path) {
+    std::error_code ec;
+    const auto status = std::filesystem::status(path, ec);
+    return !ec && std::filesystem::exists(status) && !std::filesystem::is_directory(status);
+}
+
 void RemoveQuietly(const std::filesystem::path& path) {
     std::error_code ec;
     std::filesystem::remove(path, ec);

@@ -43,9 +43,9 @@ using FaultHook = std::function<int(FileOp op, const std::filesystem::path& path
 void SetFaultHook(FaultHook hook);
 int InjectedFault(FileOp op, const std::filesystem::path& path);
 
-// True when at least one file system entry matches `pattern` (wildcards allowed, as a directory
-// search would take them).
-bool AnyFileMatches(const std::filesystem::path& pattern);
+// True when `path`, taken literally (no character has a wildcard meaning), names an existing
+// entry that is not a folder.
+bool FileExists(const std::filesystem::path& path);
 
 // Creates a new, empty, uniquely named file whose name starts with "zpf" in the temporary
 // directory. Returns a Win32 error number, 0 on success.

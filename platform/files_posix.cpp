@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <glob.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,15 +11,6 @@ namespace zpdf::fs {
 
 int Win32ErrorFromErrorCode(const std::error_code& error) {
     return error ? Win32ErrorFromErrno(error.value()) : 0;
-}
-
-bool AnyFileMatches(const std::filesystem::path& pattern) {
-    if (pattern.empty()) return false;
-    glob_t found{};
-    const int rc = ::glob(pattern.c_str(), GLOB_NOSORT, nullptr, &found);
-    const bool any = rc == 0 && found.gl_pathc > 0;
-    ::globfree(&found);
-    return any;
 }
 
 int CreateTempFile(std::filesystem::path* created) {

@@ -15,14 +15,6 @@ int Win32ErrorFromErrorCode(const std::error_code& error) {
     return Win32ErrorFromErrno(error.value());
 }
 
-bool AnyFileMatches(const std::filesystem::path& pattern) {
-    WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW(pattern.c_str(), &data);
-    if (find == INVALID_HANDLE_VALUE) return false;
-    FindClose(find);
-    return true;
-}
-
 int CreateTempFile(std::filesystem::path* created) {
     wchar_t dir[MAX_PATH];
     const DWORD length = GetTempPathW(MAX_PATH, dir);

@@ -149,7 +149,7 @@ TEST(Png, StreamedBandsLandInTheirRows) {
     EXPECT_EQ(pixel(2, 3), "\xFF\xFF\xFF");
 }
 
-TEST(Files, TemporaryCopiesAndPatterns) {
+TEST(Files, TemporaryCopiesAndLiteralNames) {
     const auto dir = test::ScratchDir();
     const auto source = dir / "source.bin";
     test::WriteBytes(source, "bytes");
@@ -160,9 +160,12 @@ TEST(Files, TemporaryCopiesAndPatterns) {
     std::filesystem::remove(copy);
 
     EXPECT_EQ(fs::MakeTempCopy(dir / "missing.bin", &copy), fs::kErrorFileNotFound);
-    EXPECT_TRUE(fs::AnyFileMatches(dir / "sour*.bin"));
-    EXPECT_FALSE(fs::AnyFileMatches(dir / "x*.bin"));
-    EXPECT_FALSE(fs::AnyFileMatches(""));
+    // Names are literal: brackets and stars are characters of the name, not a pattern.
+    test::WriteBytes(dir / "report[1].pdf", "x");
+    EXPECT_TRUE(fs::FileExists(dir / "report[1].pdf"));
+    EXPECT_FALSE(fs::FileExists(dir / "sour*.bin"));
+    EXPECT_FALSE(fs::FileExists(dir));
+    EXPECT_FALSE(fs::FileExists(""));
 }
 
 }  // namespace

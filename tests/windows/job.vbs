@@ -44,7 +44,7 @@ Check parts = 2, "the marked print file is split into two parts"
 On Error Resume Next
 doc.SetPdfDocument args(0) & ".missing", False, ""
 Check Err.Number = &H80070057, "a missing file fails with E_INVALIDARG"
-Check InStr(Err.Description, "No file matches") > 0, "the failure is described: " & Err.Description
+Check InStr(Err.Description, "does not exist") > 0, "the failure is described: " & Err.Description
 Err.Clear
 doc.OverlayFinish
 Check Err.Number = &H80004001, "the overlay members are not implemented"

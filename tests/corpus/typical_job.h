@@ -1,8 +1,8 @@
 // The typical job of a print engine, run on one PDF file that comes from outside: set the
 // document, count and measure its pages, draw the first pages, stamp it onto a small document,
 // append it to one, save, split, and re-secure it when its file is encrypted. Used by the corpus
-// run (one process per file) and by the document fuzz target. The file itself is only read: the
-// job works on a copy in its own folder.
+// run (one process per file), the valgrind run and the document fuzz target. The file itself is
+// only read: the job works on a copy in its own folder.
 #pragma once
 
 #include <climits>
@@ -15,27 +15,6 @@
 #include "platform/hresult.h"
 
 namespace zpdf::corpus {
-
-struct JobReport;
-struct StepReport;
-
-struct JobOptions {
-    std::filesystem::path document;  // the file to try; never written
-    std::filesystem::path work_dir;  // created if missing; the job's files go here
-    int pages_to_measure = INT_MAX;
-    // A document with more pages is opened, measured, drawn and saved, but not stamped,
-    // appended or split.
-    int max_pages_to_assemble = INT_MAX;
-    int pages_to_draw = 2;
-    int draw_dpi = 36;
-    int max_raster_side = 600;  // pixels; larger pages are drawn smaller
-    bool secured_saves = true;
-    // PEM text of the recipient certificate for the certificate-recipient save; without it that
-    // save is left out.
-    std::optional<std::string> certificate_pem;
-    // Told of each step as soon as it is over, so that a run that stops shows how far it got.
-    std::function<void(const JobReport&, const StepReport&)> on_step;
-};
 
 enum class Outcome {
     Done,     // the step did what it should
@@ -58,7 +37,23 @@ struct JobReport {
     std::vector<StepReport> steps;  // the first one is "open"
 
     bool AnyWrong() const;
-    bool AnyRefused() const;
+};
+
+struct JobOptions {
+    std::filesystem::path document;  // the file to try; never written
+    std::filesystem::path work_dir;  // created if missing; the job's files go here
+    int pages_to_measure = INT_MAX;
+    // A document with more pages is opened, measured, drawn and saved, but not stamped,
+    // appended or split.
+    int max_pages_to_assemble = INT_MAX;
+    int pages_to_draw = 2;
+    int draw_dpi = 36;
+    int max_raster_side = 600;  // pixels; larger pages are drawn smaller
+    // PEM text of the recipient certificate for the certificate-recipient save; without it that
+    // save is left out.
+    std::optional<std::string> certificate_pem;
+    // Told of each step as soon as it is over, so that a run that stops shows how far it got.
+    std::function<void(const JobReport&, const StepReport&)> on_step;
 };
 
 JobReport RunTypicalJob(const JobOptions& options);

@@ -31,16 +31,11 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
-    options.on_step = [](const zpdf::corpus::JobReport& report,
-                         const zpdf::corpus::StepReport& step) {
-        if (report.steps.size() == 1 && report.opened) std::printf("pages: %d\n", report.pages);
-        std::fputs(zpdf::corpus::FormatStep(step).c_str(), stdout);
-        std::fflush(stdout);
-    };
+    options.lines = stdout;
     try {
         const zpdf::corpus::JobReport report = zpdf::corpus::RunTypicalJob(options);
         if (!report.opened) return 1;
-        return report.AnyWrong() ? 3 : 0;
+        return report.wrong ? 3 : 0;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "zpdf_corpus_job: %s\n", e.what());
         return 2;

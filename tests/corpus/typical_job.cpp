@@ -53,8 +53,8 @@ class Job {
         if (!Open()) return;
         Measure();
         Draw();
-        if (report_.pages > options_.max_pages_to_assemble) {
-            Done("stamp", Cat("left out: ", report_.pages, " pages"));
+        if (pages_ > options_.max_pages_to_assemble) {
+            Done("stamp", Cat("left out: ", pages_, " pages"));
             Save();
         } else {
             Stamp();
@@ -66,27 +66,34 @@ class Job {
     }
 
   private:
-    void Record(Outcome outcome, HResult result, const std::string& detail) {
-        report_.steps.push_back(StepReport{step_, outcome, result, detail});
-        if (options_.on_step) options_.on_step(report_, report_.steps.back());
+    void Line(const std::string& line) {
+        report_.lines += line;
+        if (options_.lines == nullptr) return;
+        std::fputs(line.c_str(), options_.lines);
+        std::fflush(options_.lines);
+    }
+    // "step: outcome: detail"; a WRONG outcome marks the report.
+    void Record(const char* outcome, const std::string& detail) {
+        report_.wrong |= std::string(outcome) == "WRONG";
+        Line(Cat(step_, ": ", outcome, detail.empty() ? "" : ": ", detail, "\n"));
     }
     void Done(const char* step, const std::string& what = "") {
         step_ = step;
-        Record(Outcome::Done, hr::kOk, what);
+        Record("done", what);
     }
     // A failure is a refusal, or wrong when the object gives no reason. True on success.
     bool Ok(HResult result, const CZPdfContentObject& object, const std::string& doing = "") {
         if (hr::Succeeded(result)) return true;
         const std::string& why = object.LastErrorText();
         const std::string what = doing.empty() ? why : doing + ": " + why;
-        Record(why.empty() ? Outcome::Wrong : Outcome::Refused, result,
+        Record(why.empty() ? "WRONG" : "refused",
                Cat(why.empty() ? doing + ": failed without a reason" : what, " (",
                    FormatHResult(result), ")"));
         return false;
     }
     // A success whose result is not what it should be.
     bool Expect(bool holds, const std::string& what) {
-        if (!holds) Record(Outcome::Wrong, hr::kOk, what);
+        if (!holds) Record("WRONG", what);
         return holds;
     }
 
@@ -97,10 +104,11 @@ class Job {
             !Ok(object_.PageCount(&pages), object_))
             return false;
         report_.opened = true;
-        report_.pages = pages;
+        pages_ = pages;
+        Line(Cat("pages: ", pages, "\n"));
         try {
-            report_.encrypted = object_.EngineDocument().Facts().encrypted;
-            Done("open", Cat(pages, " pages", report_.encrypted ? ", encrypted" : ""));
+            encrypted_ = object_.EngineDocument().Facts().encrypted;
+            Done("open", Cat(pages, " pages", encrypted_ ? ", encrypted" : ""));
         } catch (const engine::EngineError& e) {
             Expect(false, Cat("the document's facts cannot be read: ", e.what()));
         }
@@ -110,7 +118,7 @@ class Job {
     // Every page's size; a refused page ends the step.
     void Measure() {
         step_ = "measure";
-        const int last = std::min(report_.pages, options_.pages_to_measure);
+        const int last = std::min(pages_, options_.pages_to_measure);
         for (int page = 1; page <= last; ++page) {
             double w = 0, h = 0;
             if (!Ok(object_.GetPageSize(page, &w, &h), object_, Cat("page ", page)) ||
@@ -137,7 +145,7 @@ class Job {
 
     void Draw() {
         step_ = "draw";
-        const int last = std::min(report_.pages, options_.pages_to_draw);
+        const int last = std::min(pages_, options_.pages_to_draw);
         for (int page = 1; page <= last; ++page) {
             if (!Ok(DrawPage(object_, page), object_, Cat("page ", page))) return;
         }
@@ -154,7 +162,7 @@ class Job {
         const stdfs::path path = SmallDocument(options_.work_dir / "stamped.pdf", false);
         if (!Ok(target.SetPdfDocument(FromPath(path), 0, u""), target) ||
             !Ok(target.ImportContent(&object_, &forms), target, "import") ||
-            !Expect(forms.size() == static_cast<std::size_t>(report_.pages),
+            !Expect(forms.size() == static_cast<std::size_t>(pages_),
                     Cat("the import made ", forms.size(), " forms")))
             return;
         const auto form = std::find_if(forms.begin(), forms.end(), [](auto id) { return id != 0; });
@@ -178,7 +186,7 @@ class Job {
         if (!Ok(target.SetPdfDocument(FromPath(appended_), 0, u""), target) ||
             !Ok(target.AppendPages(&object_), target) ||
             !Ok(target.PageCount(&pages), target, "count") ||
-            !Expect(pages == 1 + report_.pages, Cat("1 + ", report_.pages, " pages: ", pages)) ||
+            !Expect(pages == 1 + pages_, Cat("1 + ", pages_, " pages: ", pages)) ||
             !Ok(target.Save(), target, "save") ||
             !Expect(CountPages(appended_) == pages, "the saved file has other pages"))
             return false;
@@ -191,7 +199,7 @@ class Job {
         std::int32_t pages = 0;
         double w = 0, h = 0;
         if (!Ok(object_.Save(), object_) || !Ok(object_.PageCount(&pages), object_, "reopen") ||
-            !Expect(pages == report_.pages, Cat(report_.pages, " pages became ", pages)))
+            !Expect(pages == pages_, Cat(pages_, " pages became ", pages)))
             return;
         if (first_size_ && (!Ok(object_.GetPageSize(1, &w, &h), object_, "measure") ||
                             !Expect(std::abs(w - first_size_->first) <= 0.01 &&
@@ -218,7 +226,7 @@ class Job {
         const std::string prefix = (options_.work_dir / "part").string();
         if (!Ok(splitter.SplitPdf(FromPath(appended_), FromPath(prefix), &parts), splitter,
                 "the appended file") ||
-            !Expect((parts == 0) == (report_.pages == 0) && parts != 1, Cat(parts, " parts")))
+            !Expect((parts == 0) == (pages_ == 0) && parts != 1, Cat(parts, " parts")))
             return;
         int part_pages = 0;
         for (int part = 1; part <= parts; ++part) {
@@ -228,7 +236,7 @@ class Job {
                 return;
             part_pages += pages;
         }
-        if (Expect(parts == 0 || part_pages == 1 + report_.pages,
+        if (Expect(parts == 0 || part_pages == 1 + pages_,
                    Cat("the parts hold ", part_pages, " pages")))
             Done("split", Cat(parts, " parts"));
     }
@@ -239,7 +247,7 @@ class Job {
         const stdfs::path secured = options_.work_dir / "secured.pdf";
         const HResult result = object_.SaveWithSecurityTo(secured, u"user", u"owner");
         std::error_code ec;
-        if (!report_.encrypted) {
+        if (!encrypted_) {
             // A file without encryption is refused, and nothing is written.
             if (Expect(result == hr::kFail && !stdfs::exists(secured, ec),
                        "a file without encryption gave " + FormatHResult(result)))
@@ -247,7 +255,7 @@ class Job {
             return;
         }
         if (!Ok(result, object_, "passwords") ||
-            !Expect(CountPages(secured, u"user") == report_.pages, "the secured file differs"))
+            !Expect(CountPages(secured, u"user") == pages_, "the secured file differs"))
             return;
         if (options_.certificate_pem) {
             const stdfs::path pubkey = options_.work_dir / "pubkey.pdf";
@@ -268,31 +276,16 @@ class Job {
     const stdfs::path appended_ = options_.work_dir / "appended.pdf";
     std::optional<std::pair<double, double>> first_size_;
     const char* step_ = "";
+    int pages_ = 0;
+    bool encrypted_ = false;
 };
 
 }  // namespace
-
-bool JobReport::AnyWrong() const {
-    return std::any_of(steps.begin(), steps.end(),
-                       [](const StepReport& s) { return s.outcome == Outcome::Wrong; });
-}
 
 JobReport RunTypicalJob(const JobOptions& options) {
     JobReport report;
     Job(options, report).Run();
     return report;
-}
-
-std::string FormatStep(const StepReport& step) {
-    static const char* const kOutcomes[] = {"done", "refused", "WRONG"};
-    return Cat(step.step, ": ", kOutcomes[static_cast<int>(step.outcome)],
-               step.detail.empty() ? "" : ": ", step.detail, "\n");
-}
-
-std::string FormatReport(const JobReport& report) {
-    std::string out;
-    for (const StepReport& step : report.steps) out += FormatStep(step);
-    return out;
 }
 
 }  // namespace zpdf::corpus

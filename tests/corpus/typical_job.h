@@ -6,38 +6,12 @@
 #pragma once
 
 #include <climits>
+#include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <string>
-#include <vector>
-
-#include "platform/hresult.h"
 
 namespace zpdf::corpus {
-
-enum class Outcome {
-    Done,     // the step did what it should
-    Refused,  // the component refused with a failure result and a reason
-    Wrong,    // the component claimed success but the result is not what it should be, or
-              // failed without saying why
-};
-
-struct StepReport {
-    std::string step;
-    Outcome outcome = Outcome::Done;
-    HResult result = hr::kOk;
-    std::string detail;
-};
-
-struct JobReport {
-    bool opened = false;  // the page count could be read
-    int pages = 0;
-    bool encrypted = false;
-    std::vector<StepReport> steps;  // the first one is "open"
-
-    bool AnyWrong() const;
-};
 
 struct JobOptions {
     std::filesystem::path document;  // the file to try; never written
@@ -52,15 +26,19 @@ struct JobOptions {
     // PEM text of the recipient certificate for the certificate-recipient save; without it that
     // save is left out.
     std::optional<std::string> certificate_pem;
-    // Told of each step as soon as it is over, so that a run that stops shows how far it got.
-    std::function<void(const JobReport&, const StepReport&)> on_step;
+    // Where the job's lines go as soon as they are known, so that a run that stops shows how
+    // far it got: "pages: N" once the document opened, then one line per step: "open: done: 2
+    // pages", "append: refused: reason (0x8000FFFF)", "save: WRONG: what happened"...
+    std::FILE* lines = nullptr;
+};
+
+struct JobReport {
+    bool opened = false;  // the page count could be read
+    // A step whose result is not what it should be, or that failed without saying why.
+    bool wrong = false;
+    std::string lines;  // every line of the job
 };
 
 JobReport RunTypicalJob(const JobOptions& options);
-
-// One line for a step, or one per step of a report: "open: done", "append: refused: reason
-// (0x8000FFFF)"...
-std::string FormatStep(const StepReport& step);
-std::string FormatReport(const JobReport& report);
 
 }  // namespace zpdf::corpus

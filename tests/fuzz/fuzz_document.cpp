@@ -51,8 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const char* value = std::getenv("ZPDF_FUZZ_STRICT");
         return value != nullptr && std::string(value) == "1";
     }();
-    if (strict && report.AnyWrong()) {
-        std::fputs(zpdf::corpus::FormatReport(report).c_str(), stderr);
+    if (strict && report.wrong) {
+        std::fputs(report.lines.c_str(), stderr);
         std::abort();
     }
     std::error_code ec;

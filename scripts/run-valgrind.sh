@@ -2,7 +2,7 @@
 # Runs the typical job (zpdf_corpus_job) and the zpdf commands that change documents under
 # valgrind, on a handful of documents made here: a Ghostscript print file with part-end markers,
 # the same file encrypted by qpdf with a user password and with an owner password only, and
-# damaged files whose table the engine has to rebuild. Builds a plain RelWithDebInfo tree
+# damaged copies of it whose table the engine has to rebuild. Builds a plain RelWithDebInfo tree
 # (build-valgrind; ZPDF_VALGRIND_BUILD_DIR changes it) with the two executables only. Any
 # further arguments are PDF files (from the corpus, for example) that go through the job too.
 # Fails when valgrind reports an error or a definite leak, or when a command fails that must not.
@@ -39,37 +39,23 @@ gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pdfwrite -sPAPERSIZE=a4 -o letterhead.p
 qpdf --encrypt user owner 256 -- marked.pdf user-password.pdf
 qpdf --encrypt "" owner 256 -- marked.pdf owner-password.pdf
 
-# damaged OUT MISPLACED OBJECT...: a PDF of the given objects (numbered from 1) whose table
-# entry for object MISPLACED points at the end of the object before it.
-damaged() {
-    local out=$1 misplaced=$2 body="%PDF-1.4"$'\n' i=1 offsets=() xref
-    shift 2
-    for object in "$@"; do
-        offsets+=("${#body}")
-        body+="$i 0 obj"$'\n'"$object"$'\n'"endobj"$'\n'
-        i=$((i + 1))
-    done
-    xref=${#body}
-    body+="xref"$'\n'"0 $i"$'\n'"0000000000 65535 f "$'\n'
-    for ((n = 1; n < i; n++)); do
-        local offset=${offsets[n - 1]}
-        [ "$n" -eq "$misplaced" ] && offset=$((offset - 7))
-        body+="$(printf '%010d 00000 n ' "$offset")"$'\n'
-    done
-    body+="trailer"$'\n'"<< /Size $i /Root 1 0 R >>"$'\n'"startxref"$'\n'"$xref"$'\n'"%%EOF"$'\n'
-    printf '%s' "$body" >"$out"
+# Damaged copies of the print file, edited line by line in qpdf's QDF form, where every object
+# and table entry has lines of its own: the table entry of the font names the place of the
+# object before it, so drawing makes the engine rebuild the table, and the root's /Count is
+# wrong. In failed-rebuild.pdf, fix-qdf has first listed one more object, whose string runs to
+# the end of the file: the rebuild gives up there and leaves no catalog.
+misplace() {
+    local xref font entry
+    xref=$(grep -a -n '^xref$' "$1" | cut -d: -f1)
+    font=$(grep -a -B2 '^  /BaseFont /Helvetica$' "$1" | sed -n 's/ 0 obj$//p')
+    entry=$(sed -n "$((xref + 1 + font))p" "$1")
+    sed -e "$((xref + 2 + font))s/.*/$entry/" -e 's|^  /Count 6$|  /Count 9|' "$1" >"$2"
 }
-content="BT /F1 24 Tf 72 200 Td (Hello) Tj ET"
-text="<< /Length ${#content} >>"$'\n'"stream"$'\n'"$content"$'\n'"endstream"
-font="<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>"
-page="<< /Type /Page /Parent 2 0 R /MediaBox [0 0 300 300] /Contents 4 0 R"
-page+=" /Resources << /Font << /F1 5 0 R >> >> >>"
-# Drawing reads the misplaced font and the engine rebuilds the table; the root's /Count is wrong.
-damaged rebuilt.pdf 5 "<< /Type /Catalog /Pages 2 0 R >>" \
-    "<< /Type /Pages /Kids [3 0 R] /Count 5 >>" "$page" "$text" "$font"
-# The rebuild gives up at the last object, whose string runs to the end of the file.
-damaged failed-rebuild.pdf 5 "<< /Type /Catalog /Pages 2 0 R >>" \
-    "<< /Type /Pages /Kids [3 0 R] /Count 1 >>" "$page" "$text" "$font" "<< /Damaged (text >>"
+qpdf --qdf --object-streams=disable marked.pdf qdf.pdf
+misplace qdf.pdf rebuilt.pdf
+size=$(sed -n 's|^  /Size ||p' qdf.pdf)
+sed "/^xref\$/i $size 0 obj\\n<< /Damaged (text >>\\nendobj\\n" qdf.pdf | fix-qdf >unfinished.pdf
+misplace unfinished.pdf failed-rebuild.pdf
 openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=zpdf-valgrind \
     -keyout recipient.key -out recipient.pem 2>/dev/null
 

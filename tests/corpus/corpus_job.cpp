@@ -1,4 +1,5 @@
-// zpdf_corpus_job: the typical job on one PDF file, for scripts/corpus/run.sh.
+// zpdf_corpus_job: the typical job on one PDF file, for scripts/corpus/run.sh and the valgrind
+// run.
 //
 //   zpdf_corpus_job FILE WORK_DIR [--certificate CERT.pem]
 //
@@ -10,47 +11,31 @@
 #include <exception>
 #include <fstream>
 #include <iterator>
-#include <string>
 
 #include "tests/corpus/typical_job.h"
 
 int main(int argc, char** argv) {
-    zpdf::corpus::JobOptions options;
-    int positional = 0;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--certificate") == 0 && i + 1 < argc) {
-            std::ifstream in(argv[++i], std::ios::binary);
-            options.certificate_pem.emplace(std::istreambuf_iterator<char>(in),
-                                            std::istreambuf_iterator<char>());
-            if (!in || options.certificate_pem->empty()) {
-                std::fprintf(stderr, "zpdf_corpus_job: cannot read %s\n", argv[i]);
-                return 2;
-            }
-        } else if (positional == 0) {
-            options.document = argv[i];
-            ++positional;
-        } else if (positional == 1) {
-            options.work_dir = argv[i];
-            ++positional;
-        } else {
-            positional = 3;
-        }
-    }
-    if (positional != 2) {
+    if (argc != 3 && (argc != 5 || std::strcmp(argv[3], "--certificate") != 0)) {
         std::fputs("usage: zpdf_corpus_job FILE WORK_DIR [--certificate CERT.pem]\n", stderr);
         return 2;
     }
-
-    options.on_step = [](const zpdf::corpus::JobReport& report,
-                         const zpdf::corpus::StepReport& step) {
-        if (report.steps.size() == 1 && report.opened) std::printf("pages: %d\n", report.pages);
-        std::fputs(zpdf::corpus::FormatStep(step).c_str(), stdout);
-        std::fflush(stdout);
-    };
+    zpdf::corpus::JobOptions options;
+    options.document = argv[1];
+    options.work_dir = argv[2];
+    if (argc == 5) {
+        std::ifstream in(argv[4], std::ios::binary);
+        options.certificate_pem.emplace(std::istreambuf_iterator<char>(in),
+                                        std::istreambuf_iterator<char>());
+        if (!in || options.certificate_pem->empty()) {
+            std::fprintf(stderr, "zpdf_corpus_job: cannot read %s\n", argv[4]);
+            return 2;
+        }
+    }
+    options.lines = stdout;
     try {
         const zpdf::corpus::JobReport report = zpdf::corpus::RunTypicalJob(options);
         if (!report.opened) return 1;
-        return report.AnyWrong() ? 3 : 0;
+        return report.wrong ? 3 : 0;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "zpdf_corpus_job: %s\n", e.what());
         return 2;

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -17,6 +16,7 @@ namespace zpdf {
 namespace {
 
 namespace stdfs = std::filesystem;
+using test::PdfStream;
 
 // A PDF file whose object i + 1 is objects[i], with a classic cross-reference table that lists
 // the first `listed` objects (all of them when negative) and a /Size to match. The entry of
@@ -24,147 +24,133 @@ namespace stdfs = std::filesystem;
 std::string PdfFile(const std::vector<std::string>& objects, int listed = -1, int misplaced = 0) {
     const std::size_t count = listed < 0 ? objects.size() : static_cast<std::size_t>(listed);
     std::string out = "%PDF-1.4\n";
-    std::vector<std::size_t> offsets;
+    std::string table = "xref\n0 " + std::to_string(count + 1) + "\n0000000000 65535 f \n";
     for (std::size_t i = 0; i < objects.size(); ++i) {
-        offsets.push_back(out.size());
+        char entry[24];
+        const bool moved = static_cast<int>(i) + 1 == misplaced;
+        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", out.size() - (moved ? 7 : 0));
+        if (i < count) table += entry;
         out += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
     }
-    const std::size_t xref = out.size();
-    out += "xref\n0 " + std::to_string(count + 1) + "\n0000000000 65535 f \n";
-    for (std::size_t i = 0; i < count; ++i) {
-        char entry[24];
-        const std::size_t offset = static_cast<int>(i) + 1 == misplaced
-                                       ? offsets[i] - std::strlen("endobj\n")
-                                       : offsets[i];
-        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", offset);
-        out += entry;
-    }
-    out += "trailer\n<< /Size " + std::to_string(count + 1) + " /Root 1 0 R >>\nstartxref\n" +
-           std::to_string(xref) + "\n%%EOF\n";
-    return out;
+    return out + table + "trailer\n<< /Size " + std::to_string(count + 1) +
+           " /Root 1 0 R >>\nstartxref\n" + std::to_string(out.size()) + "\n%%EOF\n";
 }
 
-std::string Stream(const std::string& content) {
-    return "<< /Length " + std::to_string(content.size()) + " >>\nstream\n" + content +
-           "\nendstream";
-}
+const std::string kCatalog = "<< /Type /Catalog /Pages 2 0 R >>";
+const std::string kHelvetica = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>";
+const std::string kHello = PdfStream("", "BT /F1 24 Tf 72 700 Td (Hello) Tj ET");
 
+std::string Pages(const std::string& kids, const std::string& count) {
+    return "<< /Type /Pages /Kids [" + kids + "] /Count " + count + " >>";
+}
 std::string Page(int parent, int width, int height, const std::string& extra = "") {
     return "<< /Type /Page /Parent " + std::to_string(parent) + " 0 R /MediaBox [0 0 " +
            std::to_string(width) + " " + std::to_string(height) + "] " + extra + " >>";
 }
+// A page whose text is object `text` in the font object `text` + 1.
+std::string TextPage(int width, int height, int text = 4) {
+    return Page(2, width, height,
+                "/Contents " + std::to_string(text) + " 0 R /Resources << /Font << /F1 " +
+                    std::to_string(text + 1) + " 0 R >> >>");
+}
 
-struct Size {
-    double width;
-    double height;
-};
+HResult SetFile(CZPdfContentObject& object, const stdfs::path& file) {
+    return object.SetPdfDocument(FromPath(file), 0, u"");
+}
 
-struct Case {
-    const char* name;
-    std::string pdf;
-    std::vector<Size> pages;  // what the content object must count and measure
-    // Lines the job must print; with none, every step of the job must be done.
-    std::vector<std::string> job_lines = {};
-};
+// Page 1 drawn at 72 dpi into a square raster of `side` pixels: the red of pixel (x, y).
+int DrawnPixel(CZPdfContentObject& object, int side, int x, int y) {
+    RasterDeviceContext dc(side, side);
+    EXPECT_EQ(object.DrawPageToDC(dc, 1, 0, 0, side, side, 0, 0, 0, 0, 0), hr::kOk)
+        << object.LastErrorText();
+    return dc.Pixel(x, y)[0];
+}
 
-std::vector<Case> Cases() {
-    const std::string kNoCatalog =
+TEST(CorpusRegression, DamagedFilesGoThroughTheWholeJob) {
+    const std::string no_catalog =
         "the document has no catalog: its damaged table could not be repaired";
-    const std::string text = Stream("BT /F1 24 Tf 72 700 Td (Hello) Tj ET");
-    return {
+    const struct {
+        const char* name;
+        std::string pdf;
+        std::vector<std::pair<double, double>> pages;  // what the content object must measure
+        // Lines the job must print; with none, every step of the job must be done.
+        std::vector<std::string> job_lines = {};
+    } cases[] = {
         // The page's font is a dictionary of its own inside the page. Drawing the page puts the
         // font in the engine's store under that dictionary; drawing a page stamped with it in
         // another document compares the two equal dictionaries, which grows the first
         // document's cross-reference table under the store's lock: the job waited for itself.
         {"direct font dictionary",
-         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+         PdfFile({kCatalog, Pages("3 0 R", "1"),
                   Page(2, 595, 842,
-                       "/Contents 4 0 R /Resources << /Font << /F1 << /Type /Font /Subtype "
-                       "/Type1 /BaseFont /Helvetica >> >> >>"),
-                  text}),
+                       "/Contents 4 0 R /Resources << /Font << /F1 " + kHelvetica + " >> >>"),
+                  kHello}),
          {{595, 842}}},
         // The table lists the catalog alone, as a damaged subsection header leaves it; the
         // page tree is only found by rebuilding the table (no page at all before).
         {"page tree left out of the table",
-         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
-                  Page(2, 300, 400)},
-                 1),
+         PdfFile({kCatalog, Pages("3 0 R", "1"), Page(2, 300, 400)}, 1),
          {{300, 400}}},
         // The root's /Count claims ten billion pages (the engine read it as 1410065407 and the
         // job measured for hours); the tree holds one.
         {"root count of ten billion",
-         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
-                  "<< /Type /Pages /Kids [3 0 R] /Count 9999999999 >>", Page(2, 200, 100)}),
+         PdfFile({kCatalog, Pages("3 0 R", "9999999999"), Page(2, 200, 100)}),
          {{200, 100}}},
         // A negative count hid both pages.
         {"negative root count",
-         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
-                  "<< /Type /Pages /Kids [3 0 R 4 0 R] /Count -3 >>", Page(2, 100, 200),
-                  Page(2, 300, 400)}),
+         PdfFile({kCatalog, Pages("3 0 R 4 0 R", "-3"), Page(2, 100, 200), Page(2, 300, 400)}),
          {{100, 200}, {300, 400}}},
         // An inner node that says it holds one page of its two: the second page was found in
         // the third's place and the third not at all.
         {"inner count too small",
-         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
-                  "<< /Type /Pages /Kids [3 0 R 6 0 R] /Count 3 >>",
+         PdfFile({kCatalog, Pages("3 0 R 6 0 R", "3"),
                   "<< /Type /Pages /Parent 2 0 R /Kids [4 0 R 5 0 R] /Count 1 >>",
                   Page(3, 100, 100), Page(3, 200, 200), Page(2, 300, 300)}),
          {{100, 100}, {200, 200}, {300, 300}}},
         // One node under the root twice: its page is there twice, counted once per place.
         {"shared inner node",
-         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
-                  "<< /Type /Pages /Kids [3 0 R 3 0 R] /Count 7 >>",
+         PdfFile({kCatalog, Pages("3 0 R 3 0 R", "7"),
                   "<< /Type /Pages /Parent 2 0 R /Kids [4 0 R] /Count 1 >>", Page(3, 150, 250)}),
          {{150, 250}, {150, 250}}},
         // An empty name before a number: the engine's writer glued them into the name "/7", so
         // the saved page tree no longer read and the saved document had no page.
         {"empty name before a number",
-         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
-                  "<< /Type /Pages / 7 /Kids [3 0 R] /Count 1 >>", Page(2, 250, 350)}),
+         PdfFile({kCatalog, "<< /Type /Pages / 7 /Kids [3 0 R] /Count 1 >>", Page(2, 250, 350)}),
          {{250, 350}}},
         // The counts are corrected when the document opens; drawing then loads the font, which is
         // not where the table says, and the engine rebuilds the table and reads the root's
         // /Count of five again: the document lost its pages' count halfway through the job.
         {"count read again by a rebuild",
-         PdfFile(
-             {"<< /Type /Catalog /Pages 2 0 R >>",
-              "<< /Type /Pages /Kids [3 0 R 4 0 R] /Count 5 >>",
-              Page(2, 300, 300, "/Contents 5 0 R /Resources << /Font << /F1 6 0 R >> >>"),
-              Page(2, 400, 400), text, "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>"},
-             -1, 6),
+         PdfFile({kCatalog, Pages("3 0 R 4 0 R", "5"), TextPage(300, 300, 5), Page(2, 400, 400),
+                  kHello, kHelvetica},
+                 -1, 6),
          {{300, 300}, {400, 400}}},
         // Drawing loads the font, which is not where the table says, so the engine rebuilds the
         // table; the rebuild gives up at the last object, whose string runs to the end of the
         // file, and leaves the document without any object. The steps after that saved an empty
         // document over the file and appended no page while reporting success.
         {"rebuild that fails halfway",
-         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
-                  Page(2, 400, 500, "/Contents 4 0 R /Resources << /Font << /F1 5 0 R >> >>"), text,
-                  "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>", "<< /Damaged (text >>"},
+         PdfFile({kCatalog, Pages("3 0 R", "1"), TextPage(400, 500), kHello, kHelvetica,
+                  "<< /Damaged (text >>"},
                  -1, 5),
          {{400, 500}},
          {"draw: done: 1 pages\n",
-          "append: refused: Cannot append the pages: cannot import the pages: " + kNoCatalog +
+          "append: refused: Cannot append the pages: cannot import the pages: " + no_catalog +
               " (0x8000FFFF)\n",
-          "save: refused: cannot write the document: " + kNoCatalog + " (0x80004005)\n"}},
+          "save: refused: cannot write the document: " + no_catalog + " (0x80004005)\n"}},
         // The same with an object that only saving reads: the rebuild fails while the document is
         // written, and what was written must not replace the file.
         {"rebuild that fails while saving",
-         PdfFile({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
-                  Page(2, 400, 500), "<< /Unused true >>", "<< /Damaged (text >>"},
+         PdfFile({kCatalog, Pages("3 0 R", "1"), Page(2, 400, 500), "<< /Unused true >>",
+                  "<< /Damaged (text >>"},
                  -1, 4),
          {{400, 500}},
-         {"save: refused: cannot write the document: " + kNoCatalog + " (0x80004005)\n"}},
+         {"save: refused: cannot write the document: " + no_catalog + " (0x80004005)\n"}},
     };
-}
-
-TEST(CorpusRegression, DamagedFilesGoThroughTheWholeJob) {
     const stdfs::path scratch = test::ScratchDir();
-    const std::vector<Case> cases = Cases();
-    for (std::size_t i = 0; i < cases.size(); ++i) {
-        const Case& c = cases[i];
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const stdfs::path dir = scratch / std::to_string(i);
+        const stdfs::path dir = scratch / c.name;
         stdfs::create_directories(dir);
         const stdfs::path file = dir / "document.pdf";
         test::WriteBytes(file, c.pdf);
@@ -172,17 +158,14 @@ TEST(CorpusRegression, DamagedFilesGoThroughTheWholeJob) {
         // The count and sizes in this process; a failure here leaves the other cases to run.
         [&] {
             CZPdfContentObject object;
-            ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
+            ASSERT_EQ(SetFile(object, file), hr::kOk);
             std::int32_t pages = 0;
             ASSERT_EQ(object.PageCount(&pages), hr::kOk) << object.LastErrorText();
             ASSERT_EQ(pages, static_cast<std::int32_t>(c.pages.size()));
             for (std::int32_t page = 1; page <= pages; ++page) {
-                double width = 0;
-                double height = 0;
-                ASSERT_EQ(object.GetPageSize(page, &width, &height), hr::kOk)
-                    << "page " << page << ": " << object.LastErrorText();
-                EXPECT_DOUBLE_EQ(width, c.pages[page - 1].width) << "page " << page;
-                EXPECT_DOUBLE_EQ(height, c.pages[page - 1].height) << "page " << page;
+                double width = 0, height = 0;
+                ASSERT_EQ(object.GetPageSize(page, &width, &height), hr::kOk) << page;
+                EXPECT_EQ(std::pair(width, height), c.pages[page - 1]) << page;
             }
         }();
 
@@ -208,17 +191,9 @@ TEST(CorpusRegression, SplitFindsThePagesThatTheCountHides) {
     const stdfs::path dir = test::ScratchDir();
     const stdfs::path file = dir / "document.pdf";
     test::WriteBytes(
-        file, PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
-                       "<< /Type /Pages /Kids [3 0 R << /Type /Page /Parent 2 0 R /MediaBox [0 0 "
-                       "100 100] >>] /Count /Two >>",
-                       Page(2, 200, 200, "/Contents 4 0 R /Resources << /Font << /F1 5 0 R >> >>"),
-                       Stream("BT /F1 12 Tf 72 100 Td (@@nd@@) Tj ET"),
-                       "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>"}));
+        file, PdfFile({kCatalog, Pages("3 0 R " + Page(2, 100, 100), "/Two"), TextPage(200, 200),
+                       PdfStream("", "BT /F1 12 Tf 72 100 Td (@@nd@@) Tj ET"), kHelvetica}));
     CZPdfContentObject object;
-    std::int32_t pages = 0;
-    ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
-    ASSERT_EQ(object.PageCount(&pages), hr::kOk);
-    EXPECT_EQ(pages, 2);
     std::int32_t parts = 0;
     EXPECT_EQ(object.SplitPdf(FromPath(file), FromPath(dir / "part"), &parts), hr::kOk)
         << object.LastErrorText();
@@ -235,36 +210,26 @@ TEST(CorpusRegression, SplitFindsThePagesThatTheCountHides) {
 // write in the table's index). Each document now keeps its own store.
 TEST(CorpusRegression, DocumentsDoNotShareFontsOfTheSameWords) {
     const stdfs::path dir = test::ScratchDir();
-    const auto type3_document = [&](const std::string& name, const std::string& glyph) {
-        const stdfs::path file = dir / name;
-        test::WriteBytes(
-            file,
-            PdfFile({"<< /Type /Catalog /Pages 2 0 R >>",
-                     "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
-                     Page(2, 200, 200,
-                          "/Contents 4 0 R /Resources << /Font << /F1 << /Type /Font /Subtype "
-                          "/Type3 /FontBBox [0 0 1000 1000] /FontMatrix [0.001 0 0 0.001 0 0] "
-                          "/CharProcs 5 0 R /Encoding << /Type /Encoding /Differences [65 /A] >> "
-                          "/FirstChar 65 /LastChar 65 /Widths [1000] >> >> >>"),
-                     Stream("BT /F1 100 Tf 50 50 Td (A) Tj ET"), "<< /A 6 0 R >>", Stream(glyph)}));
-        return file;
-    };
-    const stdfs::path square =
-        type3_document("square.pdf", "1000 0 0 0 1000 1000 d1 0 0 1000 1000 re f");
-    const stdfs::path blank = type3_document("blank.pdf", "1000 0 d0");
-
     // Drawn at 72 dpi, the square covers device pixels 50 to 150 of the 200 x 200 page.
-    const auto centre_of = [](const stdfs::path& file, CZPdfContentObject& object) {
-        EXPECT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
-        RasterDeviceContext dc(200, 200);
-        EXPECT_EQ(object.DrawPageToDC(dc, 1, 0, 0, 200, 200, 0, 0, 0, 0, 0), hr::kOk)
-            << object.LastErrorText();
-        return static_cast<int>(dc.Pixel(100, 100)[0]);
+    const auto centre_of = [&](const std::string& name, const std::string& glyph,
+                               CZPdfContentObject& object) {
+        const std::string font =
+            "/Type /Font /Subtype /Type3 /FontBBox [0 0 1000 1000] /FontMatrix [0.001 0 0 0.001 0 "
+            "0] /CharProcs 5 0 R /Encoding << /Type /Encoding /Differences [65 /A] >> /FirstChar "
+            "65 /LastChar 65 /Widths [1000]";
+        test::WriteBytes(
+            dir / name,
+            PdfFile({kCatalog, Pages("3 0 R", "1"),
+                     Page(2, 200, 200,
+                          "/Contents 4 0 R /Resources << /Font << /F1 << " + font + " >> >> >>"),
+                     PdfStream("", "BT /F1 100 Tf 50 50 Td (A) Tj ET"), "<< /A 6 0 R >>",
+                     PdfStream("", glyph)}));
+        EXPECT_EQ(SetFile(object, dir / name), hr::kOk);
+        return DrawnPixel(object, 200, 100, 100);
     };
-    CZPdfContentObject first;
-    CZPdfContentObject second;
-    EXPECT_EQ(centre_of(square, first), 0);
-    EXPECT_EQ(centre_of(blank, second), 255);
+    CZPdfContentObject first, second;
+    EXPECT_EQ(centre_of("square.pdf", "1000 0 0 0 1000 1000 d1 0 0 1000 1000 re f", first), 0);
+    EXPECT_EQ(centre_of("blank.pdf", "1000 0 d0", second), 255);
 }
 
 // A document whose font is not where its table says: the engine rebuilds the table the first
@@ -273,50 +238,36 @@ TEST(CorpusRegression, DocumentsDoNotShareFontsOfTheSameWords) {
 // them. The table is now checked, and rebuilt if need be, before the first change.
 TEST(CorpusRegression, ChangesSurviveTheRebuildOfADamagedTable) {
     const stdfs::path dir = test::ScratchDir();
-    const stdfs::path square = dir / "square.pdf";
-    test::WriteBytes(
-        square,
-        PdfFile({"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
-                 Page(2, 100, 100, "/Contents 4 0 R"), Stream("0 0 100 100 re f")}));
-    enum class Change { Append, Stamp };
-    for (const Change change : {Change::Append, Change::Stamp}) {
-        SCOPED_TRACE(change == Change::Append ? "append" : "stamp");
-        const stdfs::path file = dir / (change == Change::Append ? "append.pdf" : "stamp.pdf");
+    test::WriteBytes(dir / "square.pdf",
+                     PdfFile({kCatalog, Pages("3 0 R", "1"), Page(2, 100, 100, "/Contents 4 0 R"),
+                              PdfStream("", "0 0 100 100 re f")}));
+    for (const bool append : {true, false}) {
+        SCOPED_TRACE(append ? "append" : "stamp");
+        const stdfs::path file = dir / (append ? "append.pdf" : "stamp.pdf");
         test::WriteBytes(
-            file,
-            PdfFile(
-                {"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
-                 Page(2, 300, 300, "/Contents 4 0 R /Resources << /Font << /F1 5 0 R >> >>"),
-                 Stream("BT /F1 24 Tf 72 200 Td (Hello) Tj ET"),
-                 "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>"},
-                -1, 5));
-        CZPdfContentObject object;
-        CZPdfContentObject source;
-        ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
-        ASSERT_EQ(source.SetPdfDocument(FromPath(square), 0, u""), hr::kOk);
-        if (change == Change::Append) {
+            file, PdfFile({kCatalog, Pages("3 0 R", "1"), TextPage(300, 300),
+                           PdfStream("", "BT /F1 24 Tf 72 200 Td (Hello) Tj ET"), kHelvetica},
+                          -1, 5));
+        CZPdfContentObject object, source, saved;
+        ASSERT_EQ(SetFile(object, file), hr::kOk);
+        ASSERT_EQ(SetFile(source, dir / "square.pdf"), hr::kOk);
+        std::vector<std::uint32_t> forms;
+        if (append) {
             ASSERT_EQ(object.AppendPages(&source), hr::kOk) << object.LastErrorText();
         } else {
-            std::vector<std::uint32_t> forms;
             ASSERT_EQ(object.ImportContent(&source, &forms), hr::kOk) << object.LastErrorText();
             ASSERT_EQ(object.PlaceContent(forms.at(0), 1, 0, 0, 1, 1, 0), hr::kOk);
         }
-        RasterDeviceContext drawn(300, 300);
-        EXPECT_EQ(object.DrawPageToDC(drawn, 1, 0, 0, 300, 300, 0, 0, 0, 0, 0), hr::kOk);
+        DrawnPixel(object, 300, 0, 0);
         ASSERT_EQ(object.Save(), hr::kOk) << object.LastErrorText();
 
-        CZPdfContentObject saved;
-        ASSERT_EQ(saved.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
+        ASSERT_EQ(SetFile(saved, file), hr::kOk);
         std::int32_t pages = 0;
         ASSERT_EQ(saved.PageCount(&pages), hr::kOk);
-        EXPECT_EQ(pages, change == Change::Append ? 2 : 1);
+        EXPECT_EQ(pages, append ? 2 : 1);
         EXPECT_EQ(test::QpdfPageCount(file), pages);
-        if (change == Change::Stamp) {
-            // The square covers the bottom left 100 x 100 points of the page.
-            RasterDeviceContext dc(300, 300);
-            EXPECT_EQ(saved.DrawPageToDC(dc, 1, 0, 0, 300, 300, 0, 0, 0, 0, 0), hr::kOk);
-            EXPECT_EQ(dc.Pixel(50, 250)[0], 0);
-        }
+        // The stamped square covers the bottom left 100 x 100 points of the page.
+        EXPECT_EQ(DrawnPixel(saved, 300, 50, 250), append ? 255 : 0);
     }
 }
 

@@ -9,14 +9,9 @@
 
 #include "engine/security/recipient_certificates.h"
 #include "engine/security/secured_save.h"
+#include "tests/fuzz/fuzz_support.h"
 
-namespace {
-
-void Check(bool condition) {
-    if (!condition) std::abort();
-}
-
-}  // namespace
+using zpdf::fuzz::Check;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::vector<std::string> texts(1);
@@ -28,8 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
     }
     try {
-        const zpdf::engine::CertificateStack stack =
-            zpdf::engine::ReadRecipientCertificates(texts);
+        const zpdf::engine::CertificateStack stack = zpdf::engine::ReadRecipientCertificates(texts);
         Check(stack != nullptr);
         Check(static_cast<std::size_t>(sk_X509_num(stack.get())) == texts.size());
         for (int i = 0; i < sk_X509_num(stack.get()); ++i) {

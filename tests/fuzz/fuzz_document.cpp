@@ -15,28 +15,19 @@
 #include <string>
 
 #include "tests/corpus/typical_job.h"
+#include "tests/fuzz/fuzz_support.h"
 
 namespace {
 
-void Check(bool condition) {
-    if (!condition) std::abort();
-}
+using zpdf::fuzz::Check;
 
 std::filesystem::path g_folder;
 
 }  // namespace
 
+// Every file of a run goes to the run's folder; so do the component's private copies.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // Every file of a run goes to a folder of its own, removed at exit; so do the component's
-    // private copies.
-    std::string base = (std::filesystem::temp_directory_path() / "zpdf-fuzz-XXXXXX").string();
-    Check(::mkdtemp(base.data()) != nullptr);
-    g_folder = base;
-    ::setenv("TMPDIR", base.c_str(), 1);
-    std::atexit([] {
-        std::error_code ec;
-        std::filesystem::remove_all(g_folder, ec);
-    });
+    g_folder = zpdf::fuzz::RunFolder();
     return 0;
 }
 
@@ -60,8 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const char* value = std::getenv("ZPDF_FUZZ_STRICT");
         return value != nullptr && std::string(value) == "1";
     }();
-    if (strict && report.AnyWrong()) {
-        std::fputs(zpdf::corpus::FormatReport(report).c_str(), stderr);
+    if (strict && report.wrong) {
+        std::fputs(report.lines.c_str(), stderr);
         std::abort();
     }
     std::error_code ec;

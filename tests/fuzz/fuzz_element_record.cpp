@@ -11,15 +11,13 @@
 #include "content_element/content_element.h"
 #include "platform/byte_stream.h"
 #include "platform/raster.h"
+#include "tests/fuzz/fuzz_support.h"
 
 namespace {
 
 using zpdf::HResult;
+using zpdf::fuzz::Check;
 namespace hr = zpdf::hr;
-
-void Check(bool condition) {
-    if (!condition) std::abort();
-}
 
 std::vector<std::uint8_t> Saved(zpdf::CZPdfContentElement& element, bool clear) {
     zpdf::MemoryByteStream stream;

@@ -9,12 +9,11 @@
 #include "log/ini_file.h"
 #include "log/log_level.h"
 #include "platform/env.h"
+#include "tests/fuzz/fuzz_support.h"
 
 namespace {
 
-void Check(bool condition) {
-    if (!condition) std::abort();
-}
+using zpdf::fuzz::Check;
 
 bool IsBlank(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';

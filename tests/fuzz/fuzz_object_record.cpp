@@ -13,16 +13,14 @@
 #include "content_object/content_object.h"
 #include "content_object/stream_record.h"
 #include "platform/byte_stream.h"
+#include "tests/fuzz/fuzz_support.h"
 
 namespace {
 
 using zpdf::HResult;
+using zpdf::fuzz::Check;
 namespace hr = zpdf::hr;
 namespace record = zpdf::record;
-
-void Check(bool condition) {
-    if (!condition) std::abort();
-}
 
 std::string FileBytes(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
@@ -52,17 +50,9 @@ bool IsRecordRefusal(HResult result) {
 
 }  // namespace
 
+// Private copies go to the run's folder.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // Private copies go to a folder of this run, which is removed at exit.
-    static std::filesystem::path folder;
-    std::string base = (std::filesystem::temp_directory_path() / "zpdf-fuzz-XXXXXX").string();
-    Check(::mkdtemp(base.data()) != nullptr);
-    folder = base;
-    ::setenv("TMPDIR", base.c_str(), 1);
-    std::atexit([] {
-        std::error_code ec;
-        std::filesystem::remove_all(folder, ec);
-    });
+    zpdf::fuzz::RunFolder();
     return 0;
 }
 

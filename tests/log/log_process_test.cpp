@@ -1,17 +1,17 @@
 #include <gtest/gtest.h>
 
 #include "log/log_manager.h"
-#include "log_test_support.h"
+#include "support/test_support.h"
 
 namespace zpdf {
 namespace {
 
 // The only test of this program that touches the process-wide manager: it must be first.
 TEST(LogProcess, ManagerReadsTheFileChosenBeforeFirstUse) {
-    const auto dir = test::TestDirectory();
+    const auto dir = test::ScratchDir();
     const std::string ini = (dir / "chosen.ini").string();
     const std::string log = (dir / "pdf.log").string();
-    test::WriteFile(ini, "[categories]\nPDF=error," + log + "\n[output]\nlevel=1\ncategory=1\n");
+    test::WriteBytes(ini, "[categories]\nPDF=error," + log + "\n[output]\nlevel=1\ncategory=1\n");
 
     ASSERT_TRUE(LogManager::SetConfigPath(ini));
     EXPECT_EQ(LogManager::ConfigPath(), ini);
@@ -23,7 +23,7 @@ TEST(LogProcess, ManagerReadsTheFileChosenBeforeFirstUse) {
 
     EXPECT_FALSE(LogManager::SetConfigPath((dir / "late.ini").string()));
     EXPECT_EQ(LogManager::ConfigPath(), ini);
-    EXPECT_EQ(test::ReadFile(log), "ERR;PDF;kept 7\nERR;PDF.Save;save failed\n");
+    EXPECT_EQ(test::ReadBytes(log), "ERR;PDF;kept 7\nERR;PDF.Save;save failed\n");
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
-// Platform seams: text conversion, result codes, the raster device and the PNG stream.
+// Platform seams: text conversion, result codes, files, the raster device and the PNG stream.
 #include <gtest/gtest.h>
 
 #include <zlib.h>
-
-#include <cstring>
 
 #include "platform/files.h"
 #include "platform/hresult.h"
@@ -15,22 +13,18 @@
 namespace zpdf {
 namespace {
 
-TEST(Text, Utf16AndUtf8RoundTrip) {
-    const struct {
-        std::u16string wide;
-        std::string narrow;
-    } cases[] = {
+TEST(Text, Utf16AndUtf8) {
+    const std::pair<std::u16string, std::string> round_trips[] = {
         {u"", ""},
-        {u"plain.pdf", "plain.pdf"},
         {u"Gr\u00fc\u00dfe",
          "Gr\xC3\xBC\xC3\x9F"
          "e"},
         {u"\u20AC 5", "\xE2\x82\xAC 5"},
         {u"\U0001F600", "\xF0\x9F\x98\x80"},  // a surrogate pair
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Utf16ToUtf8(c.wide), c.narrow);
-        EXPECT_EQ(Utf8ToUtf16(c.narrow), c.wide);
+    for (const auto& [wide, narrow] : round_trips) {
+        EXPECT_EQ(Utf16ToUtf8(wide), narrow);
+        EXPECT_EQ(Utf8ToUtf16(narrow), wide);
     }
     // Broken input becomes replacement characters instead of being dropped or overrun.
     EXPECT_EQ(Utf8ToUtf16("a\xC3"), u"a\uFFFD");
@@ -42,19 +36,32 @@ TEST(Text, Utf16AndUtf8RoundTrip) {
 }
 
 TEST(ResultCodes, Win32ErrorsBecomeHResults) {
-    const struct {
-        std::int32_t error;
-        HResult expected;
-    } cases[] = {
+    const std::pair<std::int32_t, std::uint32_t> cases[] = {
         {0, 0},
-        {2, static_cast<HResult>(0x80070002u)},
-        {5, static_cast<HResult>(0x80070005u)},
-        {0x12345, static_cast<HResult>(0x80072345u)},  // only the low 16 bits are kept
-        {-5, -5},                                      // already negative: unchanged
-        {static_cast<std::int32_t>(0x8000FFFFu), hr::kUnexpected},
+        {5, 0x80070005u},
+        {0x12345, 0x80072345u},                // only the low 16 bits are kept
+        {-5, static_cast<std::uint32_t>(-5)},  // already negative: unchanged
     };
-    for (const auto& c : cases) EXPECT_EQ(hr::FromWin32(c.error), c.expected) << c.error;
+    for (const auto& [error, expected] : cases)
+        EXPECT_EQ(hr::FromWin32(error), static_cast<HResult>(expected)) << error;
     EXPECT_EQ(FormatHResult(hr::kUnexpected), "0x8000FFFF");
+}
+
+TEST(Files, TemporaryCopiesAndLiteralNames) {
+    const auto dir = test::ScratchDir();
+    test::WriteBytes(dir / "source.bin", "bytes");
+    std::filesystem::path copy;
+    ASSERT_EQ(fs::MakeTempCopy(dir / "source.bin", &copy), 0);
+    EXPECT_EQ(copy.filename().string().rfind("zpf", 0), 0u);
+    EXPECT_EQ(test::ReadBytes(copy), "bytes");
+    std::filesystem::remove(copy);
+    EXPECT_EQ(fs::MakeTempCopy(dir / "missing.bin", &copy), fs::kErrorFileNotFound);
+    // Names are literal: brackets and stars are characters of the name, not a pattern.
+    test::WriteBytes(dir / "report[1].pdf", "x");
+    EXPECT_TRUE(fs::FileExists(dir / "report[1].pdf"));
+    EXPECT_FALSE(fs::FileExists(dir / "sour*.bin"));
+    EXPECT_FALSE(fs::FileExists(dir));
+    EXPECT_FALSE(fs::FileExists(""));
 }
 
 TEST(Raster, CompositesPremultipliedPixelsAndClipsToItsBounds) {
@@ -72,47 +79,35 @@ TEST(Raster, CompositesPremultipliedPixelsAndClipsToItsBounds) {
 TEST(Raster, MappingSaveAndRestore) {
     RasterDeviceContext dc(100, 100);
     dc.SetMapping({{10, 10}, {5, 5}, {2, 2}, {1, 1}});
-    DevicePoint p{30, 50};
-    ASSERT_TRUE(dc.LogicalToDevice(&p, 1));
-    EXPECT_EQ(p.x, 15);
-    EXPECT_EQ(p.y, 25);
+    const auto map = [&dc] {
+        DevicePoint p{30, 50};
+        EXPECT_TRUE(dc.LogicalToDevice(&p, 1));
+        return std::pair(p.x, p.y);
+    };
+    EXPECT_EQ(map(), std::pair(15, 25));
     const int token = dc.SaveState();
     ASSERT_TRUE(dc.SetTextMapping());
-    p = {30, 50};
-    dc.LogicalToDevice(&p, 1);
-    EXPECT_EQ(p.x, 25) << "text mapping keeps the origins";
+    EXPECT_EQ(map(), std::pair(25, 45)) << "text mapping keeps the origins";
     ASSERT_TRUE(dc.RestoreState(token));
-    p = {30, 50};
-    dc.LogicalToDevice(&p, 1);
-    EXPECT_EQ(p.x, 15);
+    EXPECT_EQ(map(), std::pair(15, 25));
     EXPECT_FALSE(dc.RestoreState(token)) << "a state restores once";
 }
 
-// Inflates the IDAT data of a PNG file and returns its raw scanlines.
-std::string PngScanlines(const std::string& png, int* width, int* height) {
+// The raw scanlines of a PNG file (a filter byte and RGB per row), inflated from its IDAT data.
+std::string PngScanlines(const std::string& png, std::size_t size) {
     std::string idat;
-    std::size_t pos = 8;
-    while (pos + 8 <= png.size()) {
+    for (std::size_t pos = 8; pos + 8 <= png.size();) {
         const auto* p = reinterpret_cast<const unsigned char*>(png.data() + pos);
         const std::size_t length = (std::size_t{p[0]} << 24) | (p[1] << 16) | (p[2] << 8) | p[3];
-        const std::string type = png.substr(pos + 4, 4);
-        if (type == "IHDR") {
-            const auto* h = p + 8;
-            *width = (h[0] << 24) | (h[1] << 16) | (h[2] << 8) | h[3];
-            *height = (h[4] << 24) | (h[5] << 16) | (h[6] << 8) | h[7];
-        }
-        if (type == "IDAT") idat += png.substr(pos + 8, length);
+        if (png.compare(pos + 4, 4, "IDAT") == 0) idat += png.substr(pos + 8, length);
         pos += 12 + length;
     }
-    std::string raw(static_cast<std::size_t>(*width * 3 + 1) * static_cast<std::size_t>(*height),
-                    '\0');
-    uLongf size = static_cast<uLongf>(raw.size());
-    EXPECT_EQ(
-        uncompress(reinterpret_cast<Bytef*>(raw.data()), &size,
-                   reinterpret_cast<const Bytef*>(idat.data()), static_cast<uLong>(idat.size())),
-        Z_OK);
-    raw.resize(size);
-    return raw;
+    std::string raw(size + 1, '\0');
+    uLongf got = static_cast<uLongf>(raw.size());
+    EXPECT_EQ(uncompress(reinterpret_cast<Bytef*>(raw.data()), &got,
+                         reinterpret_cast<const Bytef*>(idat.data()), idat.size()),
+              Z_OK);
+    return raw.substr(0, got);
 }
 
 TEST(Png, StreamedBandsLandInTheirRows) {
@@ -124,8 +119,6 @@ TEST(Png, StreamedBandsLandInTheirRows) {
         ASSERT_EQ(unfinished.Open(path, 3, 4, 72), 0);
         ASSERT_TRUE(unfinished.DrawBgra(1, 1, 2, 1, red, sizeof red));
         EXPECT_FALSE(unfinished.DrawBgra(0, 0, 1, 1, red, sizeof red)) << "rows already written";
-        EXPECT_FALSE(std::filesystem::exists(path))
-            << "nothing appears before the image is complete";
     }
     EXPECT_TRUE(test::FilesStartingWith(dir, "bands").empty())
         << "an unfinished image leaves nothing";
@@ -134,38 +127,12 @@ TEST(Png, StreamedBandsLandInTheirRows) {
     ASSERT_EQ(png.Open(path, 3, 4, 72), 0);
     ASSERT_TRUE(png.DrawBgra(1, 1, 2, 1, red, sizeof red));
     ASSERT_EQ(png.Finish(), 0);
-    int width = 0;
-    int height = 0;
-    const std::string raw = PngScanlines(test::ReadBytes(path), &width, &height);
-    ASSERT_EQ(width, 3);
-    ASSERT_EQ(height, 4);
-    ASSERT_EQ(raw.size(), 40u);
-    const auto pixel = [&](int x, int y) {
-        return raw.substr(static_cast<std::size_t>(y * 10 + 1 + x * 3), 3);
-    };
-    EXPECT_EQ(pixel(0, 0), "\xFF\xFF\xFF");
-    EXPECT_EQ(pixel(0, 1), "\xFF\xFF\xFF");
-    EXPECT_EQ(pixel(1, 1), std::string("\xFF\x00\x00", 3));
-    EXPECT_EQ(pixel(2, 3), "\xFF\xFF\xFF");
-}
-
-TEST(Files, TemporaryCopiesAndLiteralNames) {
-    const auto dir = test::ScratchDir();
-    const auto source = dir / "source.bin";
-    test::WriteBytes(source, "bytes");
-    std::filesystem::path copy;
-    ASSERT_EQ(fs::MakeTempCopy(source, &copy), 0);
-    EXPECT_EQ(copy.filename().string().rfind("zpf", 0), 0u);
-    EXPECT_EQ(test::ReadBytes(copy), "bytes");
-    std::filesystem::remove(copy);
-
-    EXPECT_EQ(fs::MakeTempCopy(dir / "missing.bin", &copy), fs::kErrorFileNotFound);
-    // Names are literal: brackets and stars are characters of the name, not a pattern.
-    test::WriteBytes(dir / "report[1].pdf", "x");
-    EXPECT_TRUE(fs::FileExists(dir / "report[1].pdf"));
-    EXPECT_FALSE(fs::FileExists(dir / "sour*.bin"));
-    EXPECT_FALSE(fs::FileExists(dir));
-    EXPECT_FALSE(fs::FileExists(""));
+    const std::string file = test::ReadBytes(path);
+    EXPECT_EQ(file.substr(16, 8), std::string("\0\0\0\3\0\0\0\4", 8)) << "3 x 4 pixels";
+    // Rows unfiltered: a zero, then RGB; the two red pixels on row 1.
+    const std::string white = std::string(1, '\0') + std::string(9, '\xFF');
+    EXPECT_EQ(PngScanlines(file, 40),
+              white + std::string("\0\xFF\xFF\xFF\xFF\0\0\xFF\0\0", 10) + white + white);
 }
 
 }  // namespace

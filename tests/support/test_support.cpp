@@ -45,13 +45,7 @@ ToolResult Run(const std::string& command) {
 
 std::string Quote(const std::filesystem::path& path) {
     std::string out = "'";
-    for (char c : path.string()) {
-        if (c == '\'') {
-            out += "'\\''";
-        } else {
-            out += c;
-        }
-    }
+    for (char c : path.string()) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return out + "'";
 }
 

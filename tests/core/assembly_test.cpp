@@ -415,6 +415,10 @@ TEST(Assembly, RecordedChangesReachEveryReader) {
     const std::string appended = "d1 d2 s1 s2 s3";
     std::string seventy = "d1 d2";
     for (const std::string& label : Labels("s", 70)) seventy += " " + label;
+    // Our writer writes in clear from the objects as stored: an encrypted source is copied now.
+    test::WriteBytes(dir / "plain.pdf", LabelledBytes({"s1", "s2", "s3"}, 300, 400));
+    const std::string encrypted =
+        test::ReadBytes(test::QpdfEncrypt(dir / "plain.pdf", dir / "locked.pdf", "", "o", 256));
     struct Case {
         const char* name;
         std::size_t recorded;  // private copies held once `run` ran
@@ -489,6 +493,8 @@ TEST(Assembly, RecordedChangesReachEveryReader) {
              d.Stamp(d.src, 1);
              d.Append();
          }},
+        {"an append of an encrypted source", 0, appended, [](Docs& d) { d.Append(); }, false,
+         encrypted},
         {"an append without a private copy", 0, appended,
          [](Docs& d) {
              fs::SetFaultHook([](fs::FileOp op, const stdfs::path&) {

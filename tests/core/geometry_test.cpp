@@ -1,215 +1,106 @@
 // Page count, page sizes and drawing, checked by pixels.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <filesystem>
-
-#include "cli/sample_pdf.h"
-#include "content_object/content_object.h"
+#include "core/labelled_pages.h"
+#include "core/open_object.h"
 #include "platform/raster.h"
-#include "support/test_support.h"
 
 namespace zpdf {
 namespace {
 
 namespace stdfs = std::filesystem;
-
-stdfs::path WriteSample(const stdfs::path& path, const std::vector<samples::SamplePage>& pages) {
-    EXPECT_TRUE(samples::WriteFile(path, samples::BuildPdf(pages)));
-    return path;
-}
-
-// Opens `file` quietly (the load diagnostics are not under test here).
-void Open(CZPdfContentObject& object, const stdfs::path& file) {
-    ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
-    std::int32_t pages = 0;
-    ::testing::internal::CaptureStderr();
-    const HResult result = object.PageCount(&pages);
-    ::testing::internal::GetCapturedStderr();
-    ASSERT_EQ(result, hr::kOk) << object.LastErrorText();
-}
-
-TEST(Geometry, NoDocumentAnswersNeutrally) {
-    CZPdfContentObject object;
-    std::int32_t pages = 7;
-    double width = 1;
-    double height = 1;
-    EXPECT_EQ(object.PageCount(&pages), hr::kOk);
-    EXPECT_EQ(pages, 0);
-    EXPECT_EQ(object.GetPageSize(1, &width, &height), hr::kOk);
-    EXPECT_EQ(width, 0.0);
-    EXPECT_EQ(height, 0.0);
-    RasterDeviceContext dc(10, 10);
-    EXPECT_EQ(object.DrawPageToDC(dc, 1, 0, 0, 10, 10, 0, 0, 0, 0, 0), hr::kFalse);
-    EXPECT_EQ(dc.DrawCalls(), 0u);
-    EXPECT_EQ(object.PageCount(nullptr), hr::kPointer);
-    EXPECT_EQ(object.GetPageSize(1, nullptr, &height), hr::kPointer);
-    EXPECT_EQ(object.GetPageSize(1, &width, nullptr), hr::kPointer);
-}
-
-TEST(Geometry, PageSizesFollowRotationAndCropBox) {
-    std::vector<samples::SamplePage> pages(6);
-    pages[0] = {200, 300, 0, "", ""};
-    pages[1] = {200, 300, 90, "", ""};
-    pages[2] = {200, 300, 180, "", ""};
-    pages[3] = {200, 300, 270, "", ""};
-    pages[4] = {200, 300, -90, "", ""};
-    pages[5] = {200, 300, 0, "", "/CropBox [10 20 110 70]"};
-    const stdfs::path file = WriteSample(test::ScratchDir() / "sizes.pdf", pages);
-    CZPdfContentObject object;
-    Open(object, file);
-    const struct {
-        double width;
-        double height;
-    } expected[] = {{200, 300}, {300, 200}, {200, 300}, {300, 200}, {300, 200}, {100, 50}};
-    for (int page = 1; page <= 6; ++page) {
-        SCOPED_TRACE(page);
-        double width = 0;
-        double height = 0;
-        ASSERT_EQ(object.GetPageSize(page, &width, &height), hr::kOk);
-        EXPECT_DOUBLE_EQ(width, expected[page - 1].width);
-        EXPECT_DOUBLE_EQ(height, expected[page - 1].height);
-    }
-    double width = 5;
-    double height = 5;
-    EXPECT_EQ(object.GetPageSize(0, &width, &height), hr::kInvalidArg);
-    EXPECT_EQ(object.GetPageSize(7, &width, &height), hr::kInvalidArg);
-    EXPECT_EQ(width, 0.0);
-}
+using test::PageSize;
+using Size = std::pair<double, double>;
+constexpr std::int32_t kWholePage = CZPdfContentObject::kDrawWholePage;
 
 // A 200 x 300 pt page with a black square from (50,100) to (100,150) in page space (y up), so at
-// 72 dpi its pixels are x 50..99 and y 150..199 (y down).
-stdfs::path SquarePage(const stdfs::path& dir) {
-    samples::SamplePage page{200, 300, 0, samples::FilledRect(50, 100, 50, 50), ""};
-    return WriteSample(dir / "square.pdf", {page});
+// 72 dpi its pixels are x 50..99 and y 150..199 (y down); and that page rotated, and cropped.
+stdfs::path SquarePages() {
+    const std::string square = samples::FilledRect(50, 100, 50, 50);
+    const stdfs::path file = test::ScratchDir() / "square.pdf";
+    EXPECT_TRUE(samples::WriteFile(
+        file, samples::BuildPdf({{200, 300, 0, square, ""},
+                                 {200, 300, 90, square, ""},
+                                 {200, 300, 0, square, "/CropBox [10 20 110 70]"}})));
+    return file;
 }
 
-bool IsDark(const RasterDeviceContext& dc, int x, int y) {
-    return dc.Pixel(x, y)[1] < 64;
-}
-bool IsWhite(const RasterDeviceContext& dc, int x, int y) {
-    return dc.Pixel(x, y)[1] > 240;
+// Without a document the answers are neutral; pages the document does not have are refused.
+TEST(Geometry, NeutralAnswersAndRefusals) {
+    CZPdfContentObject none;
+    CZPdfContentObject object;
+    test::OpenQuietly(object, SquarePages());
+    std::int32_t pages = 7;
+    EXPECT_EQ(none.PageCount(&pages), hr::kOk);
+    EXPECT_EQ(pages, 0);
+    EXPECT_EQ(PageSize(none, 1), Size(0, 0));
+    EXPECT_EQ(none.PageCount(nullptr), hr::kPointer);
+    double width = 5;
+    EXPECT_EQ(object.GetPageSize(1, nullptr, &width), hr::kPointer);
+    EXPECT_EQ(object.GetPageSize(1, &width, nullptr), hr::kPointer);
+    EXPECT_EQ(object.GetPageSize(4, &width, &width), hr::kInvalidArg);
+    EXPECT_EQ(width, 0.0);
+    EXPECT_EQ(PageSize(object, 0), Size(-1, -1));
+    RasterDeviceContext dc(20, 20);
+    EXPECT_EQ(none.DrawPageToDC(dc, 1, 0, 0, 20, 20, 0, 0, 0, 0, 0), hr::kFalse);
+    EXPECT_EQ(object.DrawPageToDC(dc, 4, 0, 0, 20, 20, 0, 0, 0, 0, 0), hr::kInvalidArg);
+    EXPECT_EQ(object.DrawPageToDC(dc, 0, 0, 0, 20, 20, 0, 0, 0, 0, kWholePage), hr::kUnexpected);
+    EXPECT_EQ(dc.DrawCalls(), 0u);
+    // Sizes as the page shows: turned, and cut to the crop box.
+    EXPECT_EQ(PageSize(object, 1), Size(200, 300));
+    EXPECT_EQ(PageSize(object, 2), Size(300, 200));
+    EXPECT_EQ(PageSize(object, 3), Size(100, 50));
 }
 
-// Counts dark pixels and checks that each lies inside [x0,x1) x [y0,y1).
-int DarkPixelsOutside(const RasterDeviceContext& dc, int x0, int y0, int x1, int y1, int* dark) {
-    int outside = 0;
-    *dark = 0;
-    for (int y = 0; y < dc.Height(); ++y) {
-        for (int x = 0; x < dc.Width(); ++x) {
-            if (!IsDark(dc, x, y)) continue;
-            ++*dark;
-            if (x < x0 || x >= x1 || y < y0 || y >= y1) ++outside;
-        }
-    }
-    return outside;
-}
-
-TEST(Drawing, SquareLandsWhereThePageSaysAtEveryScale) {
-    const stdfs::path file = SquarePage(test::ScratchDir());
-    struct Case {
+// Large drawings are cut into bands of bounded size: at 8 pixels per point a band holds 1310 rows
+// of the page, and the second starts inside the square.
+TEST(Drawing, SquareLandsWhereThePageSaysAndTheDrawRectangleClips) {
+    const struct {
         const char* name;
         int scale;  // device pixels per point
         int left;   // page rectangle position on the device
         int top;
+        int draw_width;  // of the draw rectangle at the device's origin; 0: none
         std::int32_t options;
+        bool right_half;  // of the square drawn
     } cases[] = {
-        {"72 dpi", 1, 0, 0, 0},
-        {"144 dpi", 2, 0, 0, 0},
-        {"144 dpi offset", 2, 30, 17, 0},
-        {"whole-page option", 2, 0, 0, CZPdfContentObject::kDrawWholePage},
+        {"72 dpi", 1, 0, 0, 0, 0, true},
+        {"144 dpi, moved", 2, 30, 17, 0, 0, true},
+        {"576 dpi, in bands", 8, 0, 0, 0, 0, true},
+        {"whole-page option", 2, 0, 0, 0, kWholePage, true},
+        {"draw rectangle on the left half", 1, 0, 0, 75, 0, false},
+        {"whole-page option, draw rectangle ignored", 1, 0, 0, 75, kWholePage, true},
+        {"negative draw rectangle, ignored", 1, 0, 0, -5, 0, true},
     };
-    for (const Case& c : cases) {
+    CZPdfContentObject object;
+    test::OpenQuietly(object, SquarePages());
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        CZPdfContentObject object;
-        Open(object, file);
         RasterDeviceContext dc(200 * c.scale + c.left + 10, 300 * c.scale + c.top + 10);
-        ASSERT_EQ(object.DrawPageToDC(dc, 1, c.left, c.top, 200 * c.scale, 300 * c.scale, 0, 0, 0,
-                                      0, c.options),
+        ASSERT_EQ(object.DrawPageToDC(dc, 1, c.left, c.top, 200 * c.scale, 300 * c.scale, 0, 0,
+                                      c.draw_width, c.draw_width == 0 ? 0 : 300, c.options),
                   hr::kOk)
             << object.LastErrorText();
+        EXPECT_LE(static_cast<std::size_t>(dc.TallestBand()) * 800 * c.scale,
+                  CZPdfContentObject::kBandBytes);
+        // Dark everywhere inside the square (its left half when clipped), nowhere outside it.
         const int x0 = c.left + 50 * c.scale;
         const int y0 = c.top + 150 * c.scale;
         const int side = 50 * c.scale;
-        int dark = 0;
-        EXPECT_EQ(DarkPixelsOutside(dc, x0 - 1, y0 - 1, x0 + side + 1, y0 + side + 1, &dark), 0);
-        EXPECT_GE(dark, (side - 2) * (side - 2));
-        EXPECT_TRUE(IsDark(dc, x0 + 1, y0 + 1));
-        EXPECT_TRUE(IsDark(dc, x0 + side - 2, y0 + side - 2));
-        EXPECT_TRUE(IsWhite(dc, x0 - 3, y0 + side / 2));
-        EXPECT_TRUE(IsWhite(dc, x0 + side / 2, y0 + side + 2));
+        const int right = c.right_half ? x0 + side - 1 : 74;
+        int missing = 0;
+        int outside = 0;
+        for (int y = 0; y < dc.Height(); ++y) {
+            for (int x = 0; x < dc.Width(); ++x) {
+                const bool dark = dc.Pixel(x, y)[1] < 64;
+                if (x > x0 && x < right && y > y0 && y < y0 + side - 1) missing += !dark;
+                if (x < x0 - 1 || x > x0 + side || y < y0 - 1 || y > y0 + side) outside += dark;
+            }
+        }
+        EXPECT_EQ(missing, 0);
+        EXPECT_EQ(outside, 0);
+        EXPECT_EQ(dc.Pixel(x0 + side - 2, y0 + side / 2)[1] < 64, c.right_half);
     }
-}
-
-TEST(Drawing, DrawRectangleClipsExceptForWholePageOption) {
-    const stdfs::path file = SquarePage(test::ScratchDir());
-    // The draw rectangle covers the left half of the square only: x 0..74 at 72 dpi.
-    struct Case {
-        std::int32_t options;
-        int draw_width;
-        bool right_half_drawn;
-    } cases[] = {
-        {0, 75, false},
-        {CZPdfContentObject::kDrawWholePage, 75, true},
-        {0, 0, true},   // an empty draw rectangle draws the whole page rectangle
-        {0, -5, true},  // and so does a negative one
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::to_string(c.options) + "/" + std::to_string(c.draw_width));
-        CZPdfContentObject object;
-        Open(object, file);
-        RasterDeviceContext dc(200, 300);
-        ASSERT_EQ(object.DrawPageToDC(dc, 1, 0, 0, 200, 300, 0, 0, c.draw_width,
-                                      c.draw_width == 0 ? 0 : 300, c.options),
-                  hr::kOk);
-        EXPECT_TRUE(IsDark(dc, 60, 175));
-        EXPECT_EQ(IsDark(dc, 90, 175), c.right_half_drawn);
-    }
-}
-
-TEST(Drawing, PageNumbersOutsideTheDocument) {
-    const stdfs::path file = SquarePage(test::ScratchDir());
-    CZPdfContentObject object;
-    Open(object, file);
-    RasterDeviceContext dc(20, 20);
-    EXPECT_EQ(object.DrawPageToDC(dc, 2, 0, 0, 20, 20, 0, 0, 0, 0, 0), hr::kInvalidArg);
-    EXPECT_EQ(
-        object.DrawPageToDC(dc, 0, 0, 0, 20, 20, 0, 0, 0, 0, CZPdfContentObject::kDrawWholePage),
-        hr::kUnexpected);
-    EXPECT_EQ(dc.DrawCalls(), 0u);
-}
-
-// A device that keeps nothing, to measure the bands a large drawing is cut into.
-class BandCounter final : public DeviceContext {
-  public:
-    bool LogicalToDevice(DevicePoint*, int) override { return true; }
-    int SaveState() override { return 1; }
-    bool RestoreState(int) override { return true; }
-    bool SetTextMapping() override { return true; }
-    std::optional<DeviceRect> ClipBox() override { return std::nullopt; }
-    bool DrawBgra(std::int32_t, std::int32_t y, int width, int height, const std::uint8_t*,
-                  std::ptrdiff_t) override {
-        largest = std::max(largest,
-                           static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 4);
-        EXPECT_EQ(y, next_row);
-        next_row = y + height;
-        return true;
-    }
-    std::size_t largest = 0;
-    std::int32_t next_row = 0;
-};
-
-TEST(Drawing, LargeTargetsAreDrawnInBoundedBands) {
-    const stdfs::path file = SquarePage(test::ScratchDir());
-    CZPdfContentObject object;
-    Open(object, file);
-    BandCounter counter;
-    // An A3 sheet at 600 dpi: a whole-page buffer would take over 270 MB.
-    const int width = 7016;
-    const int height = 9921;
-    ASSERT_EQ(object.DrawPageToDC(counter, 1, 0, 0, width, height, 0, 0, 0, 0, 0), hr::kOk);
-    EXPECT_LE(counter.largest, CZPdfContentObject::kBandBytes);
-    EXPECT_EQ(counter.next_row, height) << "the bands cover the page without gaps";
 }
 
 }  // namespace

@@ -5,18 +5,16 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <string>
 
-#include "cli/sample_pdf.h"
-#include "content_object/content_object.h"
+#include "core/labelled_pages.h"
 #include "platform/files.h"
 #include "platform/raster.h"
-#include "support/test_support.h"
 
 namespace zpdf {
 namespace {
 
 namespace stdfs = std::filesystem;
+using Obj = CZPdfContentObject;
 
 // Open descriptors of this process (the listing's own one included, every time alike).
 int OpenDescriptors() {
@@ -25,180 +23,104 @@ int OpenDescriptors() {
     return count;
 }
 
-stdfs::path Sample(const stdfs::path& path, int pages) {
-    std::vector<samples::SamplePage> list(static_cast<std::size_t>(pages));
-    for (int i = 0; i < pages; ++i) {
-        list[static_cast<std::size_t>(i)].content =
-            samples::TextContent({"Page " + std::to_string(i + 1), "@@nd@@"}, 842) +
-            samples::FilledRect(100, 100, 200, 200);
-    }
-    EXPECT_TRUE(samples::WriteFile(path, samples::BuildPdf(list)));
-    return path;
-}
-
-struct Files {
-    stdfs::path dir;
-    stdfs::path document;   // three pages, each with a split marker
-    stdfs::path extra;      // one page
-    stdfs::path encrypted;  // passwords "user" and "owner"
-};
-
-// What one case works with; every case starts from fresh copies.
-struct Job {
-    Job(const Files& all, const stdfs::path& dir)
-        : files(all), document(dir / "document.pdf"), encrypted(dir / "encrypted.pdf") {}
-    const Files& files;
-    stdfs::path document;
-    stdfs::path encrypted;
-    std::unique_ptr<CZPdfContentObject> object = std::make_unique<CZPdfContentObject>();
-    CZPdfContentObject extra;
-};
-
-void Open(CZPdfContentObject& object, const stdfs::path& file, const OptionalText& password) {
+// Opens `file`, and with `draw` draws and measures it too.
+void Open(Obj& object, const stdfs::path& file, const OptionalText& password = u"",
+          bool draw = false) {
     ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, password), hr::kOk);
-    std::int32_t pages = 0;
-    ASSERT_EQ(object.PageCount(&pages), hr::kOk) << object.LastErrorText();
-}
-
-void Draw(CZPdfContentObject& object) {
+    ASSERT_GT(test::Pages(object), 0) << object.LastErrorText();
+    if (!draw) return;
     RasterDeviceContext dc(100, 140);
-    ASSERT_EQ(object.DrawPageToDC(dc, 1, 0, 0, 100, 140, 0, 0, 0, 0, 0), hr::kOk)
-        << object.LastErrorText();
-    double width = 0;
-    double height = 0;
-    ASSERT_EQ(object.GetPageSize(2, &width, &height), hr::kOk);
+    ASSERT_EQ(object.DrawPageToDC(dc, 1, 0, 0, 100, 140, 0, 0, 0, 0, 0), hr::kOk);
+    ASSERT_EQ(test::PageSize(object, 2), std::make_pair(595.0, 842.0));
 }
 
-// Makes the next save fail at the first step of kind `op`.
-void FailNext(fs::FileOp op) {
+// `call` with the first step of kind `op` failing.
+HResult Failing(fs::FileOp op, const std::function<HResult()>& call) {
     fs::SetFaultHook(
         [op](fs::FileOp seen, const stdfs::path&) { return seen == op ? fs::kErrorDiskFull : 0; });
+    const HResult result = call();
+    fs::SetFaultHook(nullptr);
+    return result;
 }
 
-class OpenHandlesTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        files_.dir = test::ScratchDir();
-        files_.document = Sample(files_.dir / "document.pdf", 3);
-        files_.extra = Sample(files_.dir / "extra.pdf", 1);
-        files_.encrypted =
-            test::QpdfEncrypt(files_.document, files_.dir / "encrypted.pdf", "user", "owner", 256);
-    }
-    void TearDown() override { fs::SetFaultHook(nullptr); }
-    Files files_;
-};
-
-TEST_F(OpenHandlesTest, EveryRoadThatClosesGivesTheHandlesBack) {
-    struct Case {
+TEST(OpenHandles, EveryRoadThatClosesGivesTheHandlesBack) {
+    // Three pages that each end a part for the split, that document encrypted, and one page.
+    const stdfs::path dir = test::ScratchDir();
+    const stdfs::path document =
+        test::LabelledPdf(dir / "document.pdf", {"one @@nd@@", "two @@nd@@", "three @@nd@@"});
+    const stdfs::path extra = test::LabelledPdf(dir / "extra.pdf", {"extra"});
+    const stdfs::path encrypted =
+        test::QpdfEncrypt(document, dir / "encrypted.pdf", "user", "owner", 256);
+    std::unique_ptr<Obj> object;
+    Obj source;
+    std::int32_t parts = 0;
+    const auto split = [&] {
+        return object->SplitPdf(FromPath(document), FromPath(dir / "part"), &parts);
+    };
+    const struct {
         const char* name;
-        std::function<void(Job&)> open;  // leaves documents open
-        int held;                        // handles held while they are open; -1: not checked
-        std::function<void(Job&)> close;
+        std::function<void()> open;  // leaves documents open
+        int held;                    // handles held while they are open; -1: not checked
+        std::function<void()> close;
     } cases[] = {
-        {"page count, drawing, CloseDocuments",
-         [](Job& job) {
-             Open(*job.object, job.document, u"");
-             Draw(*job.object);
-         },
-         1, [](Job& job) { job.object->CloseDocuments(); }},
-        {"Save",
-         [](Job& job) {
-             Open(*job.object, job.document, u"");
-             Draw(*job.object);
-         },
-         1, [](Job& job) { ASSERT_EQ(job.object->Save(), hr::kOk); }},
+        {"drawn, CloseDocuments", [&] { Open(*object, document, u"", true); }, 1,
+         [&] { object->CloseDocuments(); }},
+        {"drawn, Save", [&] { Open(*object, document, u"", true); }, 1,
+         [&] { ASSERT_EQ(object->Save(), hr::kOk); }},
         // The appended pages are read from a private copy of the source until the save.
         {"appended pages, Save, CloseDocuments of the source",
-         [](Job& job) {
-             Open(*job.object, job.document, u"");
-             Open(job.extra, job.files.extra, u"");
-             ASSERT_EQ(job.object->AppendPages(&job.extra), hr::kOk);
+         [&] {
+             Open(*object, document);
+             ASSERT_EQ(source.SetPdfDocument(FromPath(extra), 0, u""), hr::kOk);
+             ASSERT_EQ(test::Pages(source), 1);
+             ASSERT_EQ(object->AppendPages(&source), hr::kOk);
          },
          3,
-         [](Job& job) {
-             ASSERT_EQ(job.object->Save(), hr::kOk);
-             job.extra.CloseDocuments();
+         [&] {
+             ASSERT_EQ(object->Save(), hr::kOk);
+             source.CloseDocuments();
          }},
-        {"SaveWithSecurity", [](Job& job) { Open(*job.object, job.encrypted, u"user"); }, 1,
-         [](Job& job) { ASSERT_EQ(job.object->SaveWithSecurity(u"u", u"o"), hr::kOk); }},
-        {"Save failing at a write, CloseDocuments",
-         [](Job& job) { Open(*job.object, job.document, u""); }, 1,
-         [](Job& job) {
-             FailNext(fs::FileOp::Write);
-             EXPECT_EQ(job.object->Save(), hr::kFail);
-             fs::SetFaultHook(nullptr);
-             job.object->CloseDocuments();
+        {"SaveWithSecurity", [&] { Open(*object, encrypted, u"user"); }, 1,
+         [&] { ASSERT_EQ(object->SaveWithSecurity(u"user", u"owner"), hr::kOk); }},
+        {"Save failing at a write, CloseDocuments", [&] { Open(*object, document); }, 1,
+         [&] {
+             EXPECT_EQ(Failing(fs::FileOp::Write, [&] { return object->Save(); }), hr::kFail);
+             object->CloseDocuments();
          }},
-        {"Save failing at the move", [](Job& job) { Open(*job.object, job.document, u""); }, 1,
-         [](Job& job) {
-             FailNext(fs::FileOp::Move);
-             EXPECT_EQ(job.object->Save(), hr::kFail);
-             fs::SetFaultHook(nullptr);
-         }},
+        {"Save failing at the move", [&] { Open(*object, document); }, 1,
+         [&] { EXPECT_EQ(Failing(fs::FileOp::Move, [&] { return object->Save(); }), hr::kFail); }},
         {"wrong password, CloseDocuments",
-         [](Job& job) {
-             ASSERT_EQ(job.object->SetPdfDocument(FromPath(job.encrypted), 0, u"wrong"), hr::kOk);
-             std::int32_t pages = 0;
-             EXPECT_EQ(job.object->PageCount(&pages), hr::kUnexpected);
+         [&] {
+             ASSERT_EQ(object->SetPdfDocument(FromPath(encrypted), 0, u"wrong"), hr::kOk);
+             EXPECT_EQ(object->PageCount(&parts), hr::kUnexpected);
          },
-         -1, [](Job& job) { job.object->CloseDocuments(); }},
-        {"another document set", [](Job& job) { Open(*job.object, job.document, u""); }, 1,
-         [](Job& job) {
-             ASSERT_EQ(job.object->SetPdfDocument(FromPath(job.files.extra), 0, u""), hr::kOk);
-         }},
-        {"the object destroyed",
-         [](Job& job) {
-             Open(*job.object, job.document, u"");
-             Draw(*job.object);
-         },
-         1, [](Job& job) { job.object.reset(); }},
-        {"SplitPdf", [](Job&) {}, 0,
-         [](Job& job) {
-             std::int32_t parts = 0;
-             ASSERT_EQ(job.object->SplitPdf(FromPath(job.document),
-                                            FromPath(job.files.dir / "part"), &parts),
-                       hr::kOk);
-             EXPECT_EQ(parts, 3);
-         }},
-        {"SplitPdf failing at a write", [](Job&) {}, 0,
-         [](Job& job) {
-             std::int32_t parts = 0;
-             FailNext(fs::FileOp::Write);
-             EXPECT_EQ(job.object->SplitPdf(FromPath(job.document),
-                                            FromPath(job.files.dir / "failing"), &parts),
-                       hr::FromWin32(fs::kErrorDiskFull));
-             fs::SetFaultHook(nullptr);
-         }},
+         -1, [&] { object->CloseDocuments(); }},
+        {"another document set", [&] { Open(*object, document); }, 1,
+         [&] { ASSERT_EQ(object->SetPdfDocument(FromPath(extra), 0, u""), hr::kOk); }},
+        {"the object destroyed", [&] { Open(*object, document, u"", true); }, 1,
+         [&] { object.reset(); }},
+        {"SplitPdf", [] {}, 0, [&] { ASSERT_EQ(split(), hr::kOk); }},
+        {"SplitPdf failing at a write", [] {}, 0,
+         [&] { EXPECT_EQ(Failing(fs::FileOp::Write, split), hr::FromWin32(fs::kErrorDiskFull)); }},
     };
 
+    ::testing::internal::CaptureStderr();
     // Whatever the engine opens once per process (and keeps) is opened before counting.
-    {
-        CZPdfContentObject warm_up;
-        ::testing::internal::CaptureStderr();
-        Open(warm_up, files_.document, u"");
-        Draw(warm_up);
-        ::testing::internal::GetCapturedStderr();
-    }
-
-    int n = 0;
-    for (const Case& c : cases) {
+    object = std::make_unique<Obj>();
+    Open(*object, document, u"", true);
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const stdfs::path dir = files_.dir / std::to_string(++n);
-        stdfs::create_directories(dir);
-        Job job(files_, dir);
-        stdfs::copy_file(files_.document, job.document);
-        stdfs::copy_file(files_.encrypted, job.encrypted);
-
-        ::testing::internal::CaptureStderr();
+        object = std::make_unique<Obj>();
         const int before = OpenDescriptors();
-        c.open(job);
+        c.open();
         if (c.held >= 0) {
             EXPECT_EQ(OpenDescriptors(), before + c.held) << "while open";
         }
-        c.close(job);
+        c.close();
         EXPECT_EQ(OpenDescriptors(), before) << "after closing";
-        ::testing::internal::GetCapturedStderr();
     }
+    object.reset();
+    ::testing::internal::GetCapturedStderr();
 }
 
 }  // namespace

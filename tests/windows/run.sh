@@ -98,8 +98,7 @@ while IFS='|' read -r key name value; do
     check "HKCR\\$key${name:+ $name = $value}" reg_has "$key" ${name:+"$name" "$value"}
 done <<<"$keys"
 
-counted "the C++ client" "$wine" com_client.exe "$(winpath "$work/doc.pdf")" "$(winpath "$work/letterhead.pdf")" \
-    "$(winpath "$work")"
+counted "the C++ client" "$wine" com_client.exe "$(winpath "$work/doc.pdf")" "$(winpath "$work/letterhead.pdf")"
 check "the client placed the letterhead on page 2" grep -q LETTERHEAD <(pdftotext -f 2 -l 2 "$work/doc.pdf" -)
 counted "the VBScript job" "$wine" cscript //nologo job.vbs "$(winpath "$work/job.pdf")" \
     "$(winpath "$work/letterhead.pdf")" "$(winpath "$work/appendix.pdf")" "$(winpath "$work/marked.pdf")" \

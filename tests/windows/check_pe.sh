@@ -1,34 +1,24 @@
 #!/usr/bin/env bash
-# Static checks of a built ZPdfCntObj.dll: its machine type, that it exports exactly the four
-# COM entry points by name, that it carries the type library as resource TYPELIB 1, and that it
-# imports nothing but Windows' own DLLs.
+# Static checks of a built ZPdfCntObj.dll: its image format, exactly the four COM entry points
+# exported by name, the type library as resource TYPELIB 1, and imports from Windows' own DLLs
+# only (the engine, the C++ runtime and libcrypto are linked in statically).
 #   tests/windows/check_pe.sh DLL i386|x86-64
 set -uo pipefail
 dll=${1:?usage: check_pe.sh DLL i386|x86-64}
-machine=${2:?}
-objdump=x86_64-w64-mingw32-objdump
-passed=0
+[ "${2:?}" = i386 ] && magic='010b (PE32)' || magic='020b (PE32+)'
+headers=$(x86_64-w64-mingw32-objdump -p "$dll") || exit 1
 failed=0
-check() {
-    if eval "$2" >/dev/null 2>&1; then passed=$((passed + 1)); echo "ok - $1"; else failed=$((failed + 1)); echo "not ok - $1"; fi
+check() {  # check WHAT FOUND EXPECTED
+    if [ "$2" = "$3" ]; then echo "ok - $1"; else failed=$((failed + 1)); echo "not ok - $1 (found: $2)"; fi
 }
-headers=$($objdump -p "$dll")
-format=$($objdump -f "$dll")
-if [ "$machine" = i386 ]; then
-    check "PE32 for i386" "grep -q 'file format pei-i386' <<<\"\$format\""
-    check "32-bit optional header" "grep -q 'Magic.*010b' <<<\"\$headers\""
-else
-    check "PE32+ for x86-64" "grep -q 'file format pei-x86-64' <<<\"\$format\""
-fi
-exports=$(sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' <<<"$headers" | grep -E '^\s+\[' |
-    grep -o '\] [A-Za-z_][A-Za-z0-9_@]*' | cut -c3- | sort | tr '\n' ' ')
-check "exports exactly the four entry points (found: $exports)" \
-    "[ '$exports' = 'DllCanUnloadNow DllGetClassObject DllRegisterServer DllUnregisterServer ' ]"
-imports=$(grep 'DLL Name:' <<<"$headers" | awk '{print tolower($3)}' | sort -u | tr '\n' ' ')
-check "imports only system DLLs (found: $imports)" \
-    "! grep -q -E 'libstdc|libgcc|libwinpthread|mupdf|crypto' <<<'$imports'"
-# The resource directory names type "TYPELIB" with id 1.
-check "type library resource TYPELIB 1" \
-    "grep -A2 'name: .*: TYPELIB' <<<\"\$headers\" | grep -q 'Entry: ID: 0x000001'"
-echo "$passed passed, $failed failed"
+check "$magic image for $2" "$(grep -o 'file format .*' <<<"$headers") $(awk '/^Magic/ {print $2, $3}' <<<"$headers")" \
+    "file format pei-$2 $magic"
+check "exports exactly the four entry points" \
+    "$(sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/s/^\s*\[ *[0-9]*\] //p' <<<"$headers" | sort | xargs)" \
+    "DllCanUnloadNow DllGetClassObject DllRegisterServer DllUnregisterServer"
+check "type library resource TYPELIB 1" "$(grep -A2 'name: .*: TYPELIB,' <<<"$headers" | grep -o 'Entry: ID: 0x[0-9a-f]*')" \
+    "Entry: ID: 0x000001"
+check "imports only Windows' own DLLs" "$(awk '/DLL Name:/ {print tolower($3)}' <<<"$headers" |
+    grep -v -x -E '(advapi32|bcrypt|crypt32|gdi32|kernel32|msimg32|msvcrt|ole32|oleaut32|user32|winmm|ws2_32)\.dll' | xargs)" ""
+echo "$((4 - failed)) passed, $failed failed"
 [ "$failed" -eq 0 ]

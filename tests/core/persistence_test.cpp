@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "content_object/stream_record.h"
@@ -49,15 +50,10 @@ const std::string kLong = [] {
 const Bytes kFields = kV1 + Str("") + kEmbedTrue + Str("pw"),
             kEmbedded = kFields + U32(10000) + Raw(kLong);
 
-struct State {
-    OptionalText path;
-    VariantBool embed;
-    OptionalText password;
-};
-void ExpectState(const CZPdfContentObject& object, const State& expected) {
-    EXPECT_EQ(object.PdfFilePath(), expected.path);
-    EXPECT_EQ(object.EmbedFlag(), expected.embed);
-    EXPECT_EQ(object.PasswordText(), expected.password);
+// What an object holds: path, embed flag, password.
+using State = std::tuple<OptionalText, VariantBool, OptionalText>;
+State Of(const CZPdfContentObject& object) {
+    return {object.PdfFilePath(), object.EmbedFlag(), object.PasswordText()};
 }
 HResult LoadBytes(CZPdfContentObject& object, const Bytes& bytes) {
     MemoryByteStream stream(bytes);
@@ -71,44 +67,48 @@ using PersistenceTest = test::PrivateCopyTest;
 // hints only the version's fixed size.
 TEST_F(PersistenceTest, RecordsRoundTrip) {
     const std::string longest(524287, 'k');  // and the terminator: the longest string readable
+    const std::nullopt_t null = std::nullopt;
     struct Case {
         Bytes record;
-        OptionalText path;  // not compared for embedded documents
-        VariantBool embed;
-        OptionalText password;
+        State state;               // the path not compared for embedded documents
         std::string content = "";  // of the private copy, for embedded documents
         Bytes saved = {};          // empty: the record
     } cases[] = {
         // Version 1, path "D.pdf", embed flag 0, password "pw".
         {HexBytes("01000000 0C000000 44002E00 70006400 66000000 0000 06000000 70007700 0000"),
-         u"D.pdf", 0, u"pw"},
-        {HexBytes("01000000 00000000 0000 00000000"), std::nullopt, 0, std::nullopt},
-        {HexBytes("01000000 02000000 0000 0000 02000000 0000"), u"", 0, u""},
+         {u"D.pdf", 0, u"pw"}},
+        {HexBytes("01000000 00000000 0000 00000000"), {null, 0, null}},
+        {HexBytes("01000000 02000000 0000 0000 02000000 0000"), {u"", 0, u""}},
         // An e-acute and a surrogate pair; the euro sign.
         {HexBytes("01000000 08000000 E9003DD8 00DE0000 0000 04000000 AC200000"),
-         u"\u00e9\U0001F600", 0, u"\u20AC"},
-        {kV1 + Str("a") + kEmbedFalse + Str(longest), u"a", 0,
-         std::u16string(longest.begin(), longest.end())},
-        {kV1 + Str("") + kEmbedTrue + kNull + U32(10000) + Raw(kLong), std::nullopt, -1,
-         std::nullopt, kLong},
-        {kV1 + Str("") + HexBytes("0100") + Str("") + kNull, std::nullopt, 1, u""},
+         {u"\u00e9\U0001F600", 0, u"\u20AC"}},
+        {kV1 + Str("a") + kEmbedFalse + Str(longest),
+         {u"a", 0, std::u16string(longest.begin(), longest.end())}},
+        {kV1 + Str("") + kEmbedTrue + kNull + U32(10000) + Raw(kLong), {null, -1, null}, kLong},
+        {kV1 + Str("") + HexBytes("0100") + Str("") + kNull, {null, 1, u""}},
         // Version 0 is saved as 1; short content ends the copy early.
-        {U32(0) + Str("a.pdf") + kEmbedFalse + Str("x"), u"a.pdf", 0, u"x", "",
+        {U32(0) + Str("a.pdf") + kEmbedFalse + Str("x"),
+         {u"a.pdf", 0, u"x"},
+         "",
          kV1 + Str("a.pdf") + kEmbedFalse + Str("x")},
-        {kV1 + Str("") + kEmbedTrue + kNull + U32(10) + Raw("abc"), std::nullopt, -1, std::nullopt,
-         "abc", kV1 + Str("") + kEmbedTrue + kNull + U32(3) + Raw("abc")},
+        {kV1 + Str("") + kEmbedTrue + kNull + U32(10) + Raw("abc"),
+         {null, -1, null},
+         "abc",
+         kV1 + Str("") + kEmbedTrue + kNull + U32(3) + Raw("abc")},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.record.size());
         CZPdfContentObject object;
         EXPECT_EQ(object.IsDirty(), hr::kOk);
         std::uint64_t size = 0;
-        EXPECT_EQ(object.GetSizeMax(&size), hr::kOk);
-        EXPECT_EQ(size, 4u);
+        EXPECT_EQ(object.GetSizeMax(&size) == hr::kOk && size == 4, true) << "the version's size";
         ASSERT_EQ(LoadBytes(object, c.record), hr::kOk) << object.LastErrorText();
         EXPECT_EQ(object.IsDirty(), hr::kFalse);
-        ExpectState(object, {c.embed == 0 ? c.path : object.PdfFilePath(), c.embed, c.password});
-        EXPECT_EQ(c.embed != 0 ? test::ReadBytes(ToPath(*object.PdfFilePath())) : "", c.content);
+        const bool embedded = std::get<1>(c.state) != 0;
+        State expected = c.state;
+        if (embedded) std::get<0>(expected) = object.PdfFilePath();
+        EXPECT_EQ(Of(object), expected);
+        EXPECT_EQ(embedded ? test::ReadBytes(ToPath(*object.PdfFilePath())) : "", c.content);
         ASSERT_EQ(object.InitNew(), hr::kOk);  // dirty again, what it holds untouched
         MemoryByteStream saved;
         EXPECT_EQ(object.Save(saved, true), hr::kOk) << object.LastErrorText();
@@ -129,7 +129,7 @@ TEST_F(PersistenceTest, EmbeddedRecordWithAPathReadsNoContentAndKeepsTheFile) {
         CZPdfContentObject object;
         ASSERT_EQ(object.Load(stream), hr::kOk);
         EXPECT_EQ(stream.Position(), record.size());
-        ExpectState(object, {FromPath(victim), -1, u"pw"});
+        EXPECT_EQ(Of(object), State(FromPath(victim), -1, u"pw"));
         EXPECT_EQ(PrivateCopies(), 0u);
         object.ResetDocument();
     }
@@ -169,13 +169,13 @@ TEST_F(PersistenceTest, RefusedRecords) {
         ASSERT_EQ(
             LoadBytes(object, kV1 + Str("") + kEmbedTrue + Str("old") + U32(5) + Raw("hello")),
             hr::kOk);
-        const State before{object.PdfFilePath(), object.EmbedFlag(), object.PasswordText()};
+        const State before = Of(object);
         MemoryByteStream stream(c.record);
         EXPECT_EQ(object.Load(stream), c.result);
         EXPECT_FALSE(object.LastErrorText().empty());
         EXPECT_EQ(object.IsDirty(), hr::kFalse);
-        ExpectState(object, c.state.value_or(before));
-        EXPECT_EQ(stdfs::exists(ToPath(*before.path)), !c.state) << "a reset deletes the copy";
+        EXPECT_EQ(Of(object), c.state.value_or(before));
+        EXPECT_EQ(stdfs::exists(ToPath(*std::get<0>(before))), !c.state) << "a reset deletes it";
         EXPECT_EQ(PrivateCopies(), c.state ? 0u : 1u);
         EXPECT_TRUE(c.position < 0 || stream.Position() == static_cast<std::uint64_t>(c.position))
             << stream.Position();
@@ -213,7 +213,7 @@ TEST_F(PersistenceTest, FailingSaves) {
         ASSERT_LE(stream.Bytes().size(), kEmbedded.size());
         EXPECT_TRUE(std::equal(stream.Bytes().begin(), stream.Bytes().end(), kEmbedded.begin()));
         EXPECT_EQ(object.IsDirty(), hr::kOk);
-        ExpectState(object, {copy, -1, u"pw"});
+        EXPECT_EQ(Of(object), State(copy, -1, u"pw"));
         EXPECT_EQ(test::ReadBytes(ToPath(*copy)), kLong);
     }
     ASSERT_TRUE(stdfs::remove(ToPath(*copy)));

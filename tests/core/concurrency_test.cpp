@@ -38,18 +38,17 @@ struct Plan {
     int Square() const { return 150 + 5 * index; }  // the black square's corner on page 1
     // `count` pages of the thread's size labelled `what` and their number.
     Path Write(const std::string& name, const std::string& what, int count) const {
-        std::vector<samples::SamplePage> list;
-        for (int page = 1; page <= count; ++page)
-            list.push_back(
-                {1.0 * Width(), 1.0 * Height(), 0,
-                 samples::TextContent({Label() + what + std::to_string(page)}, Height()) +
-                     (name == "document.pdf" && page == 1
-                          ? samples::FilledRect(Square(), Square(), 40, 40)
-                          : "") +
-                     (name == "split.pdf" && page < parts
-                          ? samples::TextContent({"", "@@nd@@"}, Height())
-                          : ""),
-                 ""});
+        std::vector<samples::SamplePage> list(static_cast<std::size_t>(count));
+        for (int page = 1; page <= count; ++page) {
+            samples::SamplePage& p = list[static_cast<std::size_t>(page - 1)];
+            p.width = Width();
+            p.height = Height();
+            p.content = samples::TextContent({Label() + what + std::to_string(page)}, p.height);
+            if (name == "document.pdf" && page == 1)
+                p.content += samples::FilledRect(Square(), Square(), 40, 40);
+            if (name == "split.pdf" && page < parts)
+                p.content += samples::TextContent({"", "@@nd@@"}, p.height);
+        }
         EXPECT_TRUE(samples::WriteFile(dir / name, samples::BuildPdf(list)));
         return dir / name;
     }

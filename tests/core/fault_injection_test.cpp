@@ -14,75 +14,67 @@
 #include <string>
 #include <vector>
 
-#include "cli/sample_pdf.h"
-#include "content_object/content_object.h"
 #include "core/open_object.h"
 #include "platform/byte_stream.h"
-#include "platform/files.h"
-#include "support/test_support.h"
 
 namespace zpdf {
 namespace {
 
 namespace stdfs = std::filesystem;
+using namespace test;  // NOLINT: the helpers of these tests
 using enum fs::FileOp;
 
 // A document of pages with one text each. Small squares at scattered places make the first page
 // large: their numbers do not compress to nothing, so the document reaches the disk in several
 // writes.
-stdfs::path Sample(const stdfs::path& path, const std::vector<std::string>& texts,
-                   int squares = 0) {
+Path Sample(const Path& path, const std::vector<std::string>& texts, int squares = 0) {
     std::vector<samples::SamplePage> pages(texts.size());
-    for (std::size_t i = 0; i < texts.size(); ++i) {
+    for (std::size_t i = 0; i < texts.size(); ++i)
         pages[i].content = samples::TextContent({texts[i]}, pages[i].height);
-    }
     std::minstd_rand random(7);
-    for (int i = 0; i < squares; ++i) {
+    for (int i = 0; i < squares; ++i)
         pages[0].content += std::to_string(random() % 50000 / 100.0) + " " +
                             std::to_string(random() % 80000 / 100.0) + " 0.5 0.5 re f\n";
-    }
     EXPECT_TRUE(samples::WriteFile(path, samples::BuildPdf(pages)));
     return path;
 }
 
-// The documents every attempt starts from; no attempt writes them.
+// The documents every attempt starts from; no attempt writes them. `document` has two pages,
+// the first large; `extra` one, appended before the saves; `encrypted` is the document under
+// AES-128 (passwords "user" and "owner"); `large_encrypted` too, large enough for the
+// certificate writer, which hands the file over in pieces of a megabyte, to write it in more
+// than one; `split_source` four pages cut after the first and the second; `record` the stream
+// record of the document embedded; `recipients` one certificate.
 struct Inputs {
-    stdfs::path document;   // two pages, the first large
-    stdfs::path extra;      // one page, appended before the saves
-    stdfs::path encrypted;  // the document under AES-128, passwords "user" and "owner"
-    // Encrypted too, and large enough for the certificate writer, which hands the file over in
-    // pieces of a megabyte, to write it in more than one.
-    stdfs::path large_encrypted;
-    stdfs::path split_source;              // four pages cut after the first and the second
-    std::vector<std::uint8_t> record;      // the stream record of the document embedded
-    std::vector<OptionalText> recipients;  // one certificate
+    Path document, extra, encrypted, large_encrypted, split_source;
+    std::vector<std::uint8_t> record;
+    std::vector<OptionalText> recipients;
 };
 
-// One attempt at a scenario, in a folder of its own.
+// One attempt at a scenario, in a folder of its own. `user_file` must stay byte-identical when
+// the call fails (empty: none); `pages` the saved document has once the call succeeds.
 struct Attempt {
-    Attempt(const Inputs& inputs, const stdfs::path& folder) : in(inputs), dir(folder) {
-        stdfs::create_directories(dir);
-    }
     const Inputs& in;
-    stdfs::path dir;
-    stdfs::path user_file;  // must stay byte-identical when the call fails; empty: none
-    CZPdfContentObject object;
-    CZPdfContentObject extra;
-    int pages = 3;            // of the saved document once the call succeeds
+    Path dir, user_file = {};
+    Obj object{}, extra{};
+    int pages = 3;
     std::int32_t parts = -1;  // SplitPdf's count
 };
 
+// `steps`: how often, at least, a clean run passes each the hook; `prepare` runs without the
+// hook; a failure returns HRESULT_FROM_WIN32(error) with `win32_failure`, E_FAIL otherwise;
+// `failed` checks what holds after the failure of a step of kind `op` at `path`, `succeeded`
+// what holds after success; the object holds `private_copies` "zpf" files after success and
+// `copies_while_open` after a failure that leaves its documents open.
 struct Scenario {
     const char* name;
-    std::map<fs::FileOp, int> steps;        // how often, at least, a clean run passes each the hook
-    std::function<void(Attempt&)> prepare;  // runs without the hook
+    std::map<fs::FileOp, int> steps;
+    std::function<void(Attempt&)> prepare;
     std::function<HResult(Attempt&)> call;
-    bool win32_failure;  // a failure returns HRESULT_FROM_WIN32(error); otherwise E_FAIL
-    // What holds after the failure of a step of kind `op` at `path`, and after success.
-    std::function<void(Attempt&, fs::FileOp op, const stdfs::path& path)> failed;
+    bool win32_failure;
+    std::function<void(Attempt&, fs::FileOp op, const Path& path)> failed;
     std::function<void(Attempt&)> succeeded;
-    std::size_t private_copies;         // "zpf" files the object holds after success
-    std::size_t copies_while_open = 0;  // and after a failure that leaves its documents open
+    std::size_t private_copies, copies_while_open = 0;
 };
 void PrintTo(const Scenario& scenario, std::ostream* out) {
     *out << scenario.name;
@@ -92,78 +84,68 @@ void PrintTo(const Scenario& scenario, std::ostream* out) {
 // the documents open unless it came at the move, which closes them first: the file then opens
 // as it was, the appended page lost. An append to an unencrypted document reads its page from a
 // private copy of the extra file until the documents close.
-Scenario SaveScenario(const char* name, stdfs::path Inputs::*source, const char16_t* password,
+Scenario SaveScenario(const char* name, Path Inputs::*source, const char16_t* password,
                       std::function<HResult(Attempt&)> call,
                       std::function<void(Attempt&)> succeeded, std::size_t copies_while_open) {
     return {name,
             {{Create, 1}, {Write, 2}, {Flush, 1}, {Close, 1}, {Move, 1}},
             [source, password](Attempt& a) {
-                a.user_file = a.dir / "doc.pdf";
-                stdfs::copy_file(a.in.*source, a.user_file);
+                stdfs::copy_file(a.in.*source, a.user_file = a.dir / "doc.pdf");
                 ASSERT_EQ(a.object.SetPdfDocument(FromPath(a.user_file), 0, password), hr::kOk);
                 ASSERT_EQ(a.extra.SetPdfDocument(FromPath(a.in.extra), 0, u""), hr::kOk);
                 ASSERT_EQ(a.object.AppendPages(&a.extra), hr::kOk) << a.object.LastErrorText();
             },
             std::move(call),
             false,
-            [](Attempt& a, fs::FileOp op, const stdfs::path&) {
+            [](Attempt& a, fs::FileOp op, const Path&) {
                 EXPECT_EQ(a.object.IsDocumentOpen(), op != Move);
+                // Opened again, as the host does, and saved unchanged.
                 if (op != Move) return;
-                std::int32_t pages = 0;  // opened again, as the host does, and saved unchanged
-                EXPECT_EQ(a.object.PageCount(&pages), hr::kOk) << a.object.LastErrorText();
-                EXPECT_EQ(pages, a.pages = 2);
+                EXPECT_EQ(Pages(a.object), a.pages = 2);
             },
             std::move(succeeded),
             0,
             copies_while_open};
 }
 
-// Parts 1 to `count` of the split are in place, each with its pages, and no other.
-void ExpectParts(const stdfs::path& dir, int count) {
-    EXPECT_EQ(test::FilesStartingWith(dir, "part_").size(), static_cast<std::size_t>(count));
-    for (int i = 1; i <= count; ++i) {
-        EXPECT_EQ(test::QpdfPageCount(dir / ("part_" + std::to_string(i))), i < 3 ? 1 : 2) << i;
-    }
+// Parts 1 to `count` of the split are counted, in place, each with its pages, and no other.
+void ExpectParts(const Attempt& a, int count) {
+    EXPECT_EQ(a.parts, count);
+    EXPECT_EQ(FilesStartingWith(a.dir, "part_").size(), static_cast<std::size_t>(count));
+    for (int i = 1; i <= count; ++i)
+        EXPECT_EQ(QpdfPageCount(a.dir / ("part_" + std::to_string(i))), i < 3 ? 1 : 2) << i;
 }
 
 // The object holds a private copy of the document.
 void ExpectPrivateCopy(Attempt& a) {
     ASSERT_TRUE(a.object.HasPath());
-    const stdfs::path copy = ToPath(*a.object.PdfFilePath());
+    const Path copy = ToPath(*a.object.PdfFilePath());
     EXPECT_EQ(copy.filename().string().rfind("zpf", 0), 0u) << copy;
-    EXPECT_EQ(test::ReadBytes(copy), test::ReadBytes(a.in.document));
+    EXPECT_EQ(ReadBytes(copy), ReadBytes(a.in.document));
+}
+void ExpectNoPath(Attempt& a, fs::FileOp, const Path&) {
+    EXPECT_FALSE(a.object.HasPath());
 }
 
 const Scenario kScenarios[] = {
     SaveScenario(
         "Save", &Inputs::document, u"", [](Attempt& a) { return a.object.Save(); },
-        [](Attempt& a) {
-            EXPECT_TRUE(test::QpdfCheckPasses(a.user_file));
-            EXPECT_EQ(test::QpdfPageCount(a.user_file), a.pages);
-        },
-        1),
+        [](Attempt& a) { EXPECT_EQ(QpdfPageCount(a.user_file), a.pages); }, 1),
     SaveScenario(
         "SaveWithSecurity", &Inputs::encrypted, u"user",
         [](Attempt& a) { return a.object.SaveWithSecurity(u"user", u"owner"); },
-        [](Attempt& a) {
-            std::int32_t pages = 0;
-            EXPECT_EQ(a.object.PageCount(&pages), hr::kOk) << "the kept password opens it";
-            EXPECT_EQ(pages, a.pages);
-        },
-        0),
+        [](Attempt& a) { EXPECT_EQ(Pages(a.object), a.pages) << "the kept password opens it"; }, 0),
     // Only a certificate holder reads the pages (secured_save_test has PDFBox do that), but
     // their dictionaries are not encrypted: they are counted in the file.
     SaveScenario(
         "SaveWithPubKeySecurity", &Inputs::large_encrypted, u"user",
         [](Attempt& a) { return a.object.SaveWithPubKeySecurity(&a.in.recipients); },
         [](Attempt& a) {
-            const std::string bytes = test::ReadBytes(a.user_file);
-            EXPECT_NE(bytes.find("/Adobe.PubSec"), std::string::npos);
+            const std::string bytes = ReadBytes(a.user_file);
             int pages = 0;
             for (auto at = bytes.find("/Type /Page"); at != std::string::npos;
-                 at = bytes.find("/Type /Page", at + 1)) {
+                 at = bytes.find("/Type /Page", at + 1))
                 pages += bytes[at + 11] != 's';
-            }
             EXPECT_EQ(pages, a.pages);
         },
         0),
@@ -174,24 +156,19 @@ const Scenario kScenarios[] = {
          return a.object.SplitPdf(FromPath(a.in.split_source), FromPath(a.dir / "part"), &a.parts);
      },
      true,
-     [](Attempt& a, fs::FileOp, const stdfs::path& path) {
+     [](Attempt& a, fs::FileOp, const Path& path) {
          // The parts before the failing one are in place and whole; of that one nothing is.
          const std::string name = path.filename().string();
-         const int failing = std::stoi(name.substr(name.find('_') + 1));
-         EXPECT_EQ(a.parts, failing - 1);
-         ExpectParts(a.dir, failing - 1);
+         ExpectParts(a, std::stoi(name.substr(name.find('_') + 1)) - 1);
      },
-     [](Attempt& a) {
-         EXPECT_EQ(a.parts, 3);
-         ExpectParts(a.dir, 3);
-     },
+     [](Attempt& a) { ExpectParts(a, 3); },
      0},
     {"SetPdfDocumentEmbed",
      {{Create, 1}, {Copy, 1}},
      [](Attempt& a) { a.user_file = a.in.document; },
      [](Attempt& a) { return a.object.SetPdfDocument(FromPath(a.in.document), -1, u""); },
      true,
-     [](Attempt& a, fs::FileOp, const stdfs::path&) { EXPECT_FALSE(a.object.HasPath()); },
+     ExpectNoPath,
      ExpectPrivateCopy,
      1},
     // The temporary file is made, then opened for writing. A failure leaves the object reset,
@@ -204,60 +181,40 @@ const Scenario kScenarios[] = {
          return a.object.Load(stream);
      },
      true,
-     [](Attempt& a, fs::FileOp, const stdfs::path&) { EXPECT_FALSE(a.object.HasPath()); },
+     ExpectNoPath,
      ExpectPrivateCopy,
      1},
 };
 
 // Side files (".part") anywhere below `dir`.
-long SideFiles(const stdfs::path& dir) {
+long SideFiles(const Path& dir) {
     return std::count_if(stdfs::recursive_directory_iterator(dir), {},
                          [](const auto& entry) { return entry.path().extension() == ".part"; });
 }
 
-struct Step {
-    fs::FileOp op;
-    stdfs::path path;
-};
-// Runs `call` with every step the hook is asked about recorded; the `fail_at`-th (1-based; 0
-// fails none) fails with `error`.
-std::vector<Step> Hooked(std::size_t fail_at, int error, const std::function<void()>& call) {
-    std::vector<Step> steps;
-    fs::SetFaultHook([&steps, fail_at, error](fs::FileOp op, const stdfs::path& path) {
-        steps.push_back({op, path});
-        return steps.size() == fail_at ? error : 0;
-    });
-    call();
-    fs::SetFaultHook(nullptr);
-    return steps;
-}
-
 // The engine's load diagnostics are kept off the console.
-class FaultInjectionTest : public test::PrivateCopyTest,
-                           public ::testing::WithParamInterface<Scenario> {
+class FaultInjectionTest : public PrivateCopyTest, public ::testing::WithParamInterface<Scenario> {
   protected:
     void SetUp() override {
         ::testing::internal::CaptureStderr();
-        const stdfs::path dir = dir_ / "inputs";
+        const Path dir = dir_ / "inputs";
         stdfs::create_directories(dir);
         in_.document = Sample(dir / "document.pdf", {"Keep me", "And me"}, 12000);
         in_.extra = Sample(dir / "extra.pdf", {"Appended"});
-        in_.encrypted = test::QpdfEncrypt(in_.document, dir / "enc.pdf", "user", "owner", 128);
-        if (GetParam().name == std::string("SaveWithPubKeySecurity")) {
-            in_.large_encrypted =
-                test::QpdfEncrypt(Sample(dir / "large.pdf", {"Big", "Me"}, 200000),
-                                  dir / "large-enc.pdf", "user", "owner", 128);
-        }
+        in_.encrypted = QpdfEncrypt(in_.document, dir / "enc.pdf", "user", "owner", 128);
+        if (GetParam().name == std::string("SaveWithPubKeySecurity"))
+            in_.large_encrypted = QpdfEncrypt(Sample(dir / "large.pdf", {"Big", "Me"}, 200000),
+                                              dir / "large-enc.pdf", "user", "owner", 128);
         in_.split_source = Sample(dir / "split.pdf", {"One @@nd@@", "Two @@nd@@", "Three", "Four"});
-        in_.recipients = {test::MakeCertificate(dir, "Alice")};
-        CZPdfContentObject embedded;
+        in_.recipients = {MakeCertificate(dir, "Alice")};
+        Obj embedded;
         ASSERT_EQ(embedded.SetPdfDocument(FromPath(in_.document), -1, std::nullopt), hr::kOk);
         MemoryByteStream record;
         ASSERT_EQ(embedded.Save(record, true), hr::kOk);
         in_.record = record.Bytes();
     }
     void TearDown() override {
-        test::PrivateCopyTest::TearDown();
+        PrivateCopyTest::TearDown();
         ::testing::internal::GetCapturedStderr();
     }
 
@@ -266,59 +223,56 @@ class FaultInjectionTest : public test::PrivateCopyTest,
 
 TEST_P(FaultInjectionTest, EveryStepFailsCleanly) {
     const Scenario& scenario = GetParam();
-    std::vector<Step> clean;  // the steps of the clean run, n = 0
+    std::vector<std::pair<fs::FileOp, Path>> clean;  // the steps of the clean run, n = 0
     for (std::size_t n = 0; n <= clean.size(); ++n) {
-        const fs::FileOp op = n == 0 ? Read : clean[n - 1].op;
+        const fs::FileOp op = n == 0 ? Read : clean[n - 1].first;
         std::vector<int> errors = {n == 0 ? 0 : fs::kErrorDiskFull};
         if (op == Create || op == Move) errors.push_back(fs::kErrorAccessDenied);
         for (const int error : errors) {
             const std::string name = "step" + std::to_string(n) + "-error" + std::to_string(error);
-            SCOPED_TRACE(name + (n == 0 ? ""
-                                        : ": " + std::string(fs::FileOpName(op)) + " of " +
-                                              clean[n - 1].path.filename().string()));
-            Attempt attempt(in_, dir_ / "runs" / name);
-            scenario.prepare(attempt);
+            SCOPED_TRACE(name + (n == 0 ? "" : ": " + std::string(fs::FileOpName(op))));
+            Attempt a{in_, dir_ / "runs" / name};
+            stdfs::create_directories(a.dir);
+            scenario.prepare(a);
             if (HasFatalFailure()) return;
-            const std::string before =
-                attempt.user_file.empty() ? std::string() : test::ReadBytes(attempt.user_file);
-
-            HResult result = hr::kFail;
-            const std::vector<Step> steps =
-                Hooked(n, error, [&] { result = scenario.call(attempt); });
+            const std::string before = a.user_file.empty() ? "" : ReadBytes(a.user_file);
+            // Every step the hook is asked about recorded; the n-th fails with `error`.
+            std::vector<std::pair<fs::FileOp, Path>> steps;
+            fs::SetFaultHook([&steps, n, error](fs::FileOp step, const Path& path) {
+                steps.emplace_back(step, path);
+                return steps.size() == n ? error : 0;
+            });
+            const HResult result = scenario.call(a);
+            fs::SetFaultHook(nullptr);
             if (n == 0) {
                 clean = steps;
-                ASSERT_EQ(result, hr::kOk) << attempt.object.LastErrorText();
+                ASSERT_EQ(result, hr::kOk) << a.object.LastErrorText();
             } else {
                 ASSERT_EQ(steps.size(), n) << "nothing is written after the failing step";
                 EXPECT_EQ(result, scenario.win32_failure ? hr::FromWin32(error) : hr::kFail);
-                EXPECT_FALSE(attempt.object.LastErrorText().empty());
-                if (!attempt.user_file.empty()) {
-                    EXPECT_EQ(test::ReadBytes(attempt.user_file), before);
-                }
+                EXPECT_FALSE(a.object.LastErrorText().empty());
+                EXPECT_EQ(a.user_file.empty() ? "" : ReadBytes(a.user_file), before);
                 EXPECT_EQ(SideFiles(dir_), 0);
                 EXPECT_EQ(PrivateCopies(),
-                          attempt.object.IsDocumentOpen() ? scenario.copies_while_open : 0u);
-                scenario.failed(attempt, op, clean[n - 1].path);
+                          a.object.IsDocumentOpen() ? scenario.copies_while_open : 0u);
+                scenario.failed(a, op, clean[n - 1].second);
                 // The disk works again: the same object succeeds.
-                EXPECT_EQ(scenario.call(attempt), hr::kOk) << attempt.object.LastErrorText();
+                EXPECT_EQ(scenario.call(a), hr::kOk) << a.object.LastErrorText();
             }
-            scenario.succeeded(attempt);
+            scenario.succeeded(a);
             EXPECT_EQ(SideFiles(dir_), 0);
             EXPECT_EQ(PrivateCopies(), scenario.private_copies);
         }
     }
     EXPECT_EQ(PrivateCopies(), 0u) << "every object deletes its private copy";
     std::map<fs::FileOp, int> seen;
-    for (const Step& step : clean) ++seen[step.op];
-    for (const auto& [op, count] : scenario.steps) {
+    for (const auto& step : clean) ++seen[step.first];
+    for (const auto& [op, count] : scenario.steps)
         EXPECT_GE(seen[op], count) << fs::FileOpName(op) << " steps of a clean run";
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Writes, FaultInjectionTest, ::testing::ValuesIn(kScenarios),
-                         [](const ::testing::TestParamInfo<Scenario>& param) {
-                             return std::string(param.param.name);
-                         });
+                         [](const auto& param) { return std::string(param.param.name); });
 
 }  // namespace
 }  // namespace zpdf

@@ -1,23 +1,20 @@
 // Page count, page sizes and drawing, checked by pixels.
 #include <gtest/gtest.h>
 
-#include "core/labelled_pages.h"
 #include "core/open_object.h"
 #include "platform/raster.h"
 
 namespace zpdf {
 namespace {
 
-namespace stdfs = std::filesystem;
-using test::PageSize;
-using Size = std::pair<double, double>;
+using namespace test;  // NOLINT: the helpers of these tests
 constexpr std::int32_t kWholePage = CZPdfContentObject::kDrawWholePage;
 
 // A 200 x 300 pt page with a black square from (50,100) to (100,150) in page space (y up), so at
 // 72 dpi its pixels are x 50..99 and y 150..199 (y down); and that page rotated, and cropped.
-stdfs::path SquarePages() {
+Path SquarePages() {
     const std::string square = samples::FilledRect(50, 100, 50, 50);
-    const stdfs::path file = test::ScratchDir() / "square.pdf";
+    const Path file = ScratchDir() / "square.pdf";
     EXPECT_TRUE(samples::WriteFile(
         file, samples::BuildPdf({{200, 300, 0, square, ""},
                                  {200, 300, 90, square, ""},
@@ -27,12 +24,9 @@ stdfs::path SquarePages() {
 
 // Without a document the answers are neutral; pages the document does not have are refused.
 TEST(Geometry, NeutralAnswersAndRefusals) {
-    CZPdfContentObject none;
-    CZPdfContentObject object;
-    test::OpenQuietly(object, SquarePages());
-    std::int32_t pages = 7;
-    EXPECT_EQ(none.PageCount(&pages), hr::kOk);
-    EXPECT_EQ(pages, 0);
+    Obj none, object;
+    OpenQuietly(object, SquarePages());
+    EXPECT_EQ(Pages(none), 0);
     EXPECT_EQ(PageSize(none, 1), Size(0, 0));
     EXPECT_EQ(none.PageCount(nullptr), hr::kPointer);
     double width = 5;
@@ -46,6 +40,10 @@ TEST(Geometry, NeutralAnswersAndRefusals) {
     EXPECT_EQ(object.DrawPageToDC(dc, 4, 0, 0, 20, 20, 0, 0, 0, 0, 0), hr::kInvalidArg);
     EXPECT_EQ(object.DrawPageToDC(dc, 0, 0, 0, 20, 20, 0, 0, 0, 0, kWholePage), hr::kUnexpected);
     EXPECT_EQ(dc.DrawCalls(), 0u);
+    EXPECT_EQ(none.OverlayPrepare(u"whatever.pdf"), hr::kNotImpl);  // overlays are not offered
+    EXPECT_EQ(none.OverlayPage(1, 1, 0, 0, 10, 10), hr::kNotImpl);
+    EXPECT_EQ(none.OverlayPage2(1, 1, 0, 0, 10, 10, 1), hr::kNotImpl);
+    EXPECT_EQ(none.OverlayFinish(), hr::kNotImpl);
     // Sizes as the page shows: turned, and cut to the crop box.
     EXPECT_EQ(PageSize(object, 1), Size(200, 300));
     EXPECT_EQ(PageSize(object, 2), Size(300, 200));
@@ -55,14 +53,14 @@ TEST(Geometry, NeutralAnswersAndRefusals) {
 // Large drawings are cut into bands of bounded size: at 8 pixels per point a band holds 1310 rows
 // of the page, and the second starts inside the square.
 TEST(Drawing, SquareLandsWhereThePageSaysAndTheDrawRectangleClips) {
+    // `scale` device pixels per point; the page rectangle at `left`, `top` on the device; the
+    // draw rectangle `draw_width` wide at the device's origin (0: none); `right_half` of the
+    // square drawn.
     const struct {
         const char* name;
-        int scale;  // device pixels per point
-        int left;   // page rectangle position on the device
-        int top;
-        int draw_width;  // of the draw rectangle at the device's origin; 0: none
+        int scale, left, top, draw_width;
         std::int32_t options;
-        bool right_half;  // of the square drawn
+        bool right_half;
     } cases[] = {
         {"72 dpi", 1, 0, 0, 0, 0, true},
         {"144 dpi, moved", 2, 30, 17, 0, 0, true},
@@ -72,8 +70,8 @@ TEST(Drawing, SquareLandsWhereThePageSaysAndTheDrawRectangleClips) {
         {"whole-page option, draw rectangle ignored", 1, 0, 0, 75, kWholePage, true},
         {"negative draw rectangle, ignored", 1, 0, 0, -5, 0, true},
     };
-    CZPdfContentObject object;
-    test::OpenQuietly(object, SquarePages());
+    Obj object;
+    OpenQuietly(object, SquarePages());
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         RasterDeviceContext dc(200 * c.scale + c.left + 10, 300 * c.scale + c.top + 10);
@@ -84,19 +82,15 @@ TEST(Drawing, SquareLandsWhereThePageSaysAndTheDrawRectangleClips) {
         EXPECT_LE(static_cast<std::size_t>(dc.TallestBand()) * 800 * c.scale,
                   CZPdfContentObject::kBandBytes);
         // Dark everywhere inside the square (its left half when clipped), nowhere outside it.
-        const int x0 = c.left + 50 * c.scale;
-        const int y0 = c.top + 150 * c.scale;
-        const int side = 50 * c.scale;
+        const int x0 = c.left + 50 * c.scale, y0 = c.top + 150 * c.scale, side = 50 * c.scale;
         const int right = c.right_half ? x0 + side - 1 : 74;
-        int missing = 0;
-        int outside = 0;
-        for (int y = 0; y < dc.Height(); ++y) {
+        int missing = 0, outside = 0;
+        for (int y = 0; y < dc.Height(); ++y)
             for (int x = 0; x < dc.Width(); ++x) {
                 const bool dark = dc.Pixel(x, y)[1] < 64;
                 if (x > x0 && x < right && y > y0 && y < y0 + side - 1) missing += !dark;
                 if (x < x0 - 1 || x > x0 + side || y < y0 - 1 || y > y0 + side) outside += dark;
             }
-        }
         EXPECT_EQ(missing, 0);
         EXPECT_EQ(outside, 0);
         EXPECT_EQ(dc.Pixel(x0 + side - 2, y0 + side / 2)[1] < 64, c.right_half);

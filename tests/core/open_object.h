@@ -1,13 +1,21 @@
-// Helpers of the content object's tests: opening a document with the engine's warnings kept off
-// the test's output, a temporary folder whose private copies can be counted, certificates.
+// Helpers of the content object's tests: documents whose pages show a label, opening them with
+// the engine's warnings kept off the test's output, a temporary folder whose private copies can
+// be counted, certificates.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "cli/sample_pdf.h"
 #include "content_object/content_object.h"
 #include "platform/files.h"
 #include "platform/text.h"
@@ -15,22 +23,59 @@
 
 namespace zpdf::test {
 
-inline void OpenQuietly(CZPdfContentObject& object, const std::filesystem::path& file,
-                        const OptionalText& password = u"") {
-    ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, password), hr::kOk);
-    ::testing::internal::CaptureStderr();
-    const HResult result = object.EnsurePdfDocument();
-    ::testing::internal::GetCapturedStderr();
-    ASSERT_EQ(result, hr::kOk) << object.LastErrorText();
+using Obj = CZPdfContentObject;
+using Size = std::pair<double, double>;
+using Path = std::filesystem::path;
+
+// What `call` returns, the engine's diagnostics (standard error) sent nowhere meanwhile. Unlike
+// a capture, this may run while standard error is captured.
+template <class Call>
+auto Quiet(Call&& call) {
+    std::fflush(stderr);
+    const int saved = dup(2), null = open("/dev/null", O_WRONLY);
+    dup2(null, 2);
+    const auto result = call();
+    std::fflush(stderr);
+    dup2(saved, 2);
+    close(null), close(saved);
+    return result;
 }
 
-// The page count, the document opened as needed without its diagnostics; -1 when that fails.
-inline int PageCountQuietly(CZPdfContentObject& object) {
+inline void OpenQuietly(Obj& object, const Path& file, const OptionalText& password = u"") {
+    ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, password), hr::kOk);
+    ASSERT_EQ(Quiet([&] { return object.EnsurePdfDocument(); }), hr::kOk) << object.LastErrorText();
+}
+
+// The page count, the document opened as needed; -1 when that fails.
+inline std::int32_t Pages(Obj& object) {
     std::int32_t pages = 0;
-    ::testing::internal::CaptureStderr();
-    const HResult result = object.PageCount(&pages);
-    ::testing::internal::GetCapturedStderr();
-    return hr::Succeeded(result) ? pages : -1;
+    return Quiet([&] { return object.PageCount(&pages); }) == hr::kOk ? pages : -1;
+}
+
+// Width and height of a page in points; {-1, -1} when it cannot be measured.
+inline Size PageSize(Obj& object, std::int32_t page) {
+    Size size;
+    return object.GetPageSize(page, &size.first, &size.second) == hr::kOk ? size : Size(-1, -1);
+}
+
+// "<prefix>1" to "<prefix><count>".
+inline std::vector<std::string> Labels(const std::string& prefix, int count) {
+    std::vector<std::string> labels;
+    for (int i = 1; i <= count; ++i) labels.push_back(prefix + std::to_string(i));
+    return labels;
+}
+
+// One page of `width` x `height` points per label, the label written at its top left.
+inline std::string LabelledBytes(const std::vector<std::string>& labels, double width = 595,
+                                 double height = 842) {
+    std::vector<samples::SamplePage> pages;
+    for (const std::string& label : labels)
+        pages.push_back({width, height, 0, samples::TextContent({label}, height), ""});
+    return samples::BuildPdf(pages);
+}
+inline Path LabelledPdf(const Path& path, const std::vector<std::string>& labels) {
+    WriteBytes(path, LabelledBytes(labels));
+    return path;
 }
 
 // A test whose private copies go to a temporary folder of its own, so that leftovers can be
@@ -41,21 +86,20 @@ class PrivateCopyTest : public ::testing::Test {
     void TearDown() override { fs::SetFaultHook(nullptr); }
     std::size_t PrivateCopies() const { return FilesStartingWith(tmp_, "zpf").size(); }
 
-    const std::filesystem::path dir_ = ScratchDir();  // the test's files
-    const std::filesystem::path tmp_ = dir_ / "tmp";  // its temporary folder
+    const Path dir_ = ScratchDir();  // the test's files
+    const Path tmp_ = dir_ / "tmp";  // its temporary folder
     const TempFolderOverride tmp_override_{tmp_};
 };
 
 // A self-signed certificate for `name` with a new key of `key` (an openssl -newkey argument),
 // written as <name>-cert.pem and <name>-key.pem in `dir`; returns the certificate's PEM text.
-inline OptionalText MakeCertificate(const std::filesystem::path& dir, const std::string& name,
+inline OptionalText MakeCertificate(const Path& dir, const std::string& name,
                                     const std::string& key = "rsa:2048") {
-    const std::filesystem::path certificate = dir / (name + "-cert.pem");
-    const ToolResult made =
-        Run("openssl req -x509 -newkey " + key + " -nodes -days 2 -subj '/CN=" + name +
-            "' -keyout " + Quote(dir / (name + "-key.pem")) + " -out " + Quote(certificate));
+    const ToolResult made = Run(
+        "openssl req -x509 -newkey " + key + " -nodes -days 2 -subj '/CN=" + name + "' -keyout " +
+        Quote(dir / (name + "-key.pem")) + " -out " + Quote(dir / (name + "-cert.pem")));
     EXPECT_EQ(made.exit_code, 0) << made.output;
-    return FromAnsi(ReadBytes(certificate));
+    return FromAnsi(ReadBytes(dir / (name + "-cert.pem")));
 }
 
 }  // namespace zpdf::test

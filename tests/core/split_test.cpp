@@ -5,34 +5,31 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "cli/sample_pdf.h"
-#include "content_object/content_object.h"
 #include "core/open_object.h"
-#include "platform/files.h"
-#include "support/test_support.h"
 
 namespace zpdf {
 namespace {
 
 namespace stdfs = std::filesystem;
+using namespace test;  // NOLINT: the helpers of these tests
 
 const char* const kLabels[] = {"Alpha", "Bravo", "Charlie", "Delta", "Echo"};
 
 // The labels each part file `<prefix>_<n>` in `dir` shows, as "Alpha Bravo|Charlie" for two
 // parts, each part's pages counted by qpdf too.
-std::string Parts(const stdfs::path& dir, const std::string& prefix) {
+std::string Parts(const Path& dir, const std::string& prefix) {
     std::string parts;
-    const std::size_t count = test::FilesStartingWith(dir, prefix + "_").size();
+    const std::size_t count = FilesStartingWith(dir, prefix + "_").size();
     for (std::size_t n = 1; n <= count; ++n) {
-        const stdfs::path part = dir / (prefix + "_" + std::to_string(n));
-        const std::string text = test::PdfToText(part);
+        const Path part = dir / (prefix + "_" + std::to_string(n));
+        const std::string text = PdfToText(part);
         int pages = 0;
-        for (const char* label : kLabels) {
-            if (text.find(label) == std::string::npos) continue;
-            parts += std::string(pages++ == 0 ? "" : " ") + label;
-        }
-        EXPECT_EQ(test::QpdfPageCount(part), pages) << part;
-        if (n < count) parts += "|";
+        for (const char* label : kLabels)
+            if (text.find(label) != std::string::npos)
+                parts += std::string(pages++ == 0 ? "" : " ") + label;
+        EXPECT_EQ(QpdfPageCount(part), pages) << part;
+        EXPECT_TRUE(QpdfCheckPasses(part));
+        parts += n < count ? "|" : "";
     }
     return parts;
 }
@@ -45,14 +42,14 @@ std::string MarkedPdf(const std::vector<std::string>& contents, const std::strin
     std::vector<std::string> objects = {
         "<< /Type /Catalog /Pages 2 0 R >>", "",
         "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
-        test::PdfStream("/Subtype /Form /BBox [0 0 595 842] " + resources, form)};
+        PdfStream("/Subtype /Form /BBox [0 0 595 842] " + resources, form)};
     std::string kids;
     for (std::size_t i = 0; i < contents.size(); ++i) {
         kids += std::to_string(objects.size() + 1) + " 0 R ";
         objects.push_back("<< /Type /Page /Parent 2 0 R /MediaBox [0 0 595 842] " + resources +
                           " /Contents " + std::to_string(objects.size() + 2) + " 0 R >>");
-        objects.push_back(test::PdfStream(
-            "", contents[i] + "\nBT /F1 12 Tf 72 750 Td (" + kLabels[i] + ") Tj ET"));
+        objects.push_back(
+            PdfStream("", contents[i] + "\nBT /F1 12 Tf 72 750 Td (" + kLabels[i] + ") Tj ET"));
     }
     objects[1] =
         "<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(contents.size()) + " >>";
@@ -64,45 +61,38 @@ std::string MarkedPdf(const std::vector<std::string>& contents, const std::strin
 // only the page's own content.
 TEST(Split, PartsEndAfterMarkerPages) {
     const std::string marker = "BT /F1 12 Tf 72 700 Td (@@nd@@) Tj ET";
+    const std::string text = "BT /F1 12 Tf 72 700 Td ", two = "Alpha|Bravo";
     const struct {
-        const char* name;
         std::vector<std::string> pages;
         std::string parts;  // none: S_FALSE
         std::string form = "";
     } cases[] = {
-        {"first page", {marker, "", ""}, "Alpha|Bravo Charlie"},
-        {"last page only", {"", "", marker}, ""},
-        {"every page of four", {marker, marker, marker, marker}, "Alpha|Bravo|Charlie|Delta"},
-        {"one page", {marker}, ""},
-        {"upper case", {"BT /F1 12 Tf 72 700 Td (@@ND@@) Tj ET", ""}, ""},
-        {"inside other text",
-         {"BT /F1 12 Tf 72 700 Td (Due 12.00 @@nd@@ thanks) Tj ET", ""},
-         "Alpha|Bravo"},
-        {"array of strings",
-         {"BT /F1 12 Tf 72 700 Td [(@@n) -250 (d@@)] TJ ET", ""},
-         "Alpha|Bravo"},
-        {"hex strings", {"BT /F1 12 Tf 72 700 Td <40406e64> Tj (@@) ' ET", ""}, "Alpha|Bravo"},
-        {"invisible text", {"BT 3 Tr /F1 12 Tf 72 700 Td (@@nd@@) Tj ET", ""}, "Alpha|Bravo"},
-        {"inside a form", {"q /Fm0 Do Q", ""}, "Alpha|Bravo", marker},
-        {"page then form",
-         {"BT /F1 12 Tf 72 700 Td (@@n) Tj ET /Fm0 Do", ""},
-         "Alpha|Bravo",
-         "BT /F1 12 Tf 72 680 Td (d@@) Tj ET"},
-        {"form drawing itself", {"/Fm0 Do", ""}, "Alpha|Bravo", marker + " /Fm0 Do"},
-        {"only in a comment", {"% @@nd@@", ""}, ""},
-        {"font gone after Q", {"q BT /F1 12 Tf ET Q BT 72 700 Td (@@nd@@) Tj ET", ""}, ""},
+        {{marker, "", ""}, "Alpha|Bravo Charlie"},
+        {{"", "", marker}, ""},  // the last page only
+        {{marker, marker, marker, marker}, "Alpha|Bravo|Charlie|Delta"},
+        {{marker}, ""},
+        {{text + "(@@ND@@) Tj ET", ""}, ""},  // upper case
+        {{text + "(Due 12.00 @@nd@@ thanks) Tj ET", ""}, two},
+        {{text + "[(@@n) -250 (d@@)] TJ ET", ""}, two},
+        {{text + "<40406e64> Tj (@@) ' ET", ""}, two},
+        {{"BT 3 Tr /F1 12 Tf 72 700 Td (@@nd@@) Tj ET", ""}, two},  // invisible
+        {{"q /Fm0 Do Q", ""}, two, marker},
+        {{text + "(@@n) Tj ET /Fm0 Do", ""}, two, "BT /F1 12 Tf 72 680 Td (d@@) Tj ET"},
+        {{"/Fm0 Do", ""}, two, marker + " /Fm0 Do"},  // a form drawing itself
+        {{"% @@nd@@", ""}, ""},
+        {{"q BT /F1 12 Tf ET Q BT 72 700 Td (@@nd@@) Tj ET", ""}, ""},  // the font gone after Q
     };
-    const stdfs::path dir = test::ScratchDir();
-    const stdfs::path own = test::TextPdf(dir / "own.pdf", {"own one", "own two"});
+    const Path dir = ScratchDir();
+    const Path own = TextPdf(dir / "own.pdf", {"own one", "own two"});
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const stdfs::path case_dir = dir / c.name;
+        SCOPED_TRACE(c.pages[0]);
+        const Path case_dir = dir / std::to_string(&c - cases);
         stdfs::create_directories(case_dir);
         const std::string source = MarkedPdf(c.pages, c.form);
-        test::WriteBytes(case_dir / "source.pdf", source);
+        WriteBytes(case_dir / "source.pdf", source);
         // The object's own open document is not what is split, and stays as it was.
-        CZPdfContentObject object;
-        test::OpenQuietly(object, own);
+        Obj object;
+        OpenQuietly(object, own);
         std::int32_t written = -1;
         EXPECT_EQ(object.SplitPdf(FromPath(case_dir / "source.pdf"), FromPath(case_dir / "part"),
                                   &written),
@@ -111,7 +101,7 @@ TEST(Split, PartsEndAfterMarkerPages) {
         EXPECT_EQ(Parts(case_dir, "part"), c.parts);  // no side file is left either
         EXPECT_EQ(written,
                   c.parts.empty() ? 0 : std::count(c.parts.begin(), c.parts.end(), '|') + 1);
-        EXPECT_EQ(test::ReadBytes(case_dir / "source.pdf"), source);
+        EXPECT_EQ(ReadBytes(case_dir / "source.pdf"), source);
         EXPECT_TRUE(object.IsDocumentOpen());
         EXPECT_EQ(object.PdfFilePath(), OptionalText(FromPath(own)));
     }
@@ -120,67 +110,63 @@ TEST(Split, PartsEndAfterMarkerPages) {
 // Sources made by another program and stored in other ways split alike, and the parts are plain
 // documents. The font change makes Ghostscript show the marker's halves with two operators.
 TEST(Split, SourceFormsSplitAlike) {
-    const stdfs::path dir = test::ScratchDir();
+    const Path dir = ScratchDir();
     const auto page = [](const char* label, const std::string& more) {
         return "/Helvetica findfont 14 scalefont setfont 72 700 moveto (" + std::string(label) +
                ") show 72 650 moveto " + more;
     };
-    const stdfs::path plain = test::GhostscriptPdf(
+    const Path plain = GhostscriptPdf(
         dir / "plain.pdf",
         {page("Alpha", ""),
          page("Bravo", "(@@n) show /Times-Roman findfont 14 scalefont setfont (d@@) show"),
          page("Charlie", "")});
-    for (const stdfs::path& source : {plain, test::QpdfObjectStreams(plain, dir / "objstm.pdf"),
-                                      test::QpdfLinearize(plain, dir / "linear.pdf"),
-                                      test::QpdfEncrypt(plain, dir / "owner.pdf", "", "o", 256)}) {
+    for (const Path& source : {plain, QpdfObjectStreams(plain, dir / "objstm.pdf"),
+                               QpdfLinearize(plain, dir / "linear.pdf"),
+                               QpdfEncrypt(plain, dir / "owner.pdf", "", "o", 256)}) {
         SCOPED_TRACE(source.filename().string());
         const std::string prefix = source.stem().string();
-        CZPdfContentObject object;
+        Obj object;
         std::int32_t written = 0;
         ASSERT_EQ(object.SplitPdf(FromPath(source), FromPath(dir / prefix), &written), hr::kOk)
             << object.LastErrorText();
         EXPECT_EQ(written, 2);
         EXPECT_EQ(Parts(dir, prefix), "Alpha Bravo|Charlie");
-        for (const char* part : {"_1", "_2"}) {
-            EXPECT_TRUE(test::QpdfCheckPasses(dir / (prefix + part)));
-            EXPECT_NE(test::Run("qpdf --show-encryption " + test::Quote(dir / (prefix + part)))
+        for (const char* part : {"_1", "_2"})
+            EXPECT_NE(test::Run("qpdf --show-encryption " + Quote(dir / (prefix + part)))
                           .output.find("File is not encrypted"),
                       std::string::npos);
-        }
     }
 }
 
 TEST(Split, UnusableSourcesAndFoldersSayWhy) {
-    const stdfs::path dir = test::ScratchDir();
-    const stdfs::path plain = test::TextPdf(dir / "plain.pdf", {"one @@nd@@", "two"});
-    const stdfs::path locked = test::QpdfEncrypt(plain, dir / "locked.pdf", "user", "owner", 256);
-    test::WriteBytes(dir / "notes.txt", "These are notes, not a document.\n");
+    const Path dir = ScratchDir();
+    const Path plain = TextPdf(dir / "plain.pdf", {"one @@nd@@", "two"});
+    const Path locked = QpdfEncrypt(plain, dir / "locked.pdf", "user", "owner", 256);
+    WriteBytes(dir / "notes.txt", "These are notes, not a document.\n");
     const OptionalText prefix = FromPath(dir / "p");
     const std::string load = "Load pdf docs unsuccessful: ";
     const struct {
-        const char* name;
-        OptionalText file;
-        OptionalText prefix;
+        OptionalText file, prefix;
         bool with_count;
         HResult result;
         std::int32_t written;    // 7: left as it was
         std::string diagnostic;  // written to standard error
     } cases[] = {
-        {"missing file", FromPath(dir / "missing.pdf"), prefix, true, hr::kFileNotFound, 0,
+        {FromPath(dir / "missing.pdf"), prefix, true, hr::kFileNotFound, 0,
          load + "File not found or could not be opened."},
-        {"password needed", FromPath(locked), prefix, true, hr::kAccessDenied, 0,
+        {FromPath(locked), prefix, true, hr::kAccessDenied, 0,
          load + "Password required or incorrect password."},
-        {"not a PDF", FromPath(dir / "notes.txt"), prefix, true, hr::kUnexpected, 0,
+        {FromPath(dir / "notes.txt"), prefix, true, hr::kUnexpected, 0,
          load + "File not in PDF format or corrupted."},
-        {"null file", std::nullopt, prefix, true, hr::kPointer, 7, ""},
-        {"null prefix", FromPath(plain), std::nullopt, true, hr::kPointer, 7, ""},
-        {"null count", FromPath(plain), prefix, false, hr::kPointer, 7, ""},
-        {"missing folder", FromPath(plain), FromPath(dir / "missing" / "p"), true,
+        {std::nullopt, prefix, true, hr::kPointer, 7, ""},
+        {FromPath(plain), std::nullopt, true, hr::kPointer, 7, ""},
+        {FromPath(plain), prefix, false, hr::kPointer, 7, ""},
+        {FromPath(plain), FromPath(dir / "missing" / "p"), true,
          hr::FromWin32(fs::kErrorPathNotFound), 0, ""},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        CZPdfContentObject object;
+        SCOPED_TRACE(&c - cases);
+        Obj object;
         std::int32_t written = 7;
         ::testing::internal::CaptureStderr();
         EXPECT_EQ(object.SplitPdf(c.file, c.prefix, c.with_count ? &written : nullptr), c.result);
@@ -188,7 +174,7 @@ TEST(Split, UnusableSourcesAndFoldersSayWhy) {
         EXPECT_FALSE(object.LastErrorText().empty());
         EXPECT_NE(diagnostics.find(c.diagnostic), std::string::npos) << diagnostics;
         EXPECT_EQ(written, c.written);
-        EXPECT_TRUE(test::FilesStartingWith(dir, "p_").empty());
+        EXPECT_TRUE(FilesStartingWith(dir, "p_").empty());
         EXPECT_FALSE(stdfs::exists(dir / "missing"));
     }
 }

@@ -2,6 +2,7 @@
 // host's object collections, and drawing through its content object.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <functional>
 #include <tuple>
@@ -38,19 +39,14 @@ HResult LoadBytes(Element& element, const Bytes& bytes) {
     MemoryByteStream stream(bytes);
     return element.Load(stream);
 }
-HResult Dirty(bool dirty) {
+constexpr HResult Dirty(bool dirty) {
     return dirty ? hr::kOk : hr::kFalse;
 }
 
 // Each change to an element just loaded: whether it makes it dirty, and the record it saves.
 TEST(Element, ChangesRecordsAndDirtyRules) {
     const auto a = std::make_shared<CZPdfContentObject>();
-    const struct {
-        const char* name;
-        std::function<void(Element&)> change;
-        bool dirty;
-        Bytes record;
-    } cases[] = {
+    const std::tuple<const char*, std::function<void(Element&)>, bool, Bytes> cases[] = {
         {"nothing", [](auto&) {}, false, Rec(9, 1, 1, 2, 4, 6)},
         {"negative sizes flip", [](auto& e) { e.SetPosition(100, -7, -20, -2); }, true,
          Rec(9, 1, 80, -9, 100, -7)},
@@ -63,25 +59,20 @@ TEST(Element, ChangesRecordsAndDirtyRules) {
         {"null over null", [](auto& e) { e.put_PdfObject(nullptr); }, true, Rec(0, 1, 1, 2, 4, 6)},
         {"InitNew resets nothing", [](auto& e) { e.InitNew(); }, true, Rec(9, 1, 1, 2, 4, 6)},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, change, dirty, record] : cases) {
         Element element;
         ASSERT_EQ(LoadBytes(element, Rec(9, 1, 1, 2, 4, 6)), hr::kOk);
-        c.change(element);
-        EXPECT_EQ(element.IsDirty(), Dirty(c.dirty));
-        EXPECT_EQ(SaveBytes(element), c.record);
-        EXPECT_EQ(element.IsDirty(), Dirty(c.dirty)) << "saving without clearing keeps the flag";
+        change(element);
+        EXPECT_EQ(element.IsDirty(), Dirty(dirty)) << name;
+        EXPECT_EQ(SaveBytes(element), record) << name;
+        EXPECT_EQ(element.IsDirty(), Dirty(dirty)) << name << ": saving without clearing keeps it";
     }
 }
 
 TEST(Element, LoadedRecords) {
     const Bytes before = Rec(11, 0x11223344, 1, 2, 3, 4, 1);
-    const struct {
-        const char* name;
-        Bytes record;
-        HResult result;
-        Bytes after;  // the record the element then saves
-    } cases[] = {
+    // Each record, the result of loading it, and the record the element then saves.
+    const std::tuple<const char*, Bytes, HResult, Bytes> cases[] = {
         {"full record",
          test::HexBytes("01000000 FBFFFFFF 03000000 50000000 32000000 64000000 3C000000 0000"),
          hr::kOk, Rec(-5, 3, 80, 50, 100, 60, 0)},
@@ -92,14 +83,13 @@ TEST(Element, LoadedRecords) {
         {"version 0", Rec(-5, 3, 80, 50, 100, 60, 0, 0), hr::kUnexpected, before},
         {"empty stream", {}, hr::kUnexpected, before},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, record, result, after] : cases) {
         Element element;
         ASSERT_EQ(LoadBytes(element, before), hr::kOk);
         element.InitNew();
-        EXPECT_EQ(LoadBytes(element, c.record), c.result);
-        EXPECT_EQ(SaveBytes(element), c.after);
-        EXPECT_EQ(element.IsDirty(), Dirty(c.result != hr::kOk));
+        EXPECT_EQ(LoadBytes(element, record), result) << name;
+        EXPECT_EQ(SaveBytes(element), after) << name;
+        EXPECT_EQ(element.IsDirty(), Dirty(result != hr::kOk)) << name;
     }
 }
 
@@ -194,18 +184,18 @@ TEST(Element, ResolveObjectLink) {
         ContentObjectRef bound, in1, in2;  // before the load; what each collection finds
         std::int32_t next1, next2, expected_id;
         ContentObjectRef expected;
-        const char *calls1, *calls2;
+        const char* calls;  // primary's, then the secondary's after a "|"
     } cases[] = {
-        {"negative id: secondary", -5, a, a, b, 0, 0, -5, b, "", "lookup -5"},
-        {"positive id: primary", 7, no, a, b, 0, 0, 7, a, "lookup 7", ""},
-        {"negative id without secondary", -5, no, b, no, 0, kAbsent, -5, b, "lookup -5", ""},
-        {"positive id without primary: no lookup", 7, a, no, b, kAbsent, 0, 7, a, "", ""},
-        {"id that finds nothing unbinds", 7, a, no, no, 3, -2, 7, no, "lookup 7", ""},
-        {"no id: added to the secondary", 0, a, no, no, 3, -2, -2, a, "", "add"},
-        {"secondary refuses: added to the primary", 0, a, no, no, 3, 0, 3, a, "add", "add"},
-        {"only a primary", 0, a, no, no, 3, kAbsent, 3, a, "add", ""},
-        {"no id and no object", 0, no, no, no, 3, -2, 0, no, "", ""},
-        {"no collections", 0, a, no, no, kAbsent, kAbsent, 0, a, "", ""},
+        {"negative id: secondary", -5, a, a, b, 0, 0, -5, b, "|lookup -5"},
+        {"positive id: primary", 7, no, a, b, 0, 0, 7, a, "lookup 7|"},
+        {"negative id without secondary", -5, no, b, no, 0, kAbsent, -5, b, "lookup -5|"},
+        {"positive id without primary: no lookup", 7, a, no, b, kAbsent, 0, 7, a, "|"},
+        {"id that finds nothing unbinds", 7, a, no, no, 3, -2, 7, no, "lookup 7|"},
+        {"no id: added to the secondary", 0, a, no, no, 3, -2, -2, a, "|add"},
+        {"secondary refuses: added to the primary", 0, a, no, no, 3, 0, 3, a, "add|add"},
+        {"only a primary", 0, a, no, no, 3, kAbsent, 3, a, "add|"},
+        {"no id and no object", 0, no, no, no, 3, -2, 0, no, "|"},
+        {"no collections", 0, a, no, no, kAbsent, kAbsent, 0, a, "|"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -223,7 +213,7 @@ TEST(Element, ResolveObjectLink) {
         EXPECT_EQ(bound, c.expected);
         EXPECT_EQ(element.ObjectId(), c.expected_id);
         EXPECT_EQ(SaveBytes(element), Rec(c.expected_id, 1, 0, 0, 0, 0));
-        EXPECT_EQ(one.calls + "|" + two.calls, std::string(c.calls1) + "|" + c.calls2);
+        EXPECT_EQ(one.calls + "|" + two.calls, c.calls);
         EXPECT_EQ(element.IsDirty(), hr::kFalse);
     }
 }
@@ -260,42 +250,39 @@ TEST(Element, DrawsItsPageIntoTheMappedRectangle) {
     ASSERT_EQ(doc->SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
     const Mapping one, half{{0, 0}, {0, 0}, {2, 2}, {1, 1}}, moved{{4, 6}, {0, 0}, {1, 1}, {1, 1}};
     const DeviceRect in{10, 20, 60, 50}, none;
-    const struct {
-        const char* name;
-        Mapping mapping;
-        std::int32_t left, top, width, height, page;
-        ContentObjectRef object;
-        DeviceRect dark;
-    } cases[] = {
-        {"one to one", one, 10, 20, 50, 30, 2, doc, in},
-        {"half size", half, 20, 40, 100, 60, 2, doc, in},
-        // The object draws the page rectangle in device pixels, given from the device origin.
-        {"window origin moved", moved, 10, 20, 50, 30, 2, doc, in},
-        {"flipped by a negative size", one, 60, 50, -50, -30, 2, doc, in},
-        // The element does its part; the object's failure is not the host's.
-        {"page that does not exist", one, 10, 20, 50, 30, 3, doc, none},
-        {"no object bound", one, 10, 20, 50, 30, 2, nullptr, none},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    // The mapping, the rectangle, the page and the object; where the page then comes out dark.
+    const std::tuple<const char*, Mapping, std::array<std::int32_t, 5>, ContentObjectRef,
+                     DeviceRect>
+        cases[] = {
+            {"one to one", one, {10, 20, 50, 30, 2}, doc, in},
+            {"half size", half, {20, 40, 100, 60, 2}, doc, in},
+            // The object draws the page rectangle in device pixels, given from the device origin.
+            {"window origin moved", moved, {10, 20, 50, 30, 2}, doc, in},
+            {"flipped by a negative size", one, {60, 50, -50, -30, 2}, doc, in},
+            // The element does its part; the object's failure is not the host's.
+            {"page that does not exist", one, {10, 20, 50, 30, 3}, doc, none},
+            {"no object bound", one, {10, 20, 50, 30, 2}, nullptr, none},
+        };
+    for (const auto& [name, mapping, at, object, dark] : cases) {
+        SCOPED_TRACE(name);
         Element element;
-        element.put_PdfObject(c.object);
-        element.SetPosition(c.left, c.top, c.width, c.height);
-        element.put_Page(c.page);
+        element.put_PdfObject(object);
+        element.SetPosition(at[0], at[1], at[2], at[3]);
+        element.put_Page(at[4]);
         RasterDeviceContext raster(80, 80);
-        raster.SetMapping(c.mapping);
+        raster.SetMapping(mapping);
         WatchedRaster dc(raster);
-        EXPECT_EQ(element.DrawToDC(dc, 0), Dirty(c.object != nullptr));
+        EXPECT_EQ(element.DrawToDC(dc, 0), Dirty(object != nullptr));
         int wrong = 0;  // pixels dark outside `dark` or light inside it
         for (int y = 0; y < 80; ++y)
             for (int x = 0; x < 80; ++x)
-                wrong += (raster.Pixel(x, y)[0] < 128) != (x >= c.dark.left && x < c.dark.right &&
-                                                           y >= c.dark.top && y < c.dark.bottom);
+                wrong += (raster.Pixel(x, y)[0] < 128) !=
+                         (x >= dark.left && x < dark.right && y >= dark.top && y < dark.bottom);
         EXPECT_EQ(wrong, 0);
-        const Mapping text{c.mapping.window_origin, c.mapping.viewport_origin, {1, 1}, {1, 1}};
-        EXPECT_EQ(dc.seen.has_value(), c.dark.right > 0);
+        const Mapping text{mapping.window_origin, mapping.viewport_origin, {1, 1}, {1, 1}};
+        EXPECT_EQ(dc.seen.has_value(), dark.right > 0);
         EXPECT_TRUE(!dc.seen || Same(*dc.seen, text)) << "the page is drawn in the text mapping";
-        EXPECT_TRUE(Same(raster.GetMapping(), c.mapping)) << "the mapping is restored";
+        EXPECT_TRUE(Same(raster.GetMapping(), mapping)) << "the mapping is restored";
         EXPECT_EQ(raster.SavedStates(), 0);
     }
 }

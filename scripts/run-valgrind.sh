@@ -14,28 +14,21 @@ cd "$(dirname "$0")/.."
 
 ZPDF_EXTRA_PACKAGES="valgrind" bash scripts/install-deps.sh
 build=${ZPDF_VALGRIND_BUILD_DIR:-build-valgrind}
-jobs=${ZPDF_JOBS:-$(nproc 2>/dev/null || echo 2)}
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZPDF_SANITIZE=OFF -DZPDF_TSAN=OFF \
     -DZPDF_BUILD_TESTS=ON -DZPDF_BUILD_CLI=ON -DZPDF_BUILD_BENCH=OFF >/dev/null
-cmake --build "$build" -j "$jobs" --target zpdf_corpus_job zpdf >/dev/null
-job=$(realpath "$build/tests/corpus/zpdf_corpus_job")
-zpdf=$(realpath "$build/cli/zpdf")
-
+cmake --build "$build" -j "${ZPDF_JOBS:-$(nproc 2>/dev/null || echo 2)}" --target zpdf_corpus_job zpdf >/dev/null
+job=$(realpath "$build/tests/corpus/zpdf_corpus_job") zpdf=$(realpath "$build/cli/zpdf")
 work=$(mktemp -d -t zpdf-valgrind.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 cd "$work"
 
 # A six-page print file whose third and sixth pages carry the part-end marker, and a letterhead.
-{
-    echo "/Helvetica findfont 10 scalefont setfont"
-    echo "1 1 6 { /p exch def 0 1 39 { /l exch def 50 780 l 18 mul sub moveto"
-    echo "(Page ) show p 10 string cvs show ( line ) show l 10 string cvs show"
-    echo "(: the quick brown fox jumps over the lazy dog) show } for"
-    echo "p 3 mod 0 eq { 50 40 moveto (@@nd@@) show } if showpage } for"
-} >marked.ps
-gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pdfwrite -sPAPERSIZE=a4 -o marked.pdf marked.ps
-gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pdfwrite -sPAPERSIZE=a4 -o letterhead.pdf \
-    -c '/Helvetica findfont 20 scalefont setfont 50 800 moveto (Letterhead) show showpage'
+gs=(gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pdfwrite -sPAPERSIZE=a4)
+"${gs[@]}" -o marked.pdf -c '/Helvetica findfont 10 scalefont setfont 1 1 6 { /p exch def
+  0 1 39 { /l exch def 50 780 l 18 mul sub moveto (Page ) show p 10 string cvs show ( line ) show
+  l 10 string cvs show (: the quick brown fox jumps over the lazy dog) show } for
+  p 3 mod 0 eq { 50 40 moveto (@@nd@@) show } if showpage } for'
+"${gs[@]}" -o letterhead.pdf -c '/Helvetica findfont 20 scalefont setfont 50 800 moveto (Letterhead) show showpage'
 qpdf --encrypt user owner 256 -- marked.pdf user-password.pdf
 qpdf --encrypt "" owner 256 -- marked.pdf owner-password.pdf
 
@@ -67,20 +60,13 @@ check() {
     shift
     valgrind --error-exitcode=99 --leak-check=full --errors-for-leak-kinds=definite -q \
         --log-file=valgrind.log "$@" >command.log 2>&1 || status=$?
-    if [ -s valgrind.log ] || [[ ! "$status" =~ ^($expected)$ ]]; then
-        echo "FAILED (status $status): $*"
-        cat valgrind.log command.log
-        failures=$((failures + 1))
-    else
-        echo "clean: $*"
-    fi
+    [ ! -s valgrind.log ] && [[ "$status" =~ ^($expected)$ ]] && { echo "clean: $*"; return; }
+    echo "FAILED (status $status): $*" && cat valgrind.log command.log && failures=$((failures + 1))
 }
 
-for file in marked.pdf user-password.pdf owner-password.pdf rebuilt.pdf failed-rebuild.pdf \
-    "${extra[@]}"; do
-    rm -rf job
-    # The job exits with 1 when the document is refused and 3 on a wrong result.
-    check "0|1" "$job" "$file" job --certificate recipient.pem
+# The job exits with 1 when the document is refused and 3 on a wrong result.
+for f in marked.pdf {user,owner}-password.pdf rebuilt.pdf failed-rebuild.pdf "${extra[@]}"; do
+    rm -rf job && check "0|1" "$job" "$f" job --certificate recipient.pem
 done
 cp marked.pdf a.pdf
 check 0 "$zpdf" stamp a.pdf letterhead.pdf --all -o stamped.pdf

@@ -17,10 +17,8 @@ set -euo pipefail
 job=$(realpath "${1:?usage: run.sh JOB_BINARY [CORPUS_DIR]}")
 corpus=${2:-$("$(dirname "$0")/fetch.sh")}
 limit=${ZPDF_CORPUS_TIMEOUT:-120}
-parallel=${ZPDF_CORPUS_JOBS:-2}
 logs=${ZPDF_CORPUS_LOGS:-$(mktemp -d -t zpdf-corpus-logs.XXXXXX)}
-mkdir -p "$logs"
-work=$(mktemp -d -t zpdf-corpus.XXXXXX)
+mkdir -p "$logs" && work=$(mktemp -d -t zpdf-corpus.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 
 # One recipient certificate for the certificate-recipient saves.
@@ -38,23 +36,14 @@ check_one() {
         2>&1 </dev/null) && rc=0 || rc=$?
     rm -rf "$dir"
     ours=$(sed -n 's/^pages: //p' <<<"$out")
-    if [ "$rc" -eq 124 ] || [ "$rc" -eq 137 ]; then
-        verdict=hang
-    elif grep -q -E 'AddressSanitizer|LeakSanitizer|runtime error:' <<<"$out"; then
-        verdict=sanitizer
-    elif [ "$rc" -ge 128 ] || { [ "$rc" -ne 0 ] && [ "$rc" -ne 1 ] && [ "$rc" -ne 3 ]; }; then
-        verdict=crash
-    elif [ "$rc" -eq 3 ] || grep -q ': WRONG' <<<"$out"; then
-        verdict=wrong
-    elif [ "$rc" -eq 0 ] && grep -q ': refused: ' <<<"$out"; then
-        verdict=opened-some-refused
-    elif [ "$rc" -eq 0 ]; then
-        verdict=opened-all-done
-    elif grep -q -E '^open: refused: .*\(0x[0-9A-F]{8}\)$' <<<"$out"; then
-        verdict=refused
-    else
-        verdict=unclear
-    fi
+    if [[ $rc =~ ^(124|137)$ ]]; then verdict=hang
+    elif grep -q -E 'AddressSanitizer|LeakSanitizer|runtime error:' <<<"$out"; then verdict=sanitizer
+    elif [[ ! $rc =~ ^[013]$ ]]; then verdict=crash
+    elif [ "$rc" -eq 3 ] || grep -q ': WRONG' <<<"$out"; then verdict=wrong
+    elif [ "$rc" -eq 0 ] && grep -q ': refused: ' <<<"$out"; then verdict=opened-some-refused
+    elif [ "$rc" -eq 0 ]; then verdict=opened-all-done
+    elif grep -q -E '^open: refused: .*\(0x[0-9A-F]{8}\)$' <<<"$out"; then verdict=refused
+    else verdict=unclear; fi
     theirs=$(timeout "$limit" qpdf --show-npages "$file" 2>/dev/null) || true
     if [ -n "$theirs" ] && [ -n "$ours" ] && [ "$theirs" != "$ours" ]; then
         # --show-npages prints the page tree's /Count; the pages qpdf finds walking the tree
@@ -64,23 +53,20 @@ check_one() {
     elif [ "$verdict" = refused ] && [ -n "$theirs" ]; then
         verdict="$verdict qpdf-reads(qpdf=$theirs)"
     fi
-    case "$verdict" in
-        opened-all-done) ;;
-        *) printf '%s\n%s\n' "$file" "$out" >"$logs/$(basename "$file").$(basename "$dir").log" ;;
-    esac
+    [ "$verdict" = opened-all-done ] ||
+        printf '%s\n%s\n' "$file" "$out" >"$logs/$(basename "$file").$(basename "$dir").log"
     printf '%s\t%s\n' "$verdict" "$file"
 }
 export -f check_one
 
 find "$corpus" -type f -iname '*.pdf' -print0 | sort -z |
-    xargs -0 -P "$parallel" -I{} bash -c 'check_one "$@"' _ {} "$job" "$limit" "$work" "$logs" \
+    xargs -0 -P "${ZPDF_CORPUS_JOBS:-2}" -I{} bash -c 'check_one "$@"' _ {} "$job" "$limit" "$work" "$logs" \
         >"$work/results"
 
 sort -k2 "$work/results" >"$logs/results.tsv"
-total=$(wc -l <"$work/results")
 count() { grep -c -E "$1" "$work/results" || true; }
 row() { printf '%-44s %6s\n' "$1" "$2"; }
-row "files" "$total"
+row "files" "$(wc -l <"$work/results")"
 row "opened" "$(count '^opened')"
 row "  every step done" "$(count '^opened-all-done')"
 row "  a step refused with a clear HRESULT" "$(count '^opened-some-refused')"

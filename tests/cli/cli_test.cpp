@@ -16,19 +16,23 @@ test::ToolResult Zpdf(const std::string& args) {
     return test::Run(std::string(ZPDF_BINARY) + " " + args);
 }
 
+// Runs a command that must succeed; its output.
+std::string Ok(const std::string& args) {
+    const auto result = Zpdf(args);
+    EXPECT_EQ(result.exit_code, 0) << args << "\n" << result.output;
+    return result.output;
+}
+
 bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
 TEST(Cli, HelpExplainsEveryCommand) {
-    const auto overview = Zpdf("--help");
-    EXPECT_EQ(overview.exit_code, 0);
+    const std::string overview = Ok("--help");
     for (const std::string command : {"info", "render", "demo", "stamp", "append", "replace",
                                       "split", "protect", "protect-pubkey"}) {
-        EXPECT_TRUE(Contains(overview.output, "  " + command + " ")) << command;
-        const auto help = Zpdf(command + " --help");
-        EXPECT_EQ(help.exit_code, 0) << command;
-        EXPECT_TRUE(Contains(help.output, "Usage: zpdf " + command + " ")) << help.output;
+        EXPECT_TRUE(Contains(overview, "  " + command + " ")) << command;
+        EXPECT_TRUE(Contains(Ok(command + " --help"), "Usage: zpdf " + command + " ")) << command;
     }
     EXPECT_EQ(Zpdf("").exit_code, 2);
     EXPECT_EQ(Zpdf("frobnicate").exit_code, 2);
@@ -90,12 +94,10 @@ TEST(Cli, FailuresSayWhy) {
 TEST(Cli, RenderWritesAnImageOfThePageSize) {
     const stdfs::path dir = test::ScratchDir();
     const stdfs::path text = test::TextPdf(dir / "text.pdf", {"picture"});
-    const auto result = Zpdf("render " + Quote(text) + " 1 " + Quote(dir / "p.png") + " --dpi 36");
-    ASSERT_EQ(result.exit_code, 0) << result.output;
-    const std::string png = test::ReadBytes(dir / "p.png");
-    ASSERT_GT(png.size(), 24u);
+    Ok("render " + Quote(text) + " 1 " + Quote(dir / "p.png") + " --dpi 36");
     // Width and height in the header: 595 x 842 pt at 36 dpi.
-    EXPECT_EQ(png.substr(16, 8), std::string("\0\0\x01\x2A\0\0\x01\xA5", 8));
+    EXPECT_EQ(test::ReadBytes(dir / "p.png").substr(16, 8),
+              std::string("\0\0\x01\x2A\0\0\x01\xA5", 8));
 }
 
 // The changing commands: with -o the input stays as it is, without it the file is replaced;
@@ -115,14 +117,13 @@ TEST(Cli, ChangingCommandsWriteTheirOutput) {
     for (const auto& [args, pages] : cases) {
         SCOPED_TRACE(args);
         stdfs::remove(dir / "out.pdf");
-        const auto result = Zpdf(args);
-        ASSERT_EQ(result.exit_code, 0) << result.output;
+        Ok(args);
         EXPECT_EQ(test::ReadBytes(dir / "doc.pdf"), before);
         EXPECT_EQ(test::QpdfPageCount(dir / "out.pdf"), pages);
         EXPECT_TRUE(Contains(test::PdfToText(dir / "out.pdf"), "LETTERHEAD"));
         EXPECT_TRUE(test::FilesStartingWith(dir, "out.pdf.").empty()) << "no working files left";
     }
-    ASSERT_EQ(Zpdf("append " + doc + " " + lh).exit_code, 0);
+    Ok("append " + doc + " " + lh);
     EXPECT_EQ(test::QpdfPageCount(dir / "doc.pdf"), 4);
 }
 
@@ -132,7 +133,7 @@ TEST(Cli, LogIniTurnsDiagnosticsOn) {
     const stdfs::path log = dir / "zpdf.log";
     test::WriteBytes(dir / "log.ini", "[categories]\nPDF=info," + log.string() + "\n");
     const std::string option = "--log-ini " + Quote(dir / "log.ini");
-    ASSERT_EQ(Zpdf(option + " info " + Quote(doc)).exit_code, 0);
+    Ok(option + " info " + Quote(doc));
     ASSERT_EQ(Zpdf(option + " info " + Quote(dir / "none.pdf")).exit_code, 1);
     const std::string lines = test::ReadBytes(log);
     EXPECT_TRUE(Contains(lines, "opened " + doc.string() + ": 1 pages, not linearized")) << lines;
@@ -140,7 +141,7 @@ TEST(Cli, LogIniTurnsDiagnosticsOn) {
         << lines;
     // Without it, nothing is logged.
     stdfs::remove(log);
-    ASSERT_EQ(Zpdf("info " + Quote(doc)).exit_code, 0);
+    Ok("info " + Quote(doc));
     EXPECT_FALSE(stdfs::exists(log));
 }
 
@@ -148,23 +149,19 @@ TEST(Cli, SplitListsItsParts) {
     const stdfs::path dir = test::ScratchDir();
     const stdfs::path job = test::TextPdf(dir / "job.pdf", {"one @@nd@@", "two", "three"});
     const std::string prefix = (dir / "job").string();
-    const auto split = Zpdf("split " + Quote(job) + " " + Quote(prefix) + " 2>/dev/null");
-    EXPECT_EQ(split.exit_code, 0);
-    EXPECT_EQ(split.output, prefix + "_1: page 1\n" + prefix + "_2: pages 2-3\n2 parts\n");
+    EXPECT_EQ(Ok("split " + Quote(job) + " " + Quote(prefix) + " 2>/dev/null"),
+              prefix + "_1: page 1\n" + prefix + "_2: pages 2-3\n2 parts\n");
     EXPECT_EQ(test::QpdfPageCount(dir / "job_2"), 2);
 
     const stdfs::path plain = test::TextPdf(dir / "plain.pdf", {"one", "two"});
-    const auto none = Zpdf("split " + Quote(plain) + " " + Quote(dir / "plain"));
-    EXPECT_EQ(none.exit_code, 0);
-    EXPECT_TRUE(Contains(none.output, "0 parts: no page before the last one carries the marker"));
+    EXPECT_TRUE(Contains(Ok("split " + Quote(plain) + " " + Quote(dir / "plain")),
+                         "0 parts: no page before the last one carries the marker"));
     EXPECT_TRUE(test::FilesStartingWith(dir, "plain_").empty());
 }
 
 TEST(Cli, DemoRunsWithoutInput) {
     const stdfs::path dir = test::ScratchDir() / "out";
-    const auto result = Zpdf("demo " + Quote(dir));
-    ASSERT_EQ(result.exit_code, 0) << result.output;
-    EXPECT_TRUE(Contains(result.output, "demo finished"));
+    EXPECT_TRUE(Contains(Ok("demo " + Quote(dir)), "demo finished"));
     EXPECT_TRUE(test::QpdfCheckPasses(dir / "invoice.pdf"));
     EXPECT_EQ(test::QpdfPageCount(dir / "invoice.pdf"), 4);
     EXPECT_TRUE(stdfs::exists(dir / "invoice-page1.png"));
@@ -184,24 +181,17 @@ TEST(Cli, ProtectCommands) {
                         Quote(dir / "key.pem") + " -out " + Quote(cert))
                   .exit_code,
               0);
-    const std::string locked_bytes = test::ReadBytes(locked);
-    const std::string out = Quote(dir / "out.pdf");
-
-    auto result =
-        Zpdf("protect " + Quote(locked) + " --password user --user new --owner boss -o " + out);
-    ASSERT_EQ(result.exit_code, 0) << result.output;
-    EXPECT_TRUE(Contains(result.output, "out.pdf: written"));
-    const auto shown = test::Run("qpdf --show-encryption --password=new " + out);
-    EXPECT_TRUE(Contains(shown.output, "Supplied password is user password")) << shown.output;
-
-    result =
-        Zpdf("protect-pubkey " + Quote(locked) + " " + Quote(cert) + " --password user -o " + out);
-    ASSERT_EQ(result.exit_code, 0) << result.output;
+    const std::string locked_bytes = test::ReadBytes(locked), out = " -o " + Quote(dir / "out.pdf");
+    const std::string source = Quote(locked) + " --password user";
+    EXPECT_TRUE(
+        Contains(Ok("protect " + source + " --user new --owner boss" + out), "out.pdf: written"));
+    EXPECT_TRUE(Contains(
+        test::Run("qpdf --show-encryption --password=new " + Quote(dir / "out.pdf")).output,
+        "Supplied password is user password"));
+    Ok("protect-pubkey " + source + " " + Quote(cert) + out);
     EXPECT_TRUE(Contains(test::ReadBytes(dir / "out.pdf"), "/Filter /Adobe.PubSec"));
     EXPECT_EQ(test::ReadBytes(locked), locked_bytes) << "the source is never touched with -o";
-
-    result = Zpdf("protect " + Quote(locked) + " --password user --user again 2>/dev/null");
-    ASSERT_EQ(result.exit_code, 0) << result.output;
+    Ok("protect " + source + " --user again 2>/dev/null");
     EXPECT_TRUE(test::FilesStartingWith(dir, "locked.pdf.").empty());
     EXPECT_EQ(test::Run("qpdf --check --password=again " + Quote(locked)).exit_code, 0);
 }

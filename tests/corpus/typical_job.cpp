@@ -53,24 +53,18 @@ class Job {
         if (!Open()) return;
         Measure();
         Draw();
-        if (pages_ > options_.max_pages_to_assemble) {
-            Done("stamp", Cat("left out: ", pages_, " pages"));
-            Save();
-        } else {
-            Stamp();
-            const bool appended = Append();
-            Save();
-            Split(appended);
-        }
+        const bool assemble = pages_ <= options_.max_pages_to_assemble;
+        if (!assemble) Done("stamp", Cat("left out: ", pages_, " pages"));
+        const bool appended = assemble && (Stamp(), Append());
+        Save();
+        if (assemble) Split(appended);
         Secure();
     }
 
   private:
     void Line(const std::string& line) {
         report_.lines += line;
-        if (options_.lines == nullptr) return;
-        std::fputs(line.c_str(), options_.lines);
-        std::fflush(options_.lines);
+        if (options_.lines && std::fputs(line.c_str(), options_.lines) >= 0) fflush(options_.lines);
     }
     // "step: outcome: detail"; a WRONG outcome marks the report.
     void Record(const char* outcome, const std::string& detail) {
@@ -85,10 +79,9 @@ class Job {
     bool Ok(HResult result, const CZPdfContentObject& object, const std::string& doing = "") {
         if (hr::Succeeded(result)) return true;
         const std::string& why = object.LastErrorText();
-        const std::string what = doing.empty() ? why : doing + ": " + why;
         Record(why.empty() ? "WRONG" : "refused",
-               Cat(why.empty() ? doing + ": failed without a reason" : what, " (",
-                   FormatHResult(result), ")"));
+               Cat(doing, doing.empty() ? "" : ": ", why.empty() ? "failed without a reason" : why,
+                   " (", FormatHResult(result), ")"));
         return false;
     }
     // A success whose result is not what it should be.
@@ -137,8 +130,8 @@ class Job {
             return result;
         double scale = options_.draw_dpi / 72.0;
         scale *= std::min(1.0, options_.max_raster_side / (std::max(width, height) * scale));
-        const int w = std::max(1, static_cast<int>(std::lround(width * scale)));
-        const int h = std::max(1, static_cast<int>(std::lround(height * scale)));
+        const int w = std::max(1L, std::lround(width * scale)),
+                  h = std::max(1L, std::lround(height * scale));
         RasterDeviceContext dc(w, h);
         return object.DrawPageToDC(dc, page, 0, 0, w, h, 0, 0, 0, 0, 0);
     }
@@ -146,9 +139,8 @@ class Job {
     void Draw() {
         step_ = "draw";
         const int last = std::min(pages_, options_.pages_to_draw);
-        for (int page = 1; page <= last; ++page) {
+        for (int page = 1; page <= last; ++page)
             if (!Ok(DrawPage(object_, page), object_, Cat("page ", page))) return;
-        }
         Done("draw", Cat(last, " pages"));
     }
 
@@ -223,14 +215,14 @@ class Job {
         // many more cuts the document's own markers make is not compared with the split of the
         // document itself: the engine reads a damaged file differently once it has rebuilt its
         // table, which can happen while either of them is read.
-        const std::string prefix = (options_.work_dir / "part").string();
+        const stdfs::path prefix = options_.work_dir / "part";
         if (!Ok(splitter.SplitPdf(FromPath(appended_), FromPath(prefix), &parts), splitter,
                 "the appended file") ||
             !Expect((parts == 0) == (pages_ == 0) && parts != 1, Cat(parts, " parts")))
             return;
         int part_pages = 0;
         for (int part = 1; part <= parts; ++part) {
-            const int pages = CountPages(Cat(prefix, "_", part));
+            const int pages = CountPages(Cat(prefix.string(), "_", part));
             if (!Expect(pages >= 1 && (part > 1 || pages == 1),
                         Cat("part ", part, " has ", pages, " pages")))
                 return;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "engine/security/recipient_certificates.h"
@@ -26,14 +27,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const zpdf::engine::CertificateStack stack = zpdf::engine::ReadRecipientCertificates(texts);
         Check(stack != nullptr);
         Check(static_cast<std::size_t>(sk_X509_num(stack.get())) == texts.size());
-        for (int i = 0; i < sk_X509_num(stack.get()); ++i) {
+        for (int i = 0; i < sk_X509_num(stack.get()); ++i)
             Check(sk_X509_value(stack.get(), i) != nullptr);
-        }
     } catch (const zpdf::engine::SecuredSaveError& e) {
-        const std::string why = e.what();
-        const std::string prefix = "Recipient ";
-        Check(why.compare(0, prefix.size(), prefix) == 0);
-        const unsigned long index = std::strtoul(why.c_str() + prefix.size(), nullptr, 10);
+        Check(std::string_view(e.what()).starts_with("Recipient "));
+        const unsigned long index = std::strtoul(e.what() + 10, nullptr, 10);
         Check(index >= 1 && index <= texts.size());
     }
     return 0;

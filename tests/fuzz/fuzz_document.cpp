@@ -33,24 +33,19 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::filesystem::path input = g_folder / "input.pdf";
-    {
-        std::ofstream out(input, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-        Check(static_cast<bool>(out));
-    }
-    zpdf::corpus::JobOptions options;
-    options.document = input;
-    options.work_dir = g_folder / "job";
-    options.pages_to_measure = 16;
-    options.max_pages_to_assemble = 16;
-    options.pages_to_draw = 1;
-    options.draw_dpi = 9;
-    options.max_raster_side = 64;
+    Check(static_cast<bool>(
+        std::ofstream(input, std::ios::binary | std::ios::trunc)
+            .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size))));
+    const zpdf::corpus::JobOptions options{.document = input,
+                                           .work_dir = g_folder / "job",
+                                           .pages_to_measure = 16,
+                                           .max_pages_to_assemble = 16,
+                                           .pages_to_draw = 1,
+                                           .draw_dpi = 9,
+                                           .max_raster_side = 64};
     const zpdf::corpus::JobReport report = zpdf::corpus::RunTypicalJob(options);
-    static const bool strict = [] {
-        const char* value = std::getenv("ZPDF_FUZZ_STRICT");
-        return value != nullptr && std::string(value) == "1";
-    }();
+    static const bool strict =
+        std::getenv("ZPDF_FUZZ_STRICT") && std::string(std::getenv("ZPDF_FUZZ_STRICT")) == "1";
     if (strict && report.wrong) {
         std::fputs(report.lines.c_str(), stderr);
         std::abort();

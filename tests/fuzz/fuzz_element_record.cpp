@@ -44,9 +44,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::vector<std::uint8_t> after = Saved(element, false);
     if (loaded == hr::kOk) {
         Check(element.IsDirty() == hr::kFalse);
-        for (std::size_t i = 0; i < after.size(); ++i) {
+        for (std::size_t i = 0; i < after.size(); ++i)
             Check(after[i] == (i < size ? data[i] : before[i]));
-        }
         // What was saved loads back to itself.
         zpdf::CZPdfContentElement again;
         zpdf::MemoryByteStream saved(after);

@@ -47,8 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             zpdf::ExpandEnvironmentReferences(entry.value.substr(comma + 1));
         }
     }
-    for (const char* key : {"date", "time", "level", "user", "category"}) {
+    for (const char* key : {"date", "time", "level", "user", "category"})
         ini.GetValue(key, "output");
-    }
     return 0;
 }

@@ -2,17 +2,15 @@
 // format, the level gate, and the platform seams it stands on.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstring>
 #include <ctime>
+#include <regex>
 #include <sstream>
-#include <thread>
 #include <tuple>
 
 #include "log/ini_file.h"
 #include "log/log_line.h"
 #include "log/log_manager.h"
-#include "platform/clock.h"
 #include "platform/env.h"
 #include "platform/host_info.h"
 #include "platform/module_path.h"
@@ -77,12 +75,13 @@ TEST_F(LogConfig, CategoriesAndSwitches) {
                      "#Hash=trace,Null\nEmpty=\n=debug,Null\n[Categories]\nUpper=error,Null\n"
                      "[output]\ndate=1\ntime=0\nlevel= 1\nuser=1\ncategory=yes\nDate=0\ndate=0\n"));
     const std::tuple<std::string, LogLevel, std::string> configured[] = {
+        // "console" is a file in the current directory; the blanks of "PDF " belong to the
+        // name and to the level word.
         {"A", LogError, "Null"},
-        {"B", LogTrace, "console"},  // a file in the current directory
+        {"B", LogTrace, "console"},
         {"C", LogNone, "Console"},
-        {"PDF ", LogNone, "Console"},  // the blanks belong to the name and to the level word
-        {"Twice", LogDebug, "Console"},
-    };
+        {"PDF ", LogNone, "Console"},
+        {"Twice", LogDebug, "Console"}};
     for (const auto& [name, level, output] : configured) {
         const Logger* logger = manager.FindLogger(name);
         ASSERT_NE(logger, nullptr) << name;
@@ -98,10 +97,9 @@ TEST_F(LogConfig, MissingFileKeepsDefaultsAndCreatesOnlyTheNullSink) {
     LogManager manager;
     EXPECT_FALSE(manager.LoadConfig((dir_ / "absent.ini").string()));
     EXPECT_EQ(manager.GetFields(), kLogFieldsDefault);
-    Logger& pdf = manager.GetLogger("PDF");
-    EXPECT_EQ(pdf.GetLevel(), LogNone);
+    EXPECT_EQ(manager.GetLogger("PDF").GetLevel(), LogNone);
     EXPECT_EQ(manager.OutputCount(), 1u);
-    EXPECT_EQ(pdf.GetOutput(), manager.FindOutput("Null"));
+    EXPECT_EQ(manager.GetLogger("PDF").GetOutput(), manager.FindOutput("Null"));
 }
 
 TEST_F(LogConfig, FileSinksAreSharedByExactPathAndAppendAcrossRuns) {
@@ -130,8 +128,6 @@ TEST_F(LogConfig, EnvironmentReferencesInOutputsAreExpanded) {
     EXPECT_EQ(test::ReadBytes(dir_ / "sub.log"), "expanded\n");
     // An expansion too long for a path gives a sink that drops the lines.
     EXPECT_EQ(manager.GetLogger("Long").GetOutput(), manager.FindOutput("Null"));
-    SetEnvironmentText("ZPDF_TEST_LOG_DIR", nullptr);
-    SetEnvironmentText("ZPDF_TEST_LONG", nullptr);
 }
 
 TEST_F(LogConfig, ChildrenCopyTheirParentOnceAtCreation) {
@@ -164,47 +160,36 @@ std::string Compose(const LogLinePrefix& prefix, const char* format, ...) {
     return std::string(buffer, length);
 }
 
-TEST(LogLine, FieldsAppearInFixedOrderWhenSwitchedOn) {
-    const struct {
-        unsigned fields;
-        std::uint32_t tick;
-        const char* expected;
-    } cases[] = {
-        {kAll, 123456, "07.03.2024;14:05:09.123456;ERR;operator@PC17;PDF;could not open file\n"},
-        {0, 123456, "could not open file\n"},
-        {kTime, 42, "14:05:09.000042;could not open file\n"},
-        {kTime, 4294967295u, "14:05:09.429496;could not open file\n"},
-        {kLevel | kUser, 123456, "ERR;operator@PC17;could not open file\n"},
-        {kDate | kCategory, 123456, "07.03.2024;PDF;could not open file\n"},
+// The fields in fixed order when switched on, and exactly one trailing newline.
+TEST(LogLine, FieldsAndNewline) {
+    const std::tuple<unsigned, std::uint32_t, const char*, const char*> cases[] = {
+        {kAll, 123456, "no file", "07.03.2024;14:05:09.123456;ERR;operator@PC17;PDF;no file\n"},
+        {0, 123456, "done\n", "done\n"},
+        {0, 123456, "", "\n"},
+        {kTime, 42, "x", "14:05:09.000042;x\n"},
+        {kTime, 4294967295u, "x", "14:05:09.429496;x\n"},
+        {kLevel | kUser, 123456, "x", "ERR;operator@PC17;x\n"},
+        {kDate | kCategory, 123456, "x", "07.03.2024;PDF;x\n"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Compose(Prefix(c.fields, c.tick), "could not open %s", "file"), c.expected)
-            << "fields " << c.fields << " tick " << c.tick;
-    }
-}
-
-TEST(LogLine, ExactlyOneTrailingNewline) {
-    EXPECT_EQ(Compose(Prefix(0), "done\n"), "done\n");
-    EXPECT_EQ(Compose(Prefix(0), "done"), "done\n");
-    EXPECT_EQ(Compose(Prefix(0), "%s", ""), "\n");
-    EXPECT_EQ(Compose(Prefix(kLevel), "%d%%", 50), "ERR;50%\n");
+    for (const auto& [fields, tick, text, expected] : cases)
+        EXPECT_EQ(Compose(Prefix(fields, tick), "%s", text), expected) << fields << text;
 }
 
 TEST(LogLine, OverlongTextIsCutAndStillEndsInNewline) {
-    const std::string long_text(6000, 'x');
-    const std::string line = Compose(Prefix(kAll), "%s", long_text.c_str());
+    const std::string x(6000, 'x');
+    const std::string line = Compose(Prefix(kAll), "%s", x.c_str());
     ASSERT_EQ(line.size(), kLogLineBufferSize - 1);
-    EXPECT_EQ(line.rfind("07.03.2024;14:05:09.123456;ERR;operator@PC17;PDF;xxx", 0), 0u);
-    EXPECT_EQ(line.substr(line.size() - 2), "x\n");
-
+    EXPECT_EQ(line, "07.03.2024;14:05:09.123456;ERR;operator@PC17;PDF;" +
+                        x.substr(0, line.size() - 50) + "\n");
     // A prefix field that alone fills the buffer is bounded as well.
     LogLinePrefix huge_user = Prefix(kUser | kCategory);
-    huge_user.user = long_text;
-    const std::string cut = Compose(huge_user, "message");
-    EXPECT_EQ(cut, std::string(kLogLineBufferSize - 2, 'x') + "\n");
+    huge_user.user = x;
+    EXPECT_EQ(Compose(huge_user, "message"), std::string(kLogLineBufferSize - 2, 'x') + "\n");
 }
 
-TEST(Logger, MessagePassesWhenItsLevelIsAtMostTheCategoryLevel) {
+// A message passes when its level is at most the category's; a suppressed one does not even
+// evaluate its arguments.
+TEST(Logger, LevelGate) {
     LogManager manager;
     for (int field : {LogFieldDate, LogFieldTime, LogFieldCategory})
         manager.SetFieldEnabled(field, false);
@@ -217,19 +202,12 @@ TEST(Logger, MessagePassesWhenItsLevelIsAtMostTheCategoryLevel) {
         logger.SetLevel(static_cast<LogLevel>(category));
         sink.lines.clear();
         for (auto function : {&Logger::Fatal, &Logger::Error, &Logger::Warn, &Logger::Info,
-                              &Logger::Debug, &Logger::Trace}) {
+                              &Logger::Debug, &Logger::Trace})
             (logger.*function)("m");
-        }
         EXPECT_EQ(sink.lines, std::vector(all.begin(), all.begin() + category)) << category;
     }
-}
-
-TEST(Logger, SuppressedMessageDoesNotEvaluateItsArguments) {
-    LogManager manager;
-    for (int field = 0; field < kLogFieldCount; ++field) manager.SetFieldEnabled(field, false);
-    Logger& logger = manager.Configure("PDF", LogError, "Null");
-    RecordingOutput sink;
-    logger.SetOutput(&sink);
+    logger.SetLevel(LogError);
+    sink.lines.clear();
     int evaluated = 0;
     auto expensive = [&evaluated] { return ++evaluated; };
     ZPDF_LOG_DEBUG(logger, "value %d", expensive());
@@ -238,7 +216,7 @@ TEST(Logger, SuppressedMessageDoesNotEvaluateItsArguments) {
     ZPDF_LOG_ERROR(logger, "value %d", expensive());
     logger.SetLevel(LogDebug);
     ZPDF_LOG_DEBUG(logger, "value %d", expensive());
-    EXPECT_EQ(sink.lines, (std::vector<std::string>{"value 1\n", "value 2\n"}));
+    EXPECT_EQ(sink.lines, (std::vector<std::string>{"ERR;value 1\n", "DBG;value 2\n"}));
 }
 
 // The sinks: a file gets every prefix field (the local date and time, the tick, the user), a
@@ -250,11 +228,9 @@ TEST(Logger, Sinks) {
     manager.SetFieldEnabled(LogFieldUser, true);
     manager.Configure("T", LogInfo, (dir / "t.log").string()).Info("message");
     const std::string line = test::ReadBytes(dir / "t.log");
-    const std::string_view shape = "##.##.####;##:##:##.######;";
-    ASSERT_EQ(line.substr(shape.size()), "INF;" + UserAtComputer() + ";T;message\n");
-    for (std::size_t i = 0; i < shape.size(); ++i) {
-        EXPECT_EQ(shape[i] == '#', std::isdigit(static_cast<unsigned char>(line[i])) != 0) << line;
-    }
+    ASSERT_EQ(line.substr(27), "INF;" + UserAtComputer() + ";T;message\n");
+    EXPECT_TRUE(std::regex_match(line.substr(0, 27),
+                                 std::regex(R"(\d\d\.\d\d\.\d{4};\d\d:\d\d:\d\d\.\d{6};)")));
     const std::time_t now = std::time(nullptr);
     char today[16];
     std::strftime(today, sizeof today, "%d.%m.%Y", std::localtime(&now));
@@ -284,11 +260,8 @@ TEST(PlatformSeams, ExpandsEnvironmentReferencesLikeTheWindowsShell) {
         {"%ZPDF_T_EMPTY%x", "x"},         {"%zpdf_t_a%", "%zpdf_t_a%"},
         {"%ZPDF_T_A=x%", "%ZPDF_T_A=x%"},
     };
-    for (const auto& [text, expected] : cases) {
+    for (const auto& [text, expected] : cases)
         EXPECT_EQ(ExpandEnvironmentReferences(text), expected) << text;
-    }
-    SetEnvironmentText("ZPDF_T_A", nullptr);
-    SetEnvironmentText("ZPDF_T_EMPTY", nullptr);
 }
 
 TEST(PlatformSeams, ConfigFileIsBesideTheModuleUnlessTheEnvironmentNamesOne) {
@@ -304,16 +277,6 @@ TEST(PlatformSeams, ConfigFileIsBesideTheModuleUnlessTheEnvironmentNamesOne) {
         EXPECT_EQ(LogManager::ConfigPath(), expected);
     }
     SetEnvironmentText("ZPDF_LOG_INI", saved ? saved->c_str() : nullptr);
-}
-
-TEST(PlatformSeams, ClockAndHost) {
-    const std::uint32_t start = MillisecondTick();
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    const std::uint32_t elapsed = MillisecondTick() - start;
-    EXPECT_GE(elapsed, 30u);
-    EXPECT_LT(elapsed, 5000u);
-    EXPECT_FALSE(CurrentUserName().empty());
-    EXPECT_FALSE(ComputerName().empty());
 }
 
 }  // namespace

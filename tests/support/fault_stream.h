@@ -51,12 +51,8 @@ class FaultInjectingStream final : public ByteStream {
 
   private:
     MemoryByteStream inner_;
-    int fail_read_ = 0;
-    int fail_write_ = 0;
-    HResult read_result_ = kStreamReadFault;
-    HResult write_result_ = kStreamMediumFull;
-    int reads_ = 0;
-    int writes_ = 0;
+    int fail_read_ = 0, fail_write_ = 0, reads_ = 0, writes_ = 0;
+    HResult read_result_ = kStreamReadFault, write_result_ = kStreamMediumFull;
 };
 
 }  // namespace zpdf::test

@@ -14,16 +14,15 @@ namespace zpdf::test {
 
 std::filesystem::path ScratchDir() {
     const char* base = std::getenv("ZPDF_TEST_TMP");
-    std::filesystem::path root = base != nullptr
-                                     ? std::filesystem::path(base)
-                                     : std::filesystem::temp_directory_path() / "zpdf-tests";
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
     std::string name =
         info != nullptr ? std::string(info->test_suite_name()) + "." + info->name() : "misc";
-    for (char& c : name) {
-        if (c == '/' || c == ' ') c = '_';
-    }
-    const std::filesystem::path dir = root / name;
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return c == '/' || c == ' '; }, '_');
+    const std::filesystem::path dir =
+        (base ? std::filesystem::path(base)
+              : std::filesystem::temp_directory_path() / "zpdf-tests") /
+        name;
     std::filesystem::remove_all(dir);
     std::filesystem::create_directories(dir);
     return dir;
@@ -67,6 +66,14 @@ void Require(const ToolResult& result, const std::string& what) {
     if (result.exit_code != 0) throw std::runtime_error(what + " failed: " + result.output);
 }
 
+// qpdf ARGS IN OUT; qpdf's exit status 3 means warnings only.
+std::filesystem::path Qpdf(const std::string& args, const std::filesystem::path& in,
+                           const std::filesystem::path& out) {
+    const ToolResult result = Run("qpdf " + args + " " + Quote(in) + " " + Quote(out));
+    if (result.exit_code != 3) Require(result, "qpdf " + args);
+    return out;
+}
+
 }  // namespace
 
 std::filesystem::path GhostscriptPdf(const std::filesystem::path& path,
@@ -86,35 +93,27 @@ std::filesystem::path GhostscriptPdf(const std::filesystem::path& path,
 std::filesystem::path TextPdf(const std::filesystem::path& path,
                               const std::vector<std::string>& texts) {
     std::vector<std::string> pages;
-    for (const std::string& text : texts) {
+    for (const std::string& text : texts)
         pages.push_back("/Helvetica findfont 14 scalefont setfont 72 700 moveto (" + text +
                         ") show");
-    }
     return GhostscriptPdf(path, pages);
 }
 
 std::filesystem::path QpdfEncrypt(const std::filesystem::path& in, const std::filesystem::path& out,
                                   const std::string& user, const std::string& owner, int bits) {
-    std::string extra = bits == 128 ? " --use-aes=y" : "";
-    const ToolResult result =
-        Run("qpdf --allow-weak-crypto --encrypt " + Quote(user) + " " + Quote(owner) + " " +
-            std::to_string(bits) + extra + " -- " + Quote(in) + " " + Quote(out));
-    if (result.exit_code != 0 && result.exit_code != 3) Require(result, "qpdf --encrypt");
-    return out;
+    return Qpdf("--allow-weak-crypto --encrypt " + Quote(user) + " " + Quote(owner) + " " +
+                    std::to_string(bits) + (bits == 128 ? " --use-aes=y" : "") + " --",
+                in, out);
 }
 
 std::filesystem::path QpdfLinearize(const std::filesystem::path& in,
                                     const std::filesystem::path& out) {
-    const ToolResult result = Run("qpdf --linearize " + Quote(in) + " " + Quote(out));
-    if (result.exit_code != 0 && result.exit_code != 3) Require(result, "qpdf --linearize");
-    return out;
+    return Qpdf("--linearize", in, out);
 }
 
 std::filesystem::path QpdfObjectStreams(const std::filesystem::path& in,
                                         const std::filesystem::path& out) {
-    const ToolResult result = Run("qpdf --object-streams=generate " + Quote(in) + " " + Quote(out));
-    if (result.exit_code != 0 && result.exit_code != 3) Require(result, "qpdf --object-streams");
-    return out;
+    return Qpdf("--object-streams=generate", in, out);
 }
 
 int QpdfPageCount(const std::filesystem::path& path) {
@@ -137,11 +136,7 @@ TempFolderOverride::TempFolderOverride(const std::filesystem::path& folder) {
 }
 
 TempFolderOverride::~TempFolderOverride() {
-    if (old_) {
-        ::setenv("TMPDIR", old_->c_str(), 1);
-    } else {
-        ::unsetenv("TMPDIR");
-    }
+    static_cast<void>(old_ ? ::setenv("TMPDIR", old_->c_str(), 1) : ::unsetenv("TMPDIR"));
 }
 
 std::vector<std::string> PdfPageTexts(const std::filesystem::path& path) {
@@ -160,9 +155,8 @@ std::vector<std::filesystem::path> FilesStartingWith(const std::filesystem::path
                                                      const std::string& prefix) {
     std::vector<std::filesystem::path> found;
     std::error_code ec;
-    for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+    for (const auto& entry : std::filesystem::directory_iterator(dir, ec))
         if (entry.path().filename().string().rfind(prefix, 0) == 0) found.push_back(entry.path());
-    }
     return found;
 }
 

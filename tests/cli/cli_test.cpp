@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <tuple>
+#include <vector>
 
 #include "cli/sample_pdf.h"
 #include "support/test_support.h"
@@ -139,10 +140,28 @@ TEST(Cli, LogIniTurnsDiagnosticsOn) {
     EXPECT_TRUE(Contains(lines, "opened " + doc.string() + ": 1 pages, not linearized")) << lines;
     EXPECT_TRUE(Contains(lines, (dir / "none.pdf").string() + " does not exist (0x80070057)"))
         << lines;
-    // Without it, nothing is logged.
+    // Without it, nothing is logged; a log.ini beside the executable is read without the option.
     stdfs::remove(log);
     Ok("info " + Quote(doc));
     EXPECT_FALSE(stdfs::exists(log));
+    ASSERT_EQ(test::Run("cp " + Quote(ZPDF_BINARY) + " " + Quote(dir / "zpdf")).exit_code, 0);
+    EXPECT_EQ(test::Run(Quote(dir / "zpdf") + " info " + Quote(doc)).exit_code, 0);
+    EXPECT_TRUE(Contains(test::ReadBytes(log), "opened " + doc.string()));
+}
+
+// On a terminal, long work shows how far it got, up to the last page.
+TEST(Cli, LongWorkShowsProgressOnATerminal) {
+    const stdfs::path dir = test::ScratchDir();
+    ASSERT_TRUE(samples::WriteFile(dir / "long.pdf",
+                                   samples::BuildPdf(std::vector<samples::SamplePage>(250))));
+    const stdfs::path head = test::TextPdf(dir / "head.pdf", {"Head"});
+    const std::string stamp = std::string(ZPDF_BINARY) + " stamp " + Quote(dir / "long.pdf") + " " +
+                              Quote(head) + " --all -o " + Quote(dir / "out.pdf");
+    const auto shown = test::Run("script -qec " + Quote(stamp) + " /dev/null");
+    EXPECT_TRUE(Contains(shown.output, "stamping page 250/250")) << shown.output;
+    EXPECT_FALSE(Contains(Ok("stamp " + Quote(dir / "long.pdf") + " " + Quote(head) + " --all"),
+                          "stamping page"))
+        << "no progress when standard error is not a terminal";
 }
 
 TEST(Cli, SplitListsItsParts) {

@@ -157,7 +157,7 @@ TEST(Cli, LongWorkShowsProgressOnATerminal) {
     const stdfs::path head = test::TextPdf(dir / "head.pdf", {"Head"});
     const std::string stamp = std::string(ZPDF_BINARY) + " stamp " + Quote(dir / "long.pdf") + " " +
                               Quote(head) + " --all -o " + Quote(dir / "out.pdf");
-    const auto shown = test::Run("script -qec " + Quote(stamp) + " /dev/null");
+    const auto shown = test::Run("script -qec " + Quote(stamp) + " /dev/null < /dev/null");
     EXPECT_TRUE(Contains(shown.output, "stamping page 250/250")) << shown.output;
     EXPECT_FALSE(Contains(Ok("stamp " + Quote(dir / "long.pdf") + " " + Quote(head) + " --all"),
                           "stamping page"))

@@ -35,8 +35,10 @@ class SplitSource {
     void ReadPageText(int index, std::u32string& text);
 
     // Writes pages `first` to `last` (0-based, inclusive) as a new document holding exactly
-    // those pages: their content, resources, boxes, rotation and transparency group, each
-    // shared resource once. Annotations and form fields are not carried over. Throws
+    // those pages, each with every key but /Parent and /StructParents and every object it uses
+    // (shared ones once), its annotations and form fields working; the outline entries and
+    // named destinations that point into those pages; the source's output intents, language,
+    // viewer preferences and metadata; its page labels restarted at the first page. Throws
     // EngineError (File when the sink refused bytes, Other otherwise).
     void WritePages(int first, int last, ByteSink& sink);
 

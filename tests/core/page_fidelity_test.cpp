@@ -135,6 +135,27 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
           "labels: r1 A-D5 A-D6 A-D7 A-D8 A-D9 A-D10 A-D11\n"
           "intent: FOGRA39 lang: en-GB\n"
           "catalogs: 1 structure keys: 2\n"}},
+        // Appended to itself: the copies' annotations and fields are objects of their own.
+        {"append itself",
+         "interactive",
+         [](Docs& d) { return d.dst.AppendPages(&d.dst); },
+         {"out.pdf"},
+         {"Dst one|Dst two@@nd@@Dst" + kFilled + "|Dst three|Dst four|Dst one|Dst two@@nd@@Dst" +
+          kFilled + "|Dst three|Dst four"},
+         {"p1: Link>p3 Link>https://example.com/Dst Link>chap2=p2\n"
+          "p2: Widget Widget Widget Link>p4\n"
+          "p3: Text Popup\n"
+          "p4: Widget Link>p1\n"
+          "p5: Link>p7 Link>https://example.com/Dst Link>p6\n"
+          "p6: Widget Widget Widget Link>p8\n"
+          "p7: Text Popup\n"
+          "p8: Widget Link>p5\n"
+          "fields: name=Dst agree=/Yes colour=Blue sign=ref name_2=Dst agree_2=/Yes "
+          "colour_2=Blue sign_2=-\n"
+          "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3(Section B.1>p4)\n"
+          "labels: r1 A-D5 A-D6 A-D7 A-D8 A-D9 A-D10 A-D11\n"
+          "intent: FOGRA39 lang: en-GB\n"
+          "catalogs: 1 structure keys: 2\n"}},
         // Two pages in place of pages 2 and 3 of a plain document: links to pages left behind
         // lose their target, the named one comes along with its name, the form is made.
         {"replace",

@@ -446,6 +446,17 @@ void FillPageCopy(fz_context* ctx, PageCopy* pc, pdf_obj* page, int num) {
     fz_var(copy);
     fz_var(ref);
     fz_try(ctx) {
+        // The page's own annotations come along whatever page their /P names.
+        pdf_obj* own = pdf_dict_get(ctx, page, PDF_NAME(Annots));
+        for (int i = 0; i < pdf_array_len(ctx, own); ++i) {
+            pdf_obj* annot = pdf_array_get(ctx, own, i);
+            const int source = pdf_to_num(ctx, annot);
+            if (!pdf_is_indirect(ctx, annot) || source <= 0 || source >= pc->length ||
+                pc->map[source] != 0 || IsDocumentStructure(ctx, annot))
+                continue;
+            pc->map[source] = pdf_create_object(ctx, pc->dst);
+            Enqueue(ctx, pc, source);
+        }
         dict = CopiedPageDictionary(ctx, page);
         copy = CopyValue(ctx, pc, dict, false, 0);
         pdf_update_object(ctx, pc->dst, num, copy);

@@ -97,7 +97,7 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
         Obj dst, src;
     };
     const std::string kAllPages =
-        "p1: Link>p3 Link>https://example.com/Src Link>chap2=p2\n"
+        "p1: Link>p3 Link>https://example.com/Src!P Link>chap2=p2\n"
         "p2: Widget Widget Widget Link>p4\n"
         "p3: Text Popup\n"
         "p4: Widget Link>p1\n";
@@ -121,7 +121,7 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
          {"out.pdf"},
          {"Dst one|Dst two@@nd@@Dst" + kFilled + "|Dst three|Dst four|Src one|Src two@@nd@@Src" +
           kFilled + "|Src three|Src four"},
-         {"p1: Link>p3 Link>https://example.com/Dst Link>chap2=p2\n"
+         {"p1: Link>p3 Link>https://example.com/Dst!P Link>chap2=p2\n"
           "p2: Widget Widget Widget Link>p4\n"
           "p3: Text Popup\n"
           "p4: Widget Link>p1\n"
@@ -142,7 +142,7 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
          {"out.pdf"},
          {"Dst one|Dst two@@nd@@Dst" + kFilled + "|Dst three|Dst four|Dst one|Dst two@@nd@@Dst" +
           kFilled + "|Dst three|Dst four"},
-         {"p1: Link>p3 Link>https://example.com/Dst Link>chap2=p2\n"
+         {"p1: Link>p3 Link>https://example.com/Dst!P Link>chap2=p2\n"
           "p2: Widget Widget Widget Link>p4\n"
           "p3: Text Popup\n"
           "p4: Widget Link>p1\n"

@@ -221,7 +221,7 @@ std::string InteractivePdf(const std::string& tag) {
                  "/Rect [72 700 200 720] /Dest [6 0 R /Fit] /P 4 0 R"
                  " /StructParent 1 >>"},
         {16, "<< " + link + "/Rect [72 650 200 670] /A << /S /URI /URI (https://example.com/" +
-                 tag + ") >> /P 4 0 R >>"},
+                 tag + ") >> /P 7 0 R >>"},
         {17, "<< " + link + "/Rect [72 600 200 620] /Dest (chap2) /P 4 0 R >>"},
         {18, "<< " + link + "/Rect [72 480 200 500] /A << /S /GoTo /D [7 0 R /Fit] >> /P 5 0 R >>"},
         {19, "<< /Type /Annot /Subtype /Text /Rect [72 700 92 720] /Contents (note " + tag +

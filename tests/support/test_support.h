@@ -70,7 +70,8 @@ std::string PdfStream(const std::string& dict, const std::string& data);
 
 // A four-page document with what a page can carry besides its content, each text and value
 // holding `tag`. Page 1 ("<tag> one") has a link to page 3, a web link to
-// https://example.com/<tag> and a link to the named destination (chap2), which is page 2. Page 2
+// https://example.com/<tag> (whose /P names page 4, wrongly, as some producers write it) and a
+// link to the named destination (chap2), which is page 2. Page 2
 // ("<tag> two", then "@@nd@@") has the text field "name" (value `tag`), the check box "agree"
 // (on, /Yes), the combo box "colour" (Blue) and a link whose action goes to page 4. Page 3 has a
 // note ("note <tag>") with its popup, page 4 a signed signature field "sign" and a link to

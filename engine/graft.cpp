@@ -37,6 +37,16 @@ pdf_obj* LookupSourcePage(fz_context* ctx, Document::Impl& src, int index) {
     return page;
 }
 
+// The object number of the page at `index` of `src`, 0 for a page that is no object of its
+// own: from the page number cache where it describes the document, without reading the page.
+int SourcePageNumber(fz_context* ctx, Document::Impl& src, int index) {
+    const auto at = static_cast<std::size_t>(index);
+    if (at < src.page_numbers.size() && src.page_numbers[at] > 0) return src.page_numbers[at];
+    pdf_obj* page = LookupSourcePage(ctx, src, index);
+    if (at < src.page_numbers.size()) return src.page_numbers[at];
+    return pdf_is_indirect(ctx, page) ? pdf_to_num(ctx, page) : 0;
+}
+
 // Where a run goes: the node whose Kids receive it, the position there, and the nodes from the
 // root down to that node, whose counts grow by the run. `path` is allocated by the engine.
 struct InsertionPoint {
@@ -268,13 +278,11 @@ int GraftPageRun(Document::Impl& dst, Document::Impl& src, const int* pages, int
         // (a link, a page action) points at its copy. The destination's tree does not change
         // before the last page is copied, so indexes into the same document still name the
         // pages they named before the call.
+        // The first lookup checks the page number cache against the document.
+        LookupSourcePage(ctx, src, pages != nullptr ? pages[0] : 0);
         for (int k = 0; k < count; ++k) {
-            const int index = pages != nullptr ? pages[k] : k;
-            pdf_obj* source = LookupSourcePage(ctx, src, index);
-            int number = pdf_is_indirect(ctx, source) ? pdf_to_num(ctx, source) : 0;
-            if (static_cast<std::size_t>(index) < src.page_numbers.size())
-                number = src.page_numbers[static_cast<std::size_t>(index)];
-            numbers[k] = ReservePageCopy(ctx, copy, number);
+            numbers[k] = ReservePageCopy(
+                ctx, copy, SourcePageNumber(ctx, src, pages != nullptr ? pages[k] : k));
         }
         for (int k = 0; k < count; ++k) {
             pdf_obj* source = LookupSourcePage(ctx, src, pages != nullptr ? pages[k] : k);

@@ -1,5 +1,6 @@
 #include "engine/page_copy.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -222,6 +223,20 @@ const char* DestinationName(fz_context* ctx, pdf_obj* name) {
     return pdf_is_name(ctx, name) ? pdf_to_name(ctx, name) : pdf_to_str_buf(ctx, name);
 }
 
+// The result's tree of named destinations, when it has one.
+pdf_obj* DestinationTree(fz_context* ctx, PageCopy* pc) {
+    return pdf_dict_getp(ctx, pdf_dict_get(ctx, pdf_trailer(ctx, pc->dst), PDF_NAME(Root)),
+                         "Names/Dests");
+}
+
+// Whether named destinations can be added to the result: it has no tree of them yet, or a flat
+// one (a sorted /Names array in its root).
+bool TakesNames(fz_context* ctx, PageCopy* pc) {
+    pdf_obj* tree = DestinationTree(ctx, pc);
+    return tree == nullptr || (pdf_is_array(ctx, pdf_dict_get(ctx, tree, PDF_NAME(Names))) &&
+                               pdf_dict_get(ctx, tree, PDF_NAME(Kids)) == nullptr);
+}
+
 // What a copied link's destination `dest` becomes in the result (a new reference): the same
 // destination when it names a copied page; a named one carried along under its name when the
 // result has no other destination of that name, made explicit when it has; null when the page it
@@ -234,7 +249,13 @@ pdf_obj* LinkDestination(fz_context* ctx, PageCopy* pc, pdf_obj* dest) {
         return pdf_new_string(ctx, name, std::strlen(name));
     pdf_obj* copied = CopySourceDestination(ctx, pc, dest);
     if (copied == nullptr) return nullptr;
-    if (pdf_lookup_dest(ctx, pc->dst, dest) != nullptr) return copied;  // the name is taken
+    // A name that is taken, that holds a zero byte (a name in UTF-16), or that the result's
+    // tree cannot take in, is not carried: the link gets the destination itself.
+    const std::size_t length =
+        pdf_is_name(ctx, dest) ? std::strlen(name) : pdf_to_str_len(ctx, dest);
+    if (length != std::strlen(name) || !TakesNames(ctx, pc) ||
+        pdf_lookup_dest(ctx, pc->dst, dest) != nullptr)
+        return copied;
     fz_try(ctx) {
         pdf_dict_puts(ctx, pc->dests, name, copied);
     }
@@ -355,38 +376,52 @@ void MergeFields(fz_context* ctx, PageCopy* pc) {
     }
 }
 
-// The named destinations the copied links use join the destination's /Names tree, written flat
-// and sorted with the names it had.
+// True when the string `key` sorts before the name `name` (byte by byte, shorter first).
+bool SortsBefore(fz_context* ctx, pdf_obj* key, const char* name) {
+    const std::size_t length = pdf_to_str_len(ctx, key), other = std::strlen(name);
+    const int order = std::memcmp(pdf_to_str_buf(ctx, key), name, std::min(length, other));
+    return order < 0 || (order == 0 && length < other);
+}
+
+// Where the name `name` goes in the flat name tree array `names`.
+int SortedPlace(fz_context* ctx, pdf_obj* names, const char* name) {
+    int at = 0;
+    while (at + 1 < pdf_array_len(ctx, names) &&
+           SortsBefore(ctx, pdf_array_get(ctx, names, at), name))
+        at += 2;
+    return at;
+}
+
+// The named destinations the copied links use join the result's flat tree of them (made when
+// it has none), each in its sorted place.
 void AddNamedDestinations(fz_context* ctx, PageCopy* pc) {
     if (pdf_dict_len(ctx, pc->dests) == 0) return;
-    pdf_obj* all = pdf_load_name_tree(ctx, pc->dst, PDF_NAME(Dests));
-    if (all == nullptr) all = pdf_new_dict(ctx, pc->dst, pdf_dict_len(ctx, pc->dests));
-    pdf_obj* names = nullptr;
-    fz_var(names);
-    fz_try(ctx) {
-        for (int i = 0; i < pdf_dict_len(ctx, pc->dests); ++i)
-            pdf_dict_put(ctx, all, pdf_dict_get_key(ctx, pc->dests, i),
-                         pdf_dict_get_val(ctx, pc->dests, i));
-        pdf_sort_dict(ctx, all);
-        names = pdf_new_array(ctx, pc->dst, 2 * pdf_dict_len(ctx, all));
-        for (int i = 0; i < pdf_dict_len(ctx, all); ++i) {
-            const char* name = pdf_to_name(ctx, pdf_dict_get_key(ctx, all, i));
-            pdf_array_push_string(ctx, names, name, std::strlen(name));
-            pdf_array_push(ctx, names, pdf_dict_get_val(ctx, all, i));
-        }
+    pdf_obj* tree = DestinationTree(ctx, pc);
+    if (tree == nullptr) {
         pdf_obj* root = pdf_dict_get(ctx, pdf_trailer(ctx, pc->dst), PDF_NAME(Root));
-        pdf_obj* tree = pdf_dict_get(ctx, root, PDF_NAME(Names));
-        if (!pdf_is_dict(ctx, tree)) tree = pdf_dict_put_dict(ctx, root, PDF_NAME(Names), 2);
-        pdf_obj* dests = pdf_dict_put_dict(ctx, tree, PDF_NAME(Dests), 1);
-        pdf_dict_put(ctx, dests, PDF_NAME(Names), names);
+        pdf_obj* names = pdf_dict_get(ctx, root, PDF_NAME(Names));
+        if (!pdf_is_dict(ctx, names)) names = pdf_dict_put_dict(ctx, root, PDF_NAME(Names), 1);
+        tree = pdf_dict_put_dict(ctx, names, PDF_NAME(Dests), 1);
+        pdf_dict_put_array(ctx, tree, PDF_NAME(Names), 2 * pdf_dict_len(ctx, pc->dests));
     }
-    fz_always(ctx) {
-        pdf_drop_obj(ctx, names);
-        pdf_drop_obj(ctx, all);
+    pdf_obj* names = pdf_dict_get(ctx, tree, PDF_NAME(Names));
+    for (int i = 0; i < pdf_dict_len(ctx, pc->dests); ++i) {
+        const char* name = pdf_to_name(ctx, pdf_dict_get_key(ctx, pc->dests, i));
+        const int at = SortedPlace(ctx, names, name);
+        pdf_obj* key = pdf_new_string(ctx, name, std::strlen(name));
+        fz_try(ctx) {
+            pdf_array_insert(ctx, names, pdf_dict_get_val(ctx, pc->dests, i), at);
+            pdf_array_insert(ctx, names, key, at);
+        }
+        fz_always(ctx) {
+            pdf_drop_obj(ctx, key);
+        }
+        fz_catch(ctx) {
+            fz_rethrow(ctx);
+        }
     }
-    fz_catch(ctx) {
-        fz_rethrow(ctx);
-    }
+    // The root of a flat tree has no /Limits; one it had is stale now.
+    pdf_dict_del(ctx, tree, PDF_NAME(Limits));
 }
 
 }  // namespace

@@ -485,6 +485,18 @@ bool CopyOutlineEntry(fz_context* ctx, PageCopy* copy, pdf_document* dst, pdf_ob
     return kept;
 }
 
+// Copies `item` and the entries after it into `level`, each put in `visited` and marked.
+void CopyOutlineEntries(fz_context* ctx, PageCopy* copy, pdf_document* dst, pdf_obj* item,
+                        int parent, int depth, pdf_obj* visited, OutlineLevel* level) {
+    for (; pdf_is_dict(ctx, item) && !pdf_mark_obj(ctx, item);
+         item = pdf_dict_get(ctx, item, PDF_NAME(Next))) {
+        pdf_array_push(ctx, visited, item);
+        const int num = pdf_create_object(ctx, dst);
+        if (!CopyOutlineEntry(ctx, copy, dst, item, num, parent, depth, level))
+            pdf_delete_object(ctx, dst, num);
+    }
+}
+
 OutlineLevel CopyOutlineLevel(fz_context* ctx, PageCopy* copy, pdf_document* dst, pdf_obj* item,
                               int parent, int depth) {
     OutlineLevel level;
@@ -492,13 +504,7 @@ OutlineLevel CopyOutlineLevel(fz_context* ctx, PageCopy* copy, pdf_document* dst
     // The entries are marked as they are visited: one met again closes a cycle.
     pdf_obj* visited = pdf_new_array(ctx, pdf_get_bound_document(ctx, item), 8);
     fz_try(ctx) {
-        for (; pdf_is_dict(ctx, item) && !pdf_mark_obj(ctx, item);
-             item = pdf_dict_get(ctx, item, PDF_NAME(Next))) {
-            pdf_array_push(ctx, visited, item);
-            const int num = pdf_create_object(ctx, dst);
-            if (!CopyOutlineEntry(ctx, copy, dst, item, num, parent, depth, &level))
-                pdf_delete_object(ctx, dst, num);
-        }
+        CopyOutlineEntries(ctx, copy, dst, item, parent, depth, visited, &level);
     }
     fz_always(ctx) {
         for (int i = 0; i < pdf_array_len(ctx, visited); ++i)

@@ -107,7 +107,9 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
         "outline: \nlabels:\nintent: - lang: -\ncatalogs: 1 structure keys: 0\n";
     const struct {
         const char* name;
-        std::string target;  // "interactive": InteractivePdf("Dst"), else a labelled page each
+        // "plain": a labelled page each; "interactive": InteractivePdf("Dst"); else
+        // InteractivePdf("Dst") with that name for its named destination
+        std::string target;
         std::function<HResult(Docs&)> run;
         std::vector<std::string> files;  // written, by name in the case's folder
         std::vector<std::string> heads;
@@ -126,6 +128,27 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
           "p3: Text Popup\n"
           "p4: Widget Link>p1\n"
           "p5: Link>p7 Link>https://example.com/Src Link>p6\n"
+          "p6: Widget Widget Widget Link>p8\n"
+          "p7: Text Popup\n"
+          "p8: Widget Link>p5\n"
+          "fields: name=Dst agree=/Yes colour=Blue sign=ref name_2=Src agree_2=/Yes "
+          "colour_2=Blue sign_2=-\n"
+          "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3(Section B.1>p4)\n"
+          "labels: r1 A-D5 A-D6 A-D7 A-D8 A-D9 A-D10 A-D11\n"
+          "intent: FOGRA39 lang: en-GB\n"
+          "catalogs: 1 structure keys: 2\n"}},
+        // The source's named destination joins the target's tree of them.
+        {"append other names",
+         "appendix",
+         [](Docs& d) { return d.dst.AppendPages(&d.src); },
+         {"out.pdf"},
+         {"Dst one|Dst two@@nd@@Dst" + kFilled + "|Dst three|Dst four|Src one|Src two@@nd@@Src" +
+          kFilled + "|Src three|Src four"},
+         {"p1: Link>p3 Link>https://example.com/Dst!P Link>appendix=p2\n"
+          "p2: Widget Widget Widget Link>p4\n"
+          "p3: Text Popup\n"
+          "p4: Widget Link>p1\n"
+          "p5: Link>p7 Link>https://example.com/Src Link>chap2=p6\n"
           "p6: Widget Widget Widget Link>p8\n"
           "p7: Text Popup\n"
           "p8: Widget Link>p5\n"
@@ -219,9 +242,10 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
                       "labels: r1 A-D5 A-D6 A-D7\nintent: FOGRA39 lang: en-GB\n"
                       "catalogs: 1 structure keys: 2\n");
         if (!c.target.empty()) {
-            WriteBytes(d.dir / "dst.pdf", c.target == "interactive"
+            WriteBytes(d.dir / "dst.pdf", c.target == "plain" ? LabelledBytes({"d1", "d2", "d3"})
+                                          : c.target == "interactive"
                                               ? InteractivePdf("Dst")
-                                              : LabelledBytes({"d1", "d2", "d3"}));
+                                              : InteractivePdf("Dst", c.target));
             OpenQuietly(d.dst, d.dir / "dst.pdf");
             OpenQuietly(d.src, d.dir / "src.pdf");
         }

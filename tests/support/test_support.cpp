@@ -176,7 +176,7 @@ std::string PdfStream(const std::string& dict, const std::string& data) {
            "\nendstream";
 }
 
-std::string InteractivePdf(const std::string& tag) {
+std::string InteractivePdf(const std::string& tag, const std::string& dest) {
     const auto content = [&tag](const std::string& text, const std::string& more = "") {
         return PdfStream("", "BT /F1 24 Tf 72 780 Td (" + tag + " " + text + ") Tj ET\n" + more);
     };
@@ -185,13 +185,15 @@ std::string InteractivePdf(const std::string& tag) {
     const std::map<int, std::string> objects = {
         {1,
          "<< /Type /Catalog /Pages 2 0 R /Outlines 20 0 R"
-         " /Names << /Dests << /Names [(chap2) [5 0 R /XYZ 0 842 0]] >> >>"
-         " /AcroForm << /Fields [12 0 R 13 0 R 14 0 R 23 0 R] /DA (/Helv 0 Tf 0 g)"
-         " /DR << /Font << /Helv 3 0 R >> >> /NeedAppearances true /SigFlags 3 >>"
-         " /PageLabels << /Nums [0 << /S /r >> 1 << /S /D /P (A-) /St 5 >>] >>"
-         " /OutputIntents [<< /Type /OutputIntent /S /GTS_PDFX"
-         " /OutputConditionIdentifier (FOGRA39) /Info (Coated) >>]"
-         " /Lang (en-GB) /StructTreeRoot 25 0 R /MarkInfo << /Marked true >> >>"},
+         " /Names << /Dests << /Names [(" +
+             dest +
+             ") [5 0 R /XYZ 0 842 0]] >> >>"
+             " /AcroForm << /Fields [12 0 R 13 0 R 14 0 R 23 0 R] /DA (/Helv 0 Tf 0 g)"
+             " /DR << /Font << /Helv 3 0 R >> >> /NeedAppearances true /SigFlags 3 >>"
+             " /PageLabels << /Nums [0 << /S /r >> 1 << /S /D /P (A-) /St 5 >>] >>"
+             " /OutputIntents [<< /Type /OutputIntent /S /GTS_PDFX"
+             " /OutputConditionIdentifier (FOGRA39) /Info (Coated) >>]"
+             " /Lang (en-GB) /StructTreeRoot 25 0 R /MarkInfo << /Marked true >> >>"},
         // Resources and media box inherited from the root.
         {2,
          "<< /Type /Pages /Kids [4 0 R 5 0 R 6 0 R 7 0 R] /Count 4 /MediaBox [0 0 595 842]"
@@ -222,7 +224,7 @@ std::string InteractivePdf(const std::string& tag) {
                  " /StructParent 1 >>"},
         {16, "<< " + link + "/Rect [72 650 200 670] /A << /S /URI /URI (https://example.com/" +
                  tag + ") >> /P 7 0 R >>"},
-        {17, "<< " + link + "/Rect [72 600 200 620] /Dest (chap2) /P 4 0 R >>"},
+        {17, "<< " + link + "/Rect [72 600 200 620] /Dest (" + dest + ") /P 4 0 R >>"},
         {18, "<< " + link + "/Rect [72 480 200 500] /A << /S /GoTo /D [7 0 R /Fit] >> /P 5 0 R >>"},
         {19, "<< /Type /Annot /Subtype /Text /Rect [72 700 92 720] /Contents (note " + tag +
                  ") /P 6 0 R /Popup 26 0 R >>"},
@@ -240,7 +242,7 @@ std::string InteractivePdf(const std::string& tag) {
         {27,
          "<< /Title (Chapter A) /Parent 20 0 R /Next 29 0 R /First 28 0 R /Last 28 0 R"
          " /Count 1 /Dest [4 0 R /Fit] >>"},
-        {28, "<< /Title (Section A.1) /Parent 27 0 R /Dest (chap2) >>"},
+        {28, "<< /Title (Section A.1) /Parent 27 0 R /Dest (" + dest + ") >>"},
         {29,
          "<< /Title (Chapter B) /Parent 20 0 R /Prev 27 0 R /First 30 0 R /Last 30 0 R"
          " /Count 1 /A << /S /GoTo /D [6 0 R /Fit] >> >>"},

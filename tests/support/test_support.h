@@ -79,7 +79,8 @@ std::string PdfStream(const std::string& dict, const std::string& data);
 // an action) > "Section B.1" (page 4). Pages are labelled i, A-5, A-6, A-7; there is an output
 // intent "FOGRA39", the language en-GB, and a structure tree that page 1 and its first link
 // point into.
-std::string InteractivePdf(const std::string& tag);
+// `dest` renames the named destination.
+std::string InteractivePdf(const std::string& tag, const std::string& dest = "chap2");
 
 // Bytes written as pairs of hex digits; spaces only group them.
 std::vector<std::uint8_t> HexBytes(std::string_view digits);

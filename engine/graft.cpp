@@ -192,11 +192,14 @@ void LinkSubtree(fz_context* ctx, pdf_document* doc, const InsertionPoint* point
 }
 
 // Inserts the pages `numbers` (objects of `doc` not yet in its tree) in front of page `at`.
+// `finish` runs once the place is found, before the tree changes: a tree that has no place for
+// the run fails the import before anything else of the destination changed.
 void InsertRun(fz_context* ctx, pdf_document* doc, const PageTreePlan* plan, int* numbers, int at,
-               int total) {
+               int total, PageCopy* finish) {
     InsertionPoint point;
     fz_try(ctx) {
         FindInsertionPoint(ctx, doc, at, total, &point);
+        FinishPageCopy(ctx, finish);
         LinkSubtree(ctx, doc, &point, BuildSubtree(ctx, doc, plan, numbers), plan->pages);
     }
     fz_always(ctx) {
@@ -292,8 +295,7 @@ int GraftPageRun(Document::Impl& dst, Document::Impl& src, const int* pages, int
             // the whole source parsed.
             NoteWork(src);
         }
-        FinishPageCopy(ctx, copy);
-        InsertRun(ctx, doc, &plan, numbers, at, total);
+        InsertRun(ctx, doc, &plan, numbers, at, total, copy);
     }
     fz_always(ctx) {
         DropPageCopy(ctx, copy);

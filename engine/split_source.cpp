@@ -298,10 +298,11 @@ void CollectPageText(fz_context* ctx, pdf_document* doc, const PageIndex* pages,
     }
 }
 
-// The source's document-level entries a part keeps as they are: how it is to be printed and
-// shown, its language and its metadata.
+// The source's document-level entries a part keeps as they are: how it is to be printed,
+// shown and opened, its language and its metadata.
 void CopyDocumentEntries(fz_context* ctx, PageCopy* copy, pdf_obj* from, pdf_obj* to) {
-    static const char* const kKept[] = {"OutputIntents", "Lang", "ViewerPreferences", "Metadata"};
+    static const char* const kKept[] = {"OutputIntents", "Lang",     "ViewerPreferences",
+                                        "Metadata",      "PageMode", "PageLayout"};
     for (const char* key : kKept) {
         pdf_obj* value = pdf_dict_gets(ctx, from, key);
         if (value == nullptr) continue;

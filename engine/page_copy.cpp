@@ -408,17 +408,9 @@ void AddNamedDestinations(fz_context* ctx, PageCopy* pc) {
     for (int i = 0; i < pdf_dict_len(ctx, pc->dests); ++i) {
         const char* name = pdf_to_name(ctx, pdf_dict_get_key(ctx, pc->dests, i));
         const int at = SortedPlace(ctx, names, name);
-        pdf_obj* key = pdf_new_string(ctx, name, std::strlen(name));
-        fz_try(ctx) {
-            pdf_array_insert(ctx, names, pdf_dict_get_val(ctx, pc->dests, i), at);
-            pdf_array_insert(ctx, names, key, at);
-        }
-        fz_always(ctx) {
-            pdf_drop_obj(ctx, key);
-        }
-        fz_catch(ctx) {
-            fz_rethrow(ctx);
-        }
+        pdf_array_insert(ctx, names, pdf_dict_get_val(ctx, pc->dests, i), at);
+        pdf_array_insert(ctx, names, PDF_NULL, at);
+        pdf_array_put_drop(ctx, names, at, pdf_new_string(ctx, name, std::strlen(name)));
     }
     // The root of a flat tree has no /Limits; one it had is stale now.
     pdf_dict_del(ctx, tree, PDF_NAME(Limits));

@@ -228,6 +228,32 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
           "labels: A-D6 A-D7\n"
           "intent: FOGRA39 lang: en-GB\n"
           "catalogs: 1 structure keys: 0\n"}},
+        // Parts after page 3: an outline entry pointing out of the part stays as the heading
+        // of the entries below it that point into it.
+        {"split after page 3",
+         "",
+         [](Docs& d) {
+             WriteBytes(d.dir / "late.pdf", InteractivePdf("Src", "chap2", 3));
+             std::int32_t written = 0;
+             return d.dst.SplitPdf(FromPath(d.dir / "late.pdf"), FromPath(d.dir / "part"),
+                                   &written);
+         },
+         {"part_1", "part_2"},
+         {"Src one|Src twoSrc" + kFilled + "|Src three@@nd@@", "Src four"},
+         {"p1: Link>p3 Link>https://example.com/Src Link>chap2=p2\n"
+          "p2: Widget Widget Widget Link>-\n"
+          "p3: Text Popup\n"
+          "fields: name=Src agree=/Yes colour=Blue\n"
+          "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3\n"
+          "labels: r1 A-D5 A-D6\n"
+          "intent: FOGRA39 lang: en-GB\n"
+          "catalogs: 1 structure keys: 0\n",
+          "p1: Widget Link>-\n"
+          "fields: sign=-\n"
+          "outline: Chapter B>-(Section B.1>p1)\n"
+          "labels: A-D7\n"
+          "intent: FOGRA39 lang: en-GB\n"
+          "catalogs: 1 structure keys: 0\n"}},
     };
     const Path root = ScratchDir();
     for (const auto& c : cases) {

@@ -176,9 +176,10 @@ std::string PdfStream(const std::string& dict, const std::string& data) {
            "\nendstream";
 }
 
-std::string InteractivePdf(const std::string& tag, const std::string& dest) {
-    const auto content = [&tag](const std::string& text, const std::string& more = "") {
-        return PdfStream("", "BT /F1 24 Tf 72 780 Td (" + tag + " " + text + ") Tj ET\n" + more);
+std::string InteractivePdf(const std::string& tag, const std::string& dest, int marked) {
+    const auto content = [&tag, marked](const std::string& text, int page) {
+        return PdfStream("", "BT /F1 24 Tf 72 780 Td (" + tag + " " + text + ") Tj ET\n" +
+                                 (page == marked ? "BT /F1 12 Tf 72 700 Td (@@nd@@) Tj ET" : ""));
     };
     const std::string link = "/Type /Annot /Subtype /Link /Border [0 0 0] ";
     const std::string widget = "/Type /Annot /Subtype /Widget /F 4 /P 5 0 R ";
@@ -207,10 +208,10 @@ std::string InteractivePdf(const std::string& tag, const std::string& dest) {
          " /Annots [12 0 R 13 0 R 14 0 R 18 0 R] >>"},
         {6, "<< /Type /Page /Parent 2 0 R /Contents 10 0 R /Annots [19 0 R 26 0 R] >>"},
         {7, "<< /Type /Page /Parent 2 0 R /Contents 11 0 R /Annots [23 0 R 24 0 R] >>"},
-        {8, content("one")},
-        {9, content("two", "BT /F1 12 Tf 72 700 Td (@@nd@@) Tj ET")},
-        {10, content("three")},
-        {11, content("four")},
+        {8, content("one", 1)},
+        {9, content("two", 2)},
+        {10, content("three", 3)},
+        {11, content("four", 4)},
         {12, "<< " + widget + "/FT /Tx /T (name) /V (" + tag +
                  ") /Rect [72 600 300 620] /DA (/Helv 12 Tf 0 g) >>"},
         {13, "<< " + widget +

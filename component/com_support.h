@@ -186,7 +186,7 @@ class ComObject : public Dispatch<Default>, public Others..., public ISupportErr
     STDMETHODIMP_(ULONG) AddRef() override { return controlling_->AddRef(); }
     STDMETHODIMP_(ULONG) Release() override { return controlling_->Release(); }
     STDMETHODIMP InterfaceSupportsErrorInfo(REFIID iid) override {
-        return iid != IID_IUnknown && Find(iid) != nullptr ? S_OK : S_FALSE;
+        return iid == IID_IUnknown || Find(iid) != nullptr ? S_OK : S_FALSE;
     }
 
     // One method of `Interface`: runs `body` behind the exception barrier and reports its outcome,

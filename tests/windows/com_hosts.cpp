@@ -574,15 +574,33 @@ int wmain(int argc, wchar_t** argv) {
     MultiThreadedApartmentChecks(argv[1]);
     OtherApartmentChecks(argv[1], argv[2]);
     AggregationChecks(argv[1], argv[2]);
-    // Everything released, proxies and stubs included: the module may unload.
-    using CanUnloadNow = HRESULT(STDAPICALLTYPE*)();
+    // Everything released, proxies and stubs included: the module may unload, but not while a
+    // host holds the module's proxy/stub factory, which DllGetClassObject hands out first.
     HMODULE module = GetModuleHandleW(L"ZPdfCntObj.dll");
+    using CanUnloadNow = HRESULT(STDAPICALLTYPE*)();
+    using GetClassObject = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
     const auto can_unload =
         module == nullptr ? nullptr
                           : reinterpret_cast<CanUnloadNow>(
                                 reinterpret_cast<void*>(GetProcAddress(module, "DllCanUnloadNow")));
+    const auto get_class = module == nullptr
+                               ? nullptr
+                               : reinterpret_cast<GetClassObject>(reinterpret_cast<void*>(
+                                     GetProcAddress(module, "DllGetClassObject")));
     Check(can_unload != nullptr && can_unload() == S_OK,
           "the module can unload once all is released");
+    if (get_class != nullptr && can_unload != nullptr) {
+        const CLSID ours = {
+            0x956b0c6b, 0x649f, 0x4fe1, {0x85, 0x79, 0x4f, 0xdf, 0x0f, 0xdb, 0x46, 0x29}};
+        Ref<IPSFactoryBuffer> factory;
+        const HRESULT hr = get_class(ours, IID_IPSFactoryBuffer, factory.out());
+        const HRESULT held = can_unload();
+        factory.Reset();
+        Check(
+            hr == S_OK && held == S_FALSE && can_unload() == S_OK,
+            "DllGetClassObject hands out the proxy/stub factory; the module stays while it is held",
+            hr);
+    }
     CoUninitialize();
     std::printf("%d passed, %d failed\n", g_passed, g_failed);
     return g_failed == 0 ? 0 : 1;

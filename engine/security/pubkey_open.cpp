@@ -11,6 +11,7 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <openssl/provider.h>
 #include <openssl/x509.h>
 
 #include <algorithm>
@@ -298,6 +299,18 @@ Certificate ReadCertificate(const std::string& pem) {
     return Certificate(certificate);
 }
 
+// Other writers seal the envelope with RC2 (PDFBox does), which OpenSSL keeps among its legacy
+// algorithms: they are made available, beside the default ones, before the first envelope is
+// opened. Where the legacy algorithms are not built, such an envelope cannot be opened.
+void MakeLegacyCiphersAvailable() {
+    static const bool loaded = [] {
+        const bool done = OSSL_PROVIDER_try_load(nullptr, "legacy", 1) != nullptr;
+        ERR_clear_error();
+        return done;
+    }();
+    (void)loaded;
+}
+
 // True when one of the envelope's recipient infos names the certificate.
 bool AddressedTo(CMS_ContentInfo* cms, X509* certificate) {
     STACK_OF(CMS_RecipientInfo)* infos = CMS_get0_RecipientInfos(cms);
@@ -314,6 +327,7 @@ bool AddressedTo(CMS_ContentInfo* cms, X509* certificate) {
 // The content of the first envelope addressed to the certificate: the seed and the permissions.
 std::string OpenEnvelope(const std::vector<std::string>& envelopes, EVP_PKEY* key,
                          X509* certificate) {
+    MakeLegacyCiphersAvailable();
     for (const std::string& envelope : envelopes) {
         const unsigned char* p = reinterpret_cast<const unsigned char*>(envelope.data());
         const Cms cms(d2i_CMS_ContentInfo(nullptr, &p, static_cast<long>(envelope.size())));

@@ -7,12 +7,21 @@
 // Prints "key: value" lines, the fixed entries of the dictionary first, then "text:" and the
 // extracted text. Exit status 0 when the document opened, 3 when PDFBox refused it (the reason
 // follows "error:").
+//
+//   java PubKeyProbe --encrypt IN.pdf OUT.pdf BITS CERT.pem...
+//
+// Has PDFBox secure IN.pdf for the holders of the certificates with a key of BITS bits (40 and
+// 128: RC4 or AES-128, 256: AES-256) and write OUT.pdf: files of another writer for zpdf to
+// open. Exit status 0 when written, 3 when PDFBox refused (the reason follows "error:").
 import java.io.*;
 import java.security.*;
 import java.security.cert.*;
 import java.security.cert.Certificate;
 import org.apache.pdfbox.cos.*;
 import org.apache.pdfbox.pdmodel.PDDocument;
+import org.apache.pdfbox.pdmodel.encryption.AccessPermission;
+import org.apache.pdfbox.pdmodel.encryption.PublicKeyProtectionPolicy;
+import org.apache.pdfbox.pdmodel.encryption.PublicKeyRecipient;
 import org.apache.pdfbox.text.PDFTextStripper;
 import org.bouncycastle.asn1.pkcs.PrivateKeyInfo;
 import org.bouncycastle.asn1.x500.X500Name;
@@ -30,7 +39,35 @@ public final class PubKeyProbe {
         return value instanceof COSName ? ((COSName) value).getName() : value.toString();
     }
 
+    private static X509Certificate readCertificate(String name) throws Exception {
+        try (FileInputStream in = new FileInputStream(name)) {
+            return (X509Certificate) CertificateFactory.getInstance("X.509").generateCertificate(in);
+        }
+    }
+
+    private static void encrypt(String[] args) {
+        try (PDDocument document = PDDocument.load(new File(args[1]))) {
+            PublicKeyProtectionPolicy policy = new PublicKeyProtectionPolicy();
+            for (int i = 4; i < args.length; ++i) {
+                PublicKeyRecipient recipient = new PublicKeyRecipient();
+                recipient.setPermission(new AccessPermission());
+                recipient.setX509(readCertificate(args[i]));
+                policy.addRecipient(recipient);
+            }
+            policy.setEncryptionKeyLength(Integer.parseInt(args[3]));
+            document.protect(policy);
+            document.save(args[2]);
+        } catch (Exception e) {
+            System.out.println("error: " + e);
+            System.exit(3);
+        }
+    }
+
     public static void main(String[] args) throws Exception {
+        if (args.length >= 5 && args[0].equals("--encrypt")) {
+            encrypt(args);
+            return;
+        }
         X509Certificate certificate;
         try (FileInputStream in = new FileInputStream(args[1])) {
             certificate = (X509Certificate) CertificateFactory.getInstance("X.509")

@@ -254,5 +254,32 @@ TEST(EncryptionCli, WrongKeysAreNamed) {
     }
 }
 
+// A file secured for certificate holders, opened with a holder's key, is secured anew in
+// place: for other recipients, then with passwords. Only the new holders open it.
+TEST(EncryptionCli, CertificateFilesAreSecuredAnewInPlace) {
+    const Fixture f;
+    for (const char* name : {"ann", "cy"}) MakeCertificate(f.dir, name);
+    const stdfs::path file = f.dir / "ours.pdf";
+    const auto as = [&](const std::string& name) {
+        return " --key " + Quote(f.dir / (name + "-key.pem")) + " --cert " +
+               Quote(f.dir / (name + "-cert.pem"));
+    };
+    ASSERT_EQ(Zpdf("protect-pubkey " + Quote(f.plain) + " " + Quote(f.dir / "ann-cert.pem") +
+                   " -o " + Quote(file))
+                  .exit_code,
+              0);
+    const auto moved =
+        Zpdf("protect-pubkey " + Quote(file) + " " + Quote(f.dir / "cy-cert.pem") + as("ann"));
+    ASSERT_EQ(moved.exit_code, 0) << moved.output;
+    EXPECT_TRUE(Contains(Zpdf("info " + Quote(file) + as("ann")).output,
+                         "is not one of the document's recipients"));
+    EXPECT_TRUE(Contains(ProbeAs(file, f.dir, "cy").output, "secret words"));
+    const auto locked = Zpdf("protect " + Quote(file) + as("cy") + " --user u --owner o");
+    ASSERT_EQ(locked.exit_code, 0) << locked.output;
+    EXPECT_TRUE(Contains(ShowEncryption(file, "u"), "R = 6\n"));
+    EXPECT_TRUE(Contains(Text(file, "u"), "secret words"));
+    EXPECT_TRUE(test::FilesStartingWith(f.dir, "ours.pdf.").empty());
+}
+
 }  // namespace
 }  // namespace zpdf

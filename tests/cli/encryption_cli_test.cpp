@@ -157,7 +157,7 @@ TEST(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
 
 // decrypt writes a plain copy that qpdf checks and poppler reads, from files secured with
 // passwords by qpdf, for a recipient by zpdf (each certificate of a bundle) and by PDFBox (its
-// RC4 and AES-256 kinds); info and render open them with the same key.
+// RC4, AES-128 and AES-256 kinds); info and render open them with the same key.
 TEST(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
     const Fixture f;
     for (const char* name : {"ann", "bob", "cy"}) MakeCertificate(f.dir, name);
@@ -175,11 +175,10 @@ TEST(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
         EXPECT_TRUE(Contains(read.output, "secret words")) << read.output;
     }
     EXPECT_EQ(ProbeAs(ours, f.dir, "cy").exit_code, 3);
-    for (const int bits : {40, 128, 256}) {
+    for (const std::string bits : {"40", "128", "128-aes", "256"}) {
         const auto made = Probe("--encrypt " + Quote(f.plain) + " " +
-                                Quote(f.dir / ("box" + std::to_string(bits) + ".pdf")) + " " +
-                                std::to_string(bits) + " " + Quote(f.dir / "cy-cert.pem") + " " +
-                                Quote(f.dir / "bob-cert.pem"));
+                                Quote(f.dir / ("box" + bits + ".pdf")) + " " + bits + " " +
+                                Quote(f.dir / "cy-cert.pem") + " " + Quote(f.dir / "bob-cert.pem"));
         ASSERT_EQ(made.exit_code, 0) << made.output;
     }
     const std::string bob =
@@ -195,6 +194,7 @@ TEST(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
         {ours, bob},
         {f.dir / "box40.pdf", bob},
         {f.dir / "box128.pdf", bob},
+        {f.dir / "box128-aes.pdf", bob},
         {f.dir / "box256.pdf", bob},
     };
     for (const auto& [source, opener] : sources) {

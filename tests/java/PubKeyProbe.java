@@ -11,7 +11,7 @@
 //   java PubKeyProbe --encrypt IN.pdf OUT.pdf BITS CERT.pem...
 //
 // Has PDFBox secure IN.pdf for the holders of the certificates with a key of BITS bits (40 and
-// 128: RC4 or AES-128, 256: AES-256) and write OUT.pdf: files of another writer for zpdf to
+// 128: RC4, 128-aes: AES-128, 256: AES-256) and write OUT.pdf: files of another writer for zpdf to
 // open. Exit status 0 when written, 3 when PDFBox refused (the reason follows "error:").
 import java.io.*;
 import java.security.*;
@@ -54,7 +54,8 @@ public final class PubKeyProbe {
                 recipient.setX509(readCertificate(args[i]));
                 policy.addRecipient(recipient);
             }
-            policy.setEncryptionKeyLength(Integer.parseInt(args[3]));
+            policy.setPreferAES(args[3].endsWith("-aes"));
+            policy.setEncryptionKeyLength(Integer.parseInt(args[3].replace("-aes", "")));
             document.protect(policy);
             document.save(args[2]);
         } catch (Exception e) {

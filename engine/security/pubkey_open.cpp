@@ -674,10 +674,11 @@ void OpenHiddenSecurity(Document::Impl& impl, const std::vector<unsigned char>& 
         fz_drop_stream(ctx, stm);
         ThrowCaught(ctx, category, "cannot open the document");
     }
+    // Nothing of the document is read before its object streams are decrypted: an object read
+    // from one still encrypted would be kept as the engine misread it. The page tree is put
+    // right when the plain copy is opened.
     impl.doc = doc;
     impl.stream = stm;
-    RebuildIfPageTreeUnreachable(ctx, doc);
-    CorrectPageCounts(ctx, doc);
 }
 
 }  // namespace

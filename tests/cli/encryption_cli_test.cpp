@@ -66,6 +66,117 @@ std::string PValue(const stdfs::path& file, const std::string& password) {
     return shown.substr(at + 5, shown.find('\n', at + 1) - at - 5);
 }
 
+// ---- A certificate-secured file written by hand, in the layout other writers use: objects in
+// an object stream, a cross-reference stream, metadata left in clear when asked ----
+
+std::string Hex(const std::string& bytes) {
+    static const char* const kDigits = "0123456789ABCDEF";
+    std::string out;
+    for (const unsigned char c : bytes) {
+        out += kDigits[c >> 4];
+        out += kDigits[c & 15];
+    }
+    return out;
+}
+
+// The output of an openssl command reading `input` (through a file in `dir`); the input file
+// is named with -in, or last where the command takes it so (dgst).
+std::string OpenSsl(const stdfs::path& dir, const std::string& args, const std::string& input) {
+    test::WriteBytes(dir / "ssl-in.bin", input);
+    stdfs::remove(dir / "ssl-out.bin");
+    const bool input_last = args.rfind("dgst", 0) == 0;
+    const std::string in = Quote(dir / "ssl-in.bin");
+    EXPECT_EQ(test::Run("openssl " + args + " -out " + Quote(dir / "ssl-out.bin") +
+                        (input_last ? " " + in : " -in " + in) + " 2>&1")
+                  .exit_code,
+              0)
+        << args;
+    return test::ReadBytes(dir / "ssl-out.bin");
+}
+
+// AES-256-CBC with padding under `key`, the initialisation vector in front, as AESV3 stores data.
+std::string Aes256(const stdfs::path& dir, const std::string& key, const std::string& data) {
+    const std::string iv = "0123456789abcdef";
+    return iv + OpenSsl(dir, "enc -aes-256-cbc -K " + Hex(key) + " -iv " + Hex(iv), data);
+}
+
+std::string Stream(const std::string& dict, const std::string& data) {
+    return "<< " + dict + " /Length " + std::to_string(data.size()) + " >>\nstream\n" + data +
+           "\nendstream";
+}
+
+// A one-page document secured for the holder of `cert` with AES-256: catalog, page tree and page
+// in an encrypted object stream, the content, the information dictionary (an encrypted title)
+// and the metadata as objects of their own, found through a cross-reference stream.
+std::string HandMadeCertificateFile(const stdfs::path& dir, const stdfs::path& cert,
+                                    bool encrypt_metadata) {
+    std::string content(20, '\0');
+    for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 37 + 1);
+    const std::string seed = content;
+    content += "\xFF\xFF\xFF\xFF";
+    const std::string envelope =
+        OpenSsl(dir, "cms -encrypt -binary -outform DER -des3 -recip " + Quote(cert), content);
+    std::string hashed = seed + envelope;
+    if (!encrypt_metadata) hashed += "\xFF\xFF\xFF\xFF";
+    const std::string key = OpenSsl(dir, "dgst -sha256 -binary", hashed);
+    EXPECT_EQ(key.size(), 32u);
+
+    const std::string objects[] = {
+        "<< /Type /Catalog /Pages 2 0 R /Metadata 9 0 R /Lang (en-GB) >>",
+        "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 300 200] /Contents 4 0 R /Resources << "
+        "/Font << /F1 << /Type /Font /Subtype /Type1 /BaseFont /Helvetica >> >> >> >>",
+    };
+    std::string header;
+    std::string body;
+    for (int i = 0; i < 3; ++i) {
+        header += std::to_string(i + 1) + " " + std::to_string(body.size()) + " ";
+        body += objects[i] + "\n";
+    }
+    const std::string metadata = "<x:xmpmeta>described in clear</x:xmpmeta>";
+    const std::string bodies[] = {
+        "",  // objects 1 to 3 are in the object stream
+        "",
+        "",
+        Stream("", Aes256(dir, key, "BT /F1 18 Tf 20 100 Td (Packed in streams) Tj ET")),
+        Stream("/Type /ObjStm /N 3 /First " + std::to_string(header.size()),
+               Aes256(dir, key, header + body)),
+        "",  // the cross-reference stream, written last
+        "<< /Filter /Adobe.PubSec /SubFilter /adbe.pkcs7.s5 /V 5 /R 4 /StmF /DefaultCryptFilter "
+        "/StrF /DefaultCryptFilter /CF << /DefaultCryptFilter << /CFM /AESV3 /Length 256 "
+        "/EncryptMetadata " +
+            std::string(encrypt_metadata ? "true" : "false") + " /Recipients [<" + Hex(envelope) +
+            ">] >> >> >>",
+        "<< /Title <" + Hex(Aes256(dir, key, "Sealed title")) + "> >>",
+        Stream("/Type /Metadata /Subtype /XML",
+               encrypt_metadata ? Aes256(dir, key, metadata) : metadata),
+    };
+    std::string file = "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n";
+    long offsets[10] = {};
+    for (const int num : {4, 5, 7, 8, 9}) {
+        offsets[num] = static_cast<long>(file.size());
+        file += std::to_string(num) + " 0 obj\n" + bodies[num - 1] + "\nendobj\n";
+    }
+    offsets[6] = static_cast<long>(file.size());  // the cross-reference stream goes last
+    std::string table;
+    const auto entry = [&table](int type, long field, int index) {
+        table += static_cast<char>(type);
+        for (int shift = 24; shift >= 0; shift -= 8) table += static_cast<char>(field >> shift);
+        table += static_cast<char>(index >> 8);
+        table += static_cast<char>(index & 0xFF);
+    };
+    entry(0, 0, 0xFFFF);
+    for (int i = 0; i < 3; ++i) entry(2, 5, i);
+    for (int num = 4; num <= 9; ++num) entry(1, offsets[num], 0);
+    file += "6 0 obj\n" +
+            Stream(
+                "/Type /XRef /Size 10 /W [1 4 2] /Root 1 0 R /Info 8 0 R /Encrypt 7 0 R "
+                "/ID [<00112233445566778899AABBCCDDEEFF> <00112233445566778899AABBCCDDEEFF>]",
+                table) +
+            "\nendobj\nstartxref\n" + std::to_string(offsets[6]) + "\n%%EOF\n";
+    return file;
+}
+
 struct Fixture {
     stdfs::path dir = test::ScratchDir();
     stdfs::path plain = test::TextPdf(dir / "plain.pdf", {"secret words"});
@@ -279,6 +390,31 @@ TEST(EncryptionCli, CertificateFilesAreSecuredAnewInPlace) {
     EXPECT_TRUE(Contains(ShowEncryption(file, "u"), "R = 6\n"));
     EXPECT_TRUE(Contains(Text(file, "u"), "secret words"));
     EXPECT_TRUE(test::FilesStartingWith(f.dir, "ours.pdf.").empty());
+}
+
+// Files of other writers' layout: objects in an encrypted object stream (their strings are not
+// encrypted one by one), a cross-reference stream naming the encryption dictionary, and
+// metadata kept in clear when the crypt filter says so (which changes the file key too).
+TEST(EncryptionCli, DecryptReadsObjectStreamsAndClearMetadata) {
+    const Fixture f;
+    MakeCertificate(f.dir, "ann");
+    const std::string ann =
+        " --key " + Quote(f.dir / "ann-key.pem") + " --cert " + Quote(f.dir / "ann-cert.pem");
+    for (const bool encrypt_metadata : {true, false}) {
+        SCOPED_TRACE(encrypt_metadata ? "metadata encrypted" : "metadata in clear");
+        const stdfs::path file = f.dir / "packed.pdf", out = f.dir / "unpacked.pdf";
+        test::WriteBytes(file,
+                         HandMadeCertificateFile(f.dir, f.dir / "ann-cert.pem", encrypt_metadata));
+        const auto result = Zpdf("decrypt " + Quote(file) + ann + " -o " + Quote(out));
+        ASSERT_EQ(result.exit_code, 0) << result.output;
+        EXPECT_EQ(test::Run("qpdf --check " + Quote(out)).exit_code, 0);
+        EXPECT_TRUE(Contains(Text(out), "Packed in streams"));
+        EXPECT_TRUE(Contains(test::Run("pdfinfo " + Quote(out)).output, "Sealed title"));
+        EXPECT_TRUE(Contains(test::Run("qpdf --show-object=1 " + Quote(out)).output, "(en-GB)"));
+        EXPECT_TRUE(
+            Contains(test::Run("qpdf --show-object=9 --raw-stream-data " + Quote(out)).output,
+                     "<x:xmpmeta>described in clear</x:xmpmeta>"));
+    }
 }
 
 }  // namespace

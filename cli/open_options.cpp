@@ -116,7 +116,14 @@ int OpenedDocument::Open(const std::string& file, const OpenOptions& options) {
     if (options.password) password = FromAnsi(*options.password);
     HResult result = object_.SetPdfDocument(path, 0, password);
     if (hr::Succeeded(result)) result = object_.EnsurePdfDocument();
-    if (hr::Failed(result)) return Failure(command_, file, object_.LastErrorText(), result);
+    if (hr::Failed(result)) {
+        std::string why = object_.LastErrorText();
+        // The engine names the certificate handler it does not read; the user needs the way in.
+        if (!options.ForRecipient() && why.find("Adobe.PubSec") != std::string::npos) {
+            why += "; a file secured for certificate holders opens with --key and --cert";
+        }
+        return Failure(command_, file, why, result);
+    }
     return kExitOk;
 }
 

@@ -183,7 +183,8 @@ struct Fixture {
 };
 
 // protect on plain and encrypted sources: revision 6 under the chosen passwords (from the
-// command line, a file or the environment), the permissions as asked, every page readable.
+// command line, a file or the environment), the permissions as asked, every page readable by
+// qpdf, poppler and PDFBox.
 TEST(EncryptionCli, ProtectWritesPasswordsAndPermissions) {
     const Fixture f;
     const stdfs::path locked = test::QpdfEncrypt(f.plain, f.dir / "locked.pdf", "old", "oldo", 256);
@@ -224,6 +225,10 @@ TEST(EncryptionCli, ProtectWritesPasswordsAndPermissions) {
         EXPECT_EQ(
             test::Run("qpdf --check --password=" + Quote(c.owner) + " " + Quote(out)).exit_code, 0);
         EXPECT_TRUE(Contains(Text(out, c.user), "secret words"));
+        const auto read = Probe("--password " + Quote(out) + " " + Quote(c.user));
+        EXPECT_EQ(read.exit_code, 0) << read.output;
+        EXPECT_TRUE(Contains(read.output, "R: 6\nP: " + c.p + "\n")) << read.output;
+        EXPECT_TRUE(Contains(read.output, "secret words")) << read.output;
     }
 }
 

@@ -27,9 +27,10 @@ class RecipientKeyError : public std::runtime_error {
 
 // Writes a plain copy of the certificate-secured document read from `file` into `sink`, for the
 // holder of the private key `key_pem` (PEM, unencrypted) whose certificate is `cert_pem`.
-// Envelopes of the Triple-DES/AES key-transport kind and the crypt methods RC4, AES-128 and
-// AES-256 are read. Throws RecipientKeyError, or EngineError for a file that is not a readable
-// PDF.
+// Envelopes that reach their recipients by RSA key transport are read, whatever cipher seals
+// their content (RC2 only where the crypto library's legacy algorithms are built), and the crypt
+// methods RC4, AES-128 and AES-256, in object streams too. Throws RecipientKeyError, or EngineError
+// for a file that is not a readable PDF.
 void SaveDecryptedForRecipient(std::FILE* file, const std::string& key_pem,
                                const std::string& cert_pem, ByteSink& sink);
 

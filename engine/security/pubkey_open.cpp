@@ -301,14 +301,23 @@ Certificate ReadCertificate(const std::string& pem) {
 
 // Other writers seal the envelope with RC2 (PDFBox does), which OpenSSL keeps among its legacy
 // algorithms: they are made available, beside the default ones, before the first envelope is
-// opened. Where the legacy algorithms are not built, such an envelope cannot be opened.
+// opened, and let go at exit. Where the legacy algorithms are not built, such an envelope cannot
+// be opened.
+class LegacyCiphers {
+  public:
+    LegacyCiphers() : provider_(OSSL_PROVIDER_try_load(nullptr, "legacy", 1)) { ERR_clear_error(); }
+    LegacyCiphers(const LegacyCiphers&) = delete;
+    LegacyCiphers& operator=(const LegacyCiphers&) = delete;
+    ~LegacyCiphers() {
+        if (provider_ != nullptr) OSSL_PROVIDER_unload(provider_);
+    }
+
+  private:
+    OSSL_PROVIDER* provider_;
+};
+
 void MakeLegacyCiphersAvailable() {
-    static const bool loaded = [] {
-        const bool done = OSSL_PROVIDER_try_load(nullptr, "legacy", 1) != nullptr;
-        ERR_clear_error();
-        return done;
-    }();
-    (void)loaded;
+    static const LegacyCiphers legacy;
 }
 
 // True when one of the envelope's recipient infos names the certificate.

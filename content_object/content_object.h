@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/page_info.h"
 #include "platform/byte_stream.h"
 #include "platform/device_context.h"
 #include "platform/hresult.h"
@@ -61,6 +62,12 @@ class CZPdfContentObject {
                          std::int32_t DrawRectTop, std::int32_t DrawRectWidth,
                          std::int32_t DrawRectHeight, std::int32_t Options);
 
+    // Page and document facts for hosts that report them (page_info.cpp): read from the
+    // document's objects, without loading the page.
+    HResult GetPageGeometry(std::int32_t PageNumber, engine::PageGeometry* geometry);
+    HResult GetPdfVersion(std::string* version);
+    HResult GetEncryption(engine::EncryptionFacts* facts);
+
     // Writes the open document over its file through a side file.
     HResult Save();
     // Writes the document (opened first if needed) to `target` through its side file, leaving
@@ -78,6 +85,12 @@ class CZPdfContentObject {
     HResult AppendPages(CZPdfContentObject* srcObject);
     HResult ReplacePages(std::int32_t destPage, CZPdfContentObject* srcObject,
                          std::int32_t srcStart, std::int32_t srcEnd);
+    // Hosts' page selections (insert_pages.cpp): the source's pages `pages` (1-based, in any
+    // order, repeats allowed) are copied in front of page `destPage` (PageCount() + 1 appends);
+    // with `replace`, as many pages as were copied are then removed from those that followed
+    // (fewer when fewer follow).
+    HResult InsertSelectedPages(std::int32_t destPage, CZPdfContentObject* srcObject,
+                                const std::vector<int>& pages, bool replace);
     // Kept for the interface's layout; not implemented.
     HResult OverlayPrepare(const OptionalText& SourcePdfFile);
     HResult OverlayPage(std::int32_t SourcePage, std::int32_t DestinationPage,

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "content_object/content_object.h"
+#include "content_object/diagnostics.h"
 #include "content_object/side_file_save.h"
 #include "engine/split_source.h"
 #include "platform/files.h"
@@ -32,7 +33,7 @@ std::string ErrorSuffix(int error) {
 
 // The source's load failures are reported where the object's own are.
 void ReportLoadFailure(const std::string& text) {
-    std::fprintf(stderr, "Load pdf docs unsuccessful: %s.\n", text.c_str());
+    diagnostics::WriteLoadMessage("Load pdf docs unsuccessful: " + text + ".");
 }
 
 // Writes pages first to last (0-based) of `source` as `target`. Returns the result and, on

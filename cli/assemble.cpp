@@ -184,7 +184,8 @@ int RunAppend(const std::vector<std::string>& args) {
     // A selection that cannot be right for any document is refused before anything is opened.
     for (const AppendSource& source : files) {
         if (!source.pages) continue;
-        if (const auto check = ParsePageSelection(*source.pages, 0x7FFFFFFF); !check.error.empty())
+        if (const auto check = ParsePageSelection(*source.pages, kUnknownPageCount);
+            !check.error.empty())
             return UsageError(kAppendCommand, source.file + ": --pages: " + check.error);
     }
 
@@ -250,7 +251,8 @@ int RunReplace(const std::vector<std::string>& args) {
     if (!dest || !start || !end)
         return UsageError(kReplaceCommand, "DESTPAGE, START and END are page numbers");
     const std::string selection_text = parsed.Value("--pages").value_or("1-z");
-    if (const auto check = ParsePageSelection(selection_text, 0x7FFFFFFF); !check.error.empty())
+    if (const auto check = ParsePageSelection(selection_text, kUnknownPageCount);
+        !check.error.empty())
         return UsageError(kReplaceCommand, "--pages: " + check.error);
 
     EditSession session(kReplaceCommand);

@@ -39,7 +39,14 @@ int EditSession::Begin(const std::string& file, const std::optional<std::string>
 }
 
 int EditSession::Commit() {
+    // Writing a long document is most of a command's time: the terminal says what is going on.
+    const bool shown = ProgressWanted();
+    if (shown) {
+        std::fprintf(stderr, "\rwriting %s...", DestinationName().c_str());
+        std::fflush(stderr);
+    }
     const HResult result = to_output_ ? object_.SaveTo(destination_) : object_.Save();
+    if (shown) std::fputs("\r\033[K", stderr);
     if (hr::Failed(result))
         return Failure(command_, DestinationName(), object_.LastErrorText(), result);
     if (!output_.Path().empty()) {

@@ -76,7 +76,7 @@ int RunInfo(const std::vector<std::string>& args) {
     if (parsed.Positional().size() != 1) return UsageError(kInfoCommand, "expected one FILE");
     const std::string& file = parsed.Positional()[0];
     if (auto pages = parsed.Value("--pages")) {
-        if (const auto check = ParsePageSelection(*pages, 0x7FFFFFFF); !check.error.empty())
+        if (const auto check = ParsePageSelection(*pages, kUnknownPageCount); !check.error.empty())
             return UsageError(kInfoCommand, "--pages: " + check.error);
     }
 

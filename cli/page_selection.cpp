@@ -25,21 +25,29 @@ std::optional<long> Digits(std::string_view text) {
     return value;
 }
 
-// One endpoint: the page it names, or an error text.
+std::string Missing(const std::string& shown, int page_count) {
+    if (page_count == kUnknownPageCount)
+        return "page " + shown + " does not exist: pages count from 1";
+    return "page " + shown + " does not exist (the document has " + std::to_string(page_count) +
+           " pages)";
+}
+
+// One endpoint: the page it names, or an error text. With an unknown page count, z and rN
+// stand for page 1.
 bool Endpoint(std::string_view text, int page_count, int* page, std::string* error) {
     const std::string shown(text);
+    const bool known = page_count != kUnknownPageCount;
     if (text == "z") {
-        *page = page_count;
+        *page = known ? page_count : 1;
     } else if (!text.empty() && text.front() == 'r') {
         const auto back = Digits(text.substr(1));
         if (!back) {
             *error = "'" + shown + "' is not a page: rN counts N pages from the end";
             return false;
         }
-        *page = static_cast<int>(page_count + 1 - *back);
+        *page = known ? static_cast<int>(page_count + 1 - *back) : 1;
         if (*back == 0 || *page < 1) {
-            *error = "page " + shown + " does not exist (the document has " +
-                     std::to_string(page_count) + " pages)";
+            *error = Missing(shown, page_count);
             return false;
         }
     } else {
@@ -50,9 +58,8 @@ bool Endpoint(std::string_view text, int page_count, int* page, std::string* err
         }
         *page = static_cast<int>(*number);
     }
-    if (*page < 1 || *page > page_count) {
-        *error = "page " + shown + " does not exist (the document has " +
-                 std::to_string(page_count) + " pages)";
+    if (*page < 1 || (known && *page > page_count)) {
+        *error = Missing(shown, page_count);
         return false;
     }
     return true;
@@ -99,6 +106,12 @@ PageSelection ParsePageSelection(std::string_view text, int page_count) {
             return result;
         }
         if (dash == std::string_view::npos) last = first;
+        if (page_count == kUnknownPageCount) {
+            // Only the form is checked; the pages are not listed.
+            if (comma == std::string_view::npos) break;
+            text.remove_prefix(comma + 1);
+            continue;
+        }
         const int step = first <= last ? 1 : -1;
         int position = 0;
         for (int page = first;; page += step) {

@@ -18,6 +18,9 @@ struct PageSelection {
     std::string error;       // empty when the text parsed and every page exists
 };
 
+// With kUnknownPageCount, only the form is checked (every N from 1 on is a page): a selection is
+// checked before the document it applies to is opened.
+inline constexpr int kUnknownPageCount = -1;
 PageSelection ParsePageSelection(std::string_view text, int page_count);
 
 // The selection as runs of consecutive ascending pages ({first, last}), in order: the calls

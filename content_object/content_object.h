@@ -147,8 +147,15 @@ class CZPdfContentObject {
     // named DestPrefix_1, DestPrefix_2... (the last page only ever ends the last part). Works on
     // that file alone, never on this object's document. S_OK when parts were written, S_FALSE
     // when there was nothing to split; *Splitted counts the parts written, also on failure.
+    // What a host may add to a split: the file's password (the parts are written without
+    // encryption), and an extension for the part names (DestPrefix_1.pdf...).
+    struct SplitOptions {
+        std::optional<std::string> password;
+        std::u16string extension;
+    };
     HResult SplitPdf(const OptionalText& PdfFile, const OptionalText& DestPrefix,
-                     std::int32_t* Splitted, SplitObserver* observer = nullptr);
+                     std::int32_t* Splitted, SplitObserver* observer = nullptr,
+                     const SplitOptions* options = nullptr);
     // --- end of split at marker ---
 
     // State, for persistence and the hosts.

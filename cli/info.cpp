@@ -1,4 +1,5 @@
 // zpdf info: version, encryption, page count, and each page's size, rotation and boxes.
+#include <algorithm>
 #include <cstdio>
 
 #include "cli/command.h"
@@ -15,8 +16,10 @@ std::string BoxText(const engine::Box& box) {
 }
 
 std::string BoxJson(const engine::Box& box) {
-    return "[" + FormatPoints(box.x0) + ", " + FormatPoints(box.y0) + ", " + FormatPoints(box.x1) +
-           ", " + FormatPoints(box.y1) + "]";
+    std::string json(1, '[');
+    json += FormatPoints(box.x0) + ", " + FormatPoints(box.y0) + ", " + FormatPoints(box.x1) +
+            ", " + FormatPoints(box.y1) + "]";
+    return json;
 }
 
 std::string EncryptionText(const engine::EncryptionFacts& facts) {
@@ -120,20 +123,26 @@ int RunInfo(const std::vector<std::string>& args) {
                            : "file: " + shown + "\nPDF version: " + version +
                                  "\nencryption: " + EncryptionText(encryption) +
                                  "\npages: " + std::to_string(pages) + "\n";
-    bool first = true;
-    for (const int page : selected) {
-        engine::PageGeometry geometry;
-        result = object.GetPageGeometry(page, &geometry);
-        if (hr::Failed(result)) {
-            return Failure(kInfoCommand, shown + " page " + std::to_string(page),
-                           object.LastErrorText(), result);
+    // A selection is read a batch at a time, so that memory stays flat however long it is; the
+    // whole document is read in one pass of its page tree.
+    const std::size_t kBatch = parsed.Has("--pages") ? 4096 : selected.size();
+    std::vector<engine::PageGeometry> geometries;
+    for (std::size_t start = 0; start < selected.size(); start += kBatch) {
+        const std::vector<int> batch(selected.begin() + static_cast<std::ptrdiff_t>(start),
+                                     selected.begin() + static_cast<std::ptrdiff_t>(std::min(
+                                                            selected.size(), start + kBatch)));
+        result = object.GetPageGeometries(batch, &geometries);
+        if (hr::Failed(result)) return Failure(kInfoCommand, shown, object.LastErrorText(), result);
+        for (std::size_t i = 0; i < batch.size(); ++i) {
+            if (json) {
+                out += (start + i == 0 ? "" : ", ") + PageJson(batch[i], geometries[i]);
+            } else {
+                out += PageText(batch[i], geometries[i]);
+            }
         }
-        if (json) {
-            out += (first ? "" : ", ") + PageJson(page, geometry);
-        } else {
-            out += PageText(page, geometry);
-        }
-        first = false;
+        // What is ready goes out, so the text does not grow with the file.
+        std::fwrite(out.data(), 1, out.size(), stdout);
+        out.clear();
     }
     if (json) out += "]}\n";
     std::fwrite(out.data(), 1, out.size(), stdout);

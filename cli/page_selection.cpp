@@ -25,6 +25,13 @@ std::optional<long> Digits(std::string_view text) {
     return value;
 }
 
+std::string Quoted(const std::string& text) {
+    std::string quoted(1, '\'');
+    quoted += text;
+    quoted += '\'';
+    return quoted;
+}
+
 std::string Missing(const std::string& shown, int page_count) {
     if (page_count == kUnknownPageCount)
         return "page " + shown + " does not exist: pages count from 1";
@@ -42,7 +49,7 @@ bool Endpoint(std::string_view text, int page_count, int* page, std::string* err
     } else if (!text.empty() && text.front() == 'r') {
         const auto back = Digits(text.substr(1));
         if (!back) {
-            *error = "'" + shown + "' is not a page: rN counts N pages from the end";
+            *error = Quoted(shown) + " is not a page: rN counts N pages from the end";
             return false;
         }
         *page = known ? static_cast<int>(page_count + 1 - *back) : 1;
@@ -53,7 +60,7 @@ bool Endpoint(std::string_view text, int page_count, int* page, std::string* err
     } else {
         const auto number = Digits(text);
         if (!number) {
-            *error = "'" + shown + "' is not a page: write a number, z or rN";
+            *error = Quoted(shown) + " is not a page: write a number, z or rN";
             return false;
         }
         *page = static_cast<int>(*number);
@@ -89,7 +96,7 @@ PageSelection ParsePageSelection(std::string_view text, int page_count) {
             } else if (modifier == "even") {
                 parity = 2;
             } else {
-                result.error = "'" + std::string(modifier) + "' is not :odd or :even";
+                result.error = Quoted(std::string(modifier)) + " is not :odd or :even";
                 result.pages.clear();
                 return result;
             }

@@ -75,7 +75,7 @@ int RunSplit(const std::vector<std::string>& args) {
     if (auto ext = parsed.Value("--ext")) {
         if (ext->find_first_of("/\\") != std::string::npos)
             return UsageError(kSplitCommand, "--ext takes an extension, not a path");
-        if (!ext->empty() && (*ext)[0] != '.') ext->insert(0, ".");
+        if (!ext->empty() && (*ext)[0] != '.') ext = std::string(1, '.') + *ext;
         options.extension = FromAnsi(*ext);
     }
     if (auto dir = parsed.Value("--outdir")) {

@@ -65,6 +65,9 @@ class CZPdfContentObject {
     // Page and document facts for hosts that report them (page_info.cpp): read from the
     // document's objects, without loading the page.
     HResult GetPageGeometry(std::int32_t PageNumber, engine::PageGeometry* geometry);
+    // The same for many pages (1-based) in one pass, in flat memory.
+    HResult GetPageGeometries(const std::vector<int>& pages,
+                              std::vector<engine::PageGeometry>* geometries);
     HResult GetPdfVersion(std::string* version);
     HResult GetEncryption(engine::EncryptionFacts* facts);
 

@@ -21,6 +21,30 @@ HResult CZPdfContentObject::GetPageGeometry(std::int32_t PageNumber,
     return hr::kOk;
 }
 
+HResult CZPdfContentObject::GetPageGeometries(const std::vector<int>& pages,
+                                              std::vector<engine::PageGeometry>* geometries) {
+    if (geometries == nullptr) return Fail(hr::kPointer, "No place for the pages' boxes was given");
+    geometries->clear();
+    if (!HasPath()) return Fail(hr::kUnexpected, "No document is set");
+    if (const HResult result = EnsureViewerDocument(); hr::Failed(result)) return result;
+    try {
+        const int count = document_->PageCount();
+        std::vector<int> indexes;
+        indexes.reserve(pages.size());
+        for (const int page : pages) {
+            if (page < 1 || page > count)
+                return Fail(hr::kInvalidArg, "Page " + std::to_string(page) + " does not exist");
+            indexes.push_back(page - 1);
+        }
+        engine::ReadPageGeometries(*document_, indexes, geometries);
+    } catch (const engine::EngineError& e) {
+        return Fail(hr::kUnexpected, e.what());
+    } catch (const std::bad_alloc&) {
+        return Fail(hr::kOutOfMemory, "Out of memory reading the pages' boxes");
+    }
+    return hr::kOk;
+}
+
 HResult CZPdfContentObject::GetPdfVersion(std::string* version) {
     if (version == nullptr) return Fail(hr::kPointer, "No place for the version was given");
     version->clear();

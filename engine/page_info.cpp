@@ -41,24 +41,24 @@ bool IsEmpty(const Box& box) {
     return box.x1 <= box.x0 || box.y1 <= box.y0;
 }
 
-PageGeometry GeometryOf(fz_context* ctx, pdf_obj* page) {
-    PageGeometry g;
-    g.media = ReadBox(ctx, page, PDF_NAME(MediaBox)).value_or(kDefaultMediaBox);
-    if (IsEmpty(g.media)) g.media = kDefaultMediaBox;
+// Fills `g` from the page dictionary. Writes through the pointer only, so that nothing of it
+// lives in a register across the engine's error jumps.
+void ReadGeometry(fz_context* ctx, pdf_obj* page, PageGeometry* g) {
+    g->media = ReadBox(ctx, page, PDF_NAME(MediaBox)).value_or(kDefaultMediaBox);
+    if (IsEmpty(g->media)) g->media = kDefaultMediaBox;
     const std::optional<Box> crop = ReadBox(ctx, page, PDF_NAME(CropBox));
-    g.crop = crop.value_or(g.media);
-    g.visible = crop ? Intersect(*crop, g.media) : g.media;
+    g->crop = crop.value_or(g->media);
+    g->visible = crop ? Intersect(*crop, g->media) : g->media;
     // A crop box outside the media box shows nothing; viewers show the media box then.
-    if (IsEmpty(g.visible)) g.visible = g.media;
-    g.bleed = ReadBox(ctx, page, PDF_NAME(BleedBox)).value_or(g.crop);
-    g.trim = ReadBox(ctx, page, PDF_NAME(TrimBox)).value_or(g.crop);
-    g.art = ReadBox(ctx, page, PDF_NAME(ArtBox)).value_or(g.crop);
+    if (IsEmpty(g->visible)) g->visible = g->media;
+    g->bleed = ReadBox(ctx, page, PDF_NAME(BleedBox)).value_or(g->crop);
+    g->trim = ReadBox(ctx, page, PDF_NAME(TrimBox)).value_or(g->crop);
+    g->art = ReadBox(ctx, page, PDF_NAME(ArtBox)).value_or(g->crop);
     // Rotations that are not a multiple of 90 are rounded down to one, as viewers do.
-    const int rotate = pdf_to_int(ctx, pdf_dict_get_inheritable(ctx, page, PDF_NAME(Rotate)));
-    g.rotation = ((rotate % 360 + 360) % 360) / 90 * 90;
-    const double unit = pdf_dict_get_real(ctx, page, PDF_NAME(UserUnit));
-    if (unit > 0 && std::isfinite(unit)) g.user_unit = unit;
-    return g;
+    g->rotation = pdf_to_int(ctx, pdf_dict_get_inheritable(ctx, page, PDF_NAME(Rotate)));
+    g->rotation = ((g->rotation % 360 + 360) % 360) / 90 * 90;
+    g->user_unit = pdf_dict_get_real(ctx, page, PDF_NAME(UserUnit));
+    if (!(g->user_unit > 0 && std::isfinite(g->user_unit))) g->user_unit = 1.0;
 }
 
 std::string MethodName(fz_context* ctx, pdf_obj* encrypt, int version) {
@@ -155,13 +155,157 @@ PageGeometry ReadPageGeometry(Document& document, int index) {
     NoteWork(impl);
     fz_context* ctx = impl.ctx;
     PageGeometry geometry;
+    PageGeometry* const out = &geometry;
     fz_try(ctx) {
-        geometry = GeometryOf(ctx, LookupPage(impl, index));
+        ReadGeometry(ctx, LookupPage(impl, index), out);
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, ErrorCategory::Page, "cannot read the page's boxes");
     }
     return geometry;
+}
+
+namespace {
+
+// Page objects read between two releases of the objects the document has parsed.
+constexpr int kPagesBetweenReleases = 1024;
+
+// The page tree nodes above the page being read, kept so that a release does not drop them:
+// a node with thousands of kids costs more to parse again than all its pages.
+struct HeldAncestors {
+    pdf_obj* nodes[kMaxPageTreeDepth + 1] = {};
+    int count = 0;
+    int parent = 0;  // object number of the nearest one
+};
+
+void DropAncestors(fz_context* ctx, HeldAncestors* held) {
+    for (int i = 0; i < held->count; ++i) pdf_drop_obj(ctx, held->nodes[i]);
+    held->count = 0;
+    held->parent = 0;
+}
+
+// Holds the nodes above `page` unless they are held already. Throws an engine error.
+void HoldAncestors(fz_context* ctx, pdf_obj* page, HeldAncestors* held) {
+    pdf_obj* parent = pdf_dict_get(ctx, page, PDF_NAME(Parent));
+    const int number = pdf_to_num(ctx, parent);
+    if (number == 0 || number == held->parent) return;
+    DropAncestors(ctx, held);
+    for (pdf_obj* node = parent; pdf_is_dict(ctx, node) && held->count <= kMaxPageTreeDepth;
+         node = pdf_dict_get(ctx, node, PDF_NAME(Parent))) {
+        held->nodes[held->count++] = pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, node));
+    }
+    held->parent = number;
+}
+
+// Reads every page in one walk of the page tree, in the order the page lookup finds them, so
+// that each page object is parsed once. The nodes on the way down are held across releases.
+struct GeometryWalk {
+    pdf_document* doc;
+    PageGeometry* results;  // room for `count`
+    int count;
+    int found;
+};
+
+void WalkGeometries(fz_context* ctx, pdf_obj* node, GeometryWalk* walk, int depth) {
+    if (depth > kMaxPageTreeDepth) fz_throw(ctx, FZ_ERROR_GENERIC, "page tree too deep");
+    if (pdf_mark_obj(ctx, node)) fz_throw(ctx, FZ_ERROR_GENERIC, "cycle in the page tree");
+    pdf_obj* kids = nullptr;
+    pdf_obj* child = nullptr;
+    fz_var(kids);
+    fz_var(child);
+    fz_try(ctx) {
+        kids =
+            pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, pdf_dict_get(ctx, node, PDF_NAME(Kids))));
+        const int length = pdf_array_len(ctx, kids);
+        for (int i = 0; i < length; ++i) {
+            child = pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, pdf_array_get(ctx, kids, i)));
+            if (IsPageTreeNode(ctx, child)) {
+                WalkGeometries(ctx, child, walk, depth + 1);
+            } else {
+                if (walk->found >= walk->count)
+                    fz_throw(ctx, FZ_ERROR_GENERIC, "more pages than counted");
+                ReadGeometry(ctx, child, &walk->results[walk->found++]);
+                if (walk->found % kPagesBetweenReleases == 0) {
+                    pdf_drop_obj(ctx, child);
+                    child = nullptr;
+                    ReleaseUnchangedObjects(ctx, walk->doc);
+                }
+            }
+            pdf_drop_obj(ctx, child);
+            child = nullptr;
+        }
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, child);
+        pdf_drop_obj(ctx, kids);
+        pdf_unmark_obj(ctx, node);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+// Every page of the document in one walk; false (and `results` to be ignored) when the walk
+// does not find the pages the document counts, where lookups page by page are the way.
+bool ReadAllGeometries(Document::Impl& impl, int count, PageGeometry* results) {
+    fz_context* ctx = impl.ctx;
+    GeometryWalk walk{impl.doc, results, count, 0};
+    GeometryWalk* const state = &walk;
+    pdf_obj* root = nullptr;
+    fz_var(root);
+    fz_try(ctx) {
+        pdf_obj* pages = pdf_dict_getp(ctx, pdf_trailer(ctx, impl.doc), "Root/Pages");
+        root = pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, pages));
+        WalkGeometries(ctx, root, state, 0);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, root);
+    }
+    fz_catch(ctx) {
+        state->found = -1;
+    }
+    return walk.found == count;
+}
+
+}  // namespace
+
+void ReadPageGeometries(Document& document, const std::vector<int>& indexes,
+                        std::vector<PageGeometry>* out) {
+    Document::Impl& impl = document.Internals();
+    out->assign(indexes.size(), PageGeometry{});
+    if (!impl.pending.appends.empty()) {
+        // Pages still to be appended are read from their own documents, one at a time.
+        for (std::size_t i = 0; i < indexes.size(); ++i)
+            (*out)[i] = ReadPageGeometry(document, indexes[i]);
+        return;
+    }
+    fz_context* ctx = impl.ctx;
+    pdf_document* doc = impl.doc;
+    const int* const wanted = indexes.data();
+    PageGeometry* const results = out->data();
+    const std::size_t total = indexes.size();
+    // The whole document in page order, the usual request, takes one walk of the tree.
+    bool all = total > 0;
+    for (std::size_t i = 0; all && i < total; ++i) all = wanted[i] == static_cast<int>(i);
+    if (all && static_cast<int>(total) == document.PageCount() &&
+        ReadAllGeometries(impl, static_cast<int>(total), results))
+        return;
+    HeldAncestors held;
+    HeldAncestors* const ancestors = &held;
+    fz_try(ctx) {
+        for (std::size_t i = 0; i < total; ++i) {
+            pdf_obj* page = LookupPage(impl, wanted[i]);
+            HoldAncestors(ctx, page, ancestors);
+            ReadGeometry(ctx, page, &results[i]);
+            if ((i + 1) % kPagesBetweenReleases == 0) ReleaseUnchangedObjects(ctx, doc);
+        }
+    }
+    fz_always(ctx) {
+        DropAncestors(ctx, ancestors);
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, ErrorCategory::Page, "cannot read the page's boxes");
+    }
 }
 
 std::string PdfVersion(Document& document) {

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "engine/engine.h"
 
@@ -50,6 +51,13 @@ struct EncryptionFacts {
 // document's page number cache: the page is neither loaded nor looked up from the root of the
 // page tree. Throws EngineError (Page) for an index outside the document.
 PageGeometry ReadPageGeometry(Document& document, int index);
+
+// The same for the pages `indexes` (0-based), in one pass: the page tree nodes above the pages
+// are held while the page objects read so far are let go every so often, so a long document is
+// read in flat memory without parsing its large tree nodes again. `out` gets one entry per
+// index. Throws EngineError (Page) for an index outside the document.
+void ReadPageGeometries(Document& document, const std::vector<int>& indexes,
+                        std::vector<PageGeometry>* out);
 
 // "1.7", "2.0": the version in the header, raised by the catalog's /Version.
 std::string PdfVersion(Document& document);

@@ -132,16 +132,4 @@ PageSelection ParsePageSelection(std::string_view text, int page_count) {
     return result;
 }
 
-std::vector<std::pair<int, int>> AscendingRuns(const std::vector<int>& pages) {
-    std::vector<std::pair<int, int>> runs;
-    for (const int page : pages) {
-        if (!runs.empty() && runs.back().second + 1 == page) {
-            runs.back().second = page;
-        } else {
-            runs.emplace_back(page, page);
-        }
-    }
-    return runs;
-}
-
 }  // namespace zpdf::cli

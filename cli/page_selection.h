@@ -23,8 +23,4 @@ struct PageSelection {
 inline constexpr int kUnknownPageCount = -1;
 PageSelection ParsePageSelection(std::string_view text, int page_count);
 
-// The selection as runs of consecutive ascending pages ({first, last}), in order: the calls
-// needed to copy the selection a range at a time.
-std::vector<std::pair<int, int>> AscendingRuns(const std::vector<int>& pages);
-
 }  // namespace zpdf::cli

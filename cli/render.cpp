@@ -1,14 +1,50 @@
 // zpdf render: one page to a PNG file.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
 #include "cli/command.h"
+#include "cli/edit_session.h"
 #include "cli/streams.h"
 #include "content_object/content_object.h"
 #include "platform/png_device_context.h"
 
 namespace zpdf::cli {
 namespace {
+
+// Passes the drawing on to the image and shows, on a terminal, how many of its rows are done:
+// a large page at a high resolution takes seconds.
+class ProgressDeviceContext final : public DeviceContext {
+  public:
+    ProgressDeviceContext(DeviceContext& target, int rows)
+        : target_(target), rows_(rows), shown_(ProgressWanted() && rows >= 2000) {}
+    ~ProgressDeviceContext() override {
+        if (shown_) std::fputs("\r\033[K", stderr);
+    }
+    bool LogicalToDevice(DevicePoint* points, int count) override {
+        return target_.LogicalToDevice(points, count);
+    }
+    int SaveState() override { return target_.SaveState(); }
+    bool RestoreState(int token) override { return target_.RestoreState(token); }
+    bool SetTextMapping() override { return target_.SetTextMapping(); }
+    std::optional<DeviceRect> ClipBox() override { return target_.ClipBox(); }
+    bool DrawBgra(std::int32_t x, std::int32_t y, int width, int height, const std::uint8_t* pixels,
+                  std::ptrdiff_t stride) override {
+        const bool drawn = target_.DrawBgra(x, y, width, height, pixels, stride);
+        done_ += height;
+        if (shown_) {
+            std::fprintf(stderr, "\rdrawing row %d/%d", std::min(done_, rows_), rows_);
+            std::fflush(stderr);
+        }
+        return drawn;
+    }
+
+  private:
+    DeviceContext& target_;
+    int rows_;
+    bool shown_;
+    int done_ = 0;
+};
 
 int RunRender(const std::vector<std::string>& args) {
     Arguments parsed({"--password", "--dpi"}, {});
@@ -69,7 +105,11 @@ int RunRender(const std::vector<std::string>& args) {
     if (const int error = png.Open(ToPath(FromAnsi(image)), w, h, static_cast<int>(*dpi))) {
         return Failure(kRenderCommand, shown_out, "cannot create the file", hr::FromWin32(error));
     }
-    result = object.DrawPageToDC(png, static_cast<std::int32_t>(*page), 0, 0, w, h, 0, 0, 0, 0, 0);
+    {
+        ProgressDeviceContext drawing(png, h);
+        result = object.DrawPageToDC(drawing, static_cast<std::int32_t>(*page), 0, 0, w, h, 0, 0, 0,
+                                     0, 0);
+    }
     if (hr::Failed(result))
         return Failure(kRenderCommand, shown_in, object.LastErrorText(), result);
     if (const int error = png.Finish()) {

@@ -249,6 +249,11 @@ TEST(Cli, LongWorkShowsProgressOnATerminal) {
     EXPECT_FALSE(Contains(quiet.output, "stamping page")) << quiet.output;
     EXPECT_FALSE(Contains(quiet.output, "writing ")) << quiet.output;
     EXPECT_TRUE(Contains(shown.output, "writing " + (dir / "out.pdf").string())) << shown.output;
+    // A large drawing counts its rows: 842 pt at 300 dpi, rounded up, are 3509.
+    const std::string render = std::string(ZPDF_BINARY) + " render " + Quote(head) + " 1 " +
+                               Quote(dir / "big.png") + " --dpi 300";
+    const auto drawn = test::Run("script -qec " + Quote(render) + " /dev/null < /dev/null");
+    EXPECT_TRUE(Contains(drawn.output, "drawing row 3509/3509")) << drawn.output;
 }
 
 TEST(Cli, SplitListsItsParts) {

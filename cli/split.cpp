@@ -12,6 +12,8 @@
 
 #include "cli/command.h"
 #include "cli/edit_session.h"
+#include "cli/page_selection.h"
+#include "cli/streams.h"
 #include "content_object/content_object.h"
 #include "platform/files.h"
 
@@ -64,7 +66,7 @@ class SplitReport final : public CZPdfContentObject::SplitObserver {
 };
 
 int RunSplit(const std::vector<std::string>& args) {
-    Arguments parsed({"--password", "--ext", "--outdir"}, {});
+    Arguments parsed({"--password", "--ext", "--outdir", "--pages"}, {});
     if (!parsed.Parse(args)) return UsageError(kSplitCommand, parsed.Error());
     if (parsed.Positional().size() != 2) return UsageError(kSplitCommand, "expected FILE PREFIX");
     const std::string& file = parsed.Positional()[0];
@@ -90,10 +92,36 @@ int RunSplit(const std::vector<std::string>& args) {
         prefix = FromPath(folder / ToPath(prefix));
     }
 
+    if (auto text = parsed.Value("--pages")) {
+        if (const auto check = ParsePageSelection(*text, kUnknownPageCount); !check.error.empty())
+            return UsageError(kSplitCommand, "--pages: " + check.error);
+    }
+
+    // A selection is split as a document of its own, made in a temporary file.
+    std::string source = file;
+    StreamFile selected;
+    if (auto text = parsed.Value("--pages")) {
+        CZPdfContentObject whole;
+        if (int rc = OpenSource(kSplitCommand, whole, file, options.password)) return rc;
+        std::int32_t count = 0;
+        HResult result = whole.PageCount(&count);
+        if (hr::Failed(result)) return Failure(kSplitCommand, file, whole.LastErrorText(), result);
+        const PageSelection selection = ParsePageSelection(*text, count);
+        if (!selection.error.empty())
+            return UsageError(kSplitCommand, "--pages: " + selection.error);
+        if (const int error = selected.MakeTemporary())
+            return Failure(kSplitCommand, file, "cannot make a temporary file",
+                           hr::FromWin32(error));
+        result = whole.KeepSelectedPages(selection.pages);
+        if (hr::Succeeded(result)) result = whole.SaveTo(selected.Path());
+        if (hr::Failed(result)) return Failure(kSplitCommand, file, whole.LastErrorText(), result);
+        source = selected.Name();
+    }
+
     CZPdfContentObject object;
     SplitReport report(ProgressWanted(), ZPDF_ISATTY(stdout) != 0);
     std::int32_t parts = 0;
-    const HResult result = object.SplitPdf(FromAnsi(file), prefix, &parts, &report, &options);
+    const HResult result = object.SplitPdf(FromAnsi(source), prefix, &parts, &report, &options);
     report.EraseProgress();
     if (hr::Failed(result)) {
         std::string reason = object.LastErrorText();
@@ -112,7 +140,8 @@ int RunSplit(const std::vector<std::string>& args) {
 
 const Command kSplitCommand{
     "split", "cut a PDF after every page that carries the marker @@nd@@",
-    "Usage: zpdf split FILE PREFIX [--ext .pdf] [--outdir DIR] [--password PW]\n"
+    "Usage: zpdf split FILE PREFIX [--pages RANGE] [--ext .pdf] [--outdir DIR]\n"
+    "                  [--password PW]\n"
     "\n"
     "Cuts FILE into parts: a part ends after every page whose text holds \"@@nd@@\"\n"
     "(case-sensitive, anywhere in the page's text); the last page always ends the\n"
@@ -129,6 +158,9 @@ const Command kSplitCommand{
     "Long files show their progress on standard error when it is a terminal.\n"
     "\n"
     "Options:\n"
+    "  --pages RANGE  split only these pages, taken in this order as if they were\n"
+    "                 the file (1-3,5,z,r1 as for append); the page numbers printed\n"
+    "                 count within the selection\n"
     "  --ext EXT      add EXT to every part's name (\".pdf\" or \"pdf\": PREFIX_1.pdf)\n"
     "  --outdir DIR   write the parts into DIR (made when missing): DIR/PREFIX_1...\n"
     "  --password PW  password of FILE; the parts are written without encryption\n",

@@ -57,6 +57,10 @@ int StreamFile::ForStandardOutput() {
     return fs::CreateTempFile(&path_);
 }
 
+int StreamFile::MakeTemporary() {
+    return fs::CreateTempFile(&path_);
+}
+
 int StreamFile::WriteStandardOutput() const {
     std::unique_ptr<std::FILE, FileCloser> file(fs::OpenFile(path_, "rb"));
     if (!file) return fs::Win32ErrorFromErrno(errno);

@@ -26,6 +26,8 @@ class StreamFile {
     // Makes the temporary file that a command writes in place of standard output, and sends
     // zpdf's own messages to standard error from now on. 0 or the error number.
     int ForStandardOutput();
+    // Makes a temporary file for the command's own use. 0 or the error number.
+    int MakeTemporary();
     // Copies the temporary file to standard output. 0 or the error number.
     int WriteStandardOutput() const;
 

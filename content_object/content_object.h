@@ -94,6 +94,9 @@ class CZPdfContentObject {
     // (fewer when fewer follow).
     HResult InsertSelectedPages(std::int32_t destPage, CZPdfContentObject* srcObject,
                                 const std::vector<int>& pages, bool replace);
+    // Leaves the document holding its pages `pages` (1-based, in that order, repeats allowed)
+    // and no others.
+    HResult KeepSelectedPages(const std::vector<int>& pages);
     // Kept for the interface's layout; not implemented.
     HResult OverlayPrepare(const OptionalText& SourcePdfFile);
     HResult OverlayPage(std::int32_t SourcePage, std::int32_t DestinationPage,

@@ -40,4 +40,28 @@ HResult CZPdfContentObject::InsertSelectedPages(std::int32_t destPage,
     return hr::kOk;
 }
 
+HResult CZPdfContentObject::KeepSelectedPages(const std::vector<int>& pages) {
+    if (pages.empty()) return Fail(hr::kInvalidArg, "No page was selected");
+    if (const HResult result = EnsurePdfDocument(); hr::Failed(result)) return result;
+    try {
+        engine::Document& doc = EngineDocument();
+        const int count = doc.PageCount();
+        std::vector<int> indexes;
+        indexes.reserve(pages.size());
+        for (const int page : pages) {
+            if (page < 1 || page > count)
+                return Fail(hr::kInvalidArg, "Page " + std::to_string(page) + " does not exist");
+            indexes.push_back(page - 1);
+        }
+        // The selection goes in front, copied from the document itself; the old pages follow it
+        // and are removed.
+        engine::ImportPages(doc, doc, &indexes, 0);
+        const auto kept = static_cast<int>(indexes.size());
+        for (int i = 0; i < count; ++i) engine::DeletePage(doc, kept);
+    } catch (const engine::EngineError& e) {
+        return Fail(hr::kUnexpected, std::string("Cannot select the pages: ") + e.what());
+    }
+    return hr::kOk;
+}
+
 }  // namespace zpdf

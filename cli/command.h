@@ -81,5 +81,6 @@ extern const Command kReplaceCommand;
 extern const Command kProtectCommand;
 extern const Command kProtectPubKeyCommand;
 extern const Command kSplitCommand;
+extern const Command kDecryptCommand;
 
 }  // namespace zpdf::cli

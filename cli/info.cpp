@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "cli/command.h"
+#include "cli/open_options.h"
 #include "cli/page_selection.h"
 #include "cli/streams.h"
 #include "content_object/content_object.h"
@@ -24,6 +25,7 @@ std::string BoxJson(const engine::Box& box) {
 
 std::string EncryptionText(const engine::EncryptionFacts& facts) {
     if (!facts.encrypted) return "none";
+    if (facts.filter == "certificate") return facts.filter;
     std::string text = facts.method + " (" + facts.filter + ", V" + std::to_string(facts.version);
     if (facts.filter == "Standard") {
         text += ", R" + std::to_string(facts.revision);
@@ -35,6 +37,8 @@ std::string EncryptionText(const engine::EncryptionFacts& facts) {
 
 std::string EncryptionJson(const engine::EncryptionFacts& facts) {
     if (!facts.encrypted) return "null";
+    if (facts.filter == "certificate")
+        return "{\"filter\": \"certificate\", \"method\": null, \"recipients\": null}";
     std::string json = "{\"filter\": " + JsonString(facts.filter) +
                        ", \"method\": " + JsonString(facts.method) +
                        ", \"version\": " + std::to_string(facts.version);
@@ -74,7 +78,7 @@ int RunInfo(const std::vector<std::string>& args) {
     for (const std::string& arg : args) {
         if (arg == "--json") SetJsonErrors(true);
     }
-    Arguments parsed({"--password", "--pages"}, {"--json"});
+    Arguments parsed(WithOpenOptions({"--pages"}), {"--json"});
     if (!parsed.Parse(args)) return UsageError(kInfoCommand, parsed.Error());
     if (parsed.Positional().size() != 1) return UsageError(kInfoCommand, "expected one FILE");
     const std::string& file = parsed.Positional()[0];
@@ -92,10 +96,12 @@ int RunInfo(const std::vector<std::string>& args) {
     }
     const std::string shown = IsStandardStream(file) ? "standard input" : file;
 
-    CZPdfContentObject object;
-    OptionalText password = std::u16string();
-    if (auto pw = parsed.Value("--password")) password = FromAnsi(*pw);
-    HResult result = object.SetPdfDocument(FromAnsi(path), 0, password);
+    OpenOptions open;
+    if (auto error = ReadOpenOptions(parsed, &open)) return UsageError(kInfoCommand, *error);
+    OpenedDocument opened(kInfoCommand);
+    if (const int rc = opened.Open(path, open)) return rc;
+    CZPdfContentObject& object = opened.Object();
+    HResult result = hr::kOk;
     std::int32_t pages = 0;
     std::string version;
     engine::EncryptionFacts encryption;
@@ -103,6 +109,15 @@ int RunInfo(const std::vector<std::string>& args) {
     if (hr::Succeeded(result)) result = object.GetPdfVersion(&version);
     if (hr::Succeeded(result)) result = object.GetEncryption(&encryption);
     if (hr::Failed(result)) return Failure(kInfoCommand, shown, object.LastErrorText(), result);
+    // A holder's key opens a plain copy: the file itself is known to be secured for
+    // certificate holders, but its method and recipients are not read from it.
+    if (open.ForRecipient()) {
+        encryption = engine::EncryptionFacts{};
+        encryption.encrypted = true;
+        encryption.filter = "certificate";
+        encryption.method = "unknown";
+        encryption.recipients = -1;
+    }
 
     std::vector<int> selected;
     if (auto text = parsed.Value("--pages")) {
@@ -153,7 +168,8 @@ int RunInfo(const std::vector<std::string>& args) {
 
 const Command kInfoCommand{
     "info", "print a PDF's version, encryption, pages and their boxes",
-    "Usage: zpdf info FILE [--password PW] [--pages RANGE] [--json]\n"
+    "Usage: zpdf info FILE [--password PW | --key KEY.pem --cert CERT.pem] [--pages RANGE]\n"
+    "                 [--json]\n"
     "\n"
     "Opens FILE ('-': standard input) and prints its PDF version, its encryption,\n"
     "its page count and, for each page, its size in points (1/72 inch) after the\n"
@@ -168,11 +184,14 @@ const Command kInfoCommand{
     "  page 2: 842 x 595 pt, rotated 90, MediaBox 0 0 595 842\n"
     "\n"
     "The size is that of the visible box: the CropBox clipped to the MediaBox.\n"
-    "Certificate encryption shows its recipients: AES-256 (Adobe.PubSec, V5,\n"
-    "2 recipient(s)).\n"
+    "A file opened with --key and --cert shows \"encryption: certificate\": it is\n"
+    "read from a plain copy, and its method and recipients are not shown.\n"
     "\n"
     "Options:\n"
     "  --password PW    password for an encrypted file\n"
+    "  --key KEY.pem --cert CERT.pem\n"
+    "                   open a file secured for certificate holders as the holder of\n"
+    "                   CERT.pem, with its private key KEY.pem (PEM, unencrypted)\n"
     "  --pages RANGE    only these pages (1-3,5,z,r1 as for append)\n"
     "  --json           print the same facts as one JSON object: file, version,\n"
     "                   encryption (null, or filter, method, version, and revision or\n"

@@ -5,6 +5,7 @@
 
 #include "cli/command.h"
 #include "cli/edit_session.h"
+#include "cli/open_options.h"
 #include "cli/streams.h"
 #include "content_object/content_object.h"
 #include "platform/png_device_context.h"
@@ -47,7 +48,7 @@ class ProgressDeviceContext final : public DeviceContext {
 };
 
 int RunRender(const std::vector<std::string>& args) {
-    Arguments parsed({"--password", "--dpi"}, {});
+    Arguments parsed(WithOpenOptions({"--dpi"}), {});
     if (!parsed.Parse(args)) return UsageError(kRenderCommand, parsed.Error());
     if (parsed.Positional().size() != 3)
         return UsageError(kRenderCommand, "expected FILE PAGE OUT.png");
@@ -79,12 +80,12 @@ int RunRender(const std::vector<std::string>& args) {
     const std::string shown_in = IsStandardStream(file) ? "standard input" : file;
     const std::string shown_out = IsStandardStream(out) ? "standard output" : out;
 
-    CZPdfContentObject object;
-    OptionalText password = std::u16string();
-    if (auto pw = parsed.Value("--password")) password = FromAnsi(*pw);
-    HResult result = object.SetPdfDocument(FromAnsi(path), 0, password);
-    if (hr::Failed(result))
-        return Failure(kRenderCommand, shown_in, object.LastErrorText(), result);
+    OpenOptions open;
+    if (auto error = ReadOpenOptions(parsed, &open)) return UsageError(kRenderCommand, *error);
+    OpenedDocument opened(kRenderCommand);
+    if (const int rc = opened.Open(path, open)) return rc;
+    CZPdfContentObject& object = opened.Object();
+    HResult result = hr::kOk;
 
     double width_pt = 0;
     double height_pt = 0;
@@ -128,7 +129,8 @@ int RunRender(const std::vector<std::string>& args) {
 
 const Command kRenderCommand{
     "render", "draw one page into a PNG file",
-    "Usage: zpdf render FILE PAGE OUT.png [--dpi N] [--password PW]\n"
+    "Usage: zpdf render FILE PAGE OUT.png [--dpi N]\n"
+    "                                 [--password PW | --key KEY.pem --cert CERT.pem]\n"
     "\n"
     "Draws page PAGE (from 1) of FILE as it prints, annotations included, into the\n"
     "PNG file OUT.png. The image is drawn and written in bands, so memory stays\n"
@@ -139,7 +141,10 @@ const Command kRenderCommand{
     "\n"
     "Options:\n"
     "  --dpi N        resolution in dots per inch (default 150)\n"
-    "  --password PW  password for an encrypted file\n",
+    "  --password PW  password for an encrypted file\n"
+    "  --key KEY.pem --cert CERT.pem\n"
+    "                 open a file secured for certificate holders as the holder of\n"
+    "                 CERT.pem, with its private key KEY.pem (PEM, unencrypted)\n",
     RunRender};
 
 }  // namespace zpdf::cli

@@ -605,10 +605,11 @@ pdf_document* BuildPart(fz_context* ctx, pdf_document* src, const PageIndex* pag
 }
 
 // 1 when the document opens without a password (or with the empty one).
-int OpensWithoutPassword(fz_context* ctx, pdf_document* doc) {
+// The document opens with `password` (the empty one when null).
+int OpensWithPassword(fz_context* ctx, pdf_document* doc, const char* password) {
     volatile int open = 0;
     fz_try(ctx) {
-        open = !pdf_needs_password(ctx, doc) || pdf_authenticate_password(ctx, doc, "");
+        open = !pdf_needs_password(ctx, doc) || pdf_authenticate_password(ctx, doc, password);
     }
     fz_catch(ctx) {
         open = 0;
@@ -652,7 +653,7 @@ SplitSource::~SplitSource() {
     fz_drop_context(ctx);
 }
 
-void SplitSource::Open(std::FILE* file) {
+void SplitSource::Open(std::FILE* file, const std::optional<std::string>& password) {
     if (impl_->doc != nullptr)
         throw EngineError(ErrorCategory::Other, "the source is already open");
     fz_context* ctx = impl_->ctx;
@@ -668,8 +669,9 @@ void SplitSource::Open(std::FILE* file) {
         ThrowCaught(ctx, OpenFailureCategory(ctx, stm), "cannot open the document");
     }
     impl_->doc = doc;
-    if (!OpensWithoutPassword(ctx, doc)) {
-        throw EngineError(ErrorCategory::Password, "the document needs a password");
+    if (!OpensWithPassword(ctx, doc, password ? password->c_str() : "")) {
+        throw EngineError(ErrorCategory::Password, password ? "the password is not correct"
+                                                            : "the document needs a password");
     }
     RebuildIfPageTreeUnreachable(ctx, doc);
     // What is parsed by now (trailer, catalogue, encryption) stays; the rest comes and goes.

@@ -22,8 +22,8 @@ std::optional<GrayImage> ParsePgm(const std::string& bytes);
 
 struct PageDifference {
     bool same_size = false;
-    std::size_t pixels = 0;          // compared
-    std::size_t differing = 0;       // pixels whose shades are further apart than the tolerance
+    std::size_t pixels = 0;     // compared
+    std::size_t differing = 0;  // pixels whose shades are further apart than the tolerance
     bool renders_differently = false;
 };
 

@@ -90,7 +90,8 @@ int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_o
 // Kids array. Throws an engine error.
 void PrepareForNewPages(fz_context* ctx, pdf_document* doc);
 
-// Runs the engine's writer over `sink` with the given options. Throws EngineError.
+// Runs the engine's writer over `sink` with the given options; one that keeps the document's
+// security restores its encryption dictionary first. Throws EngineError.
 void RunEngineWriter(fz_context* ctx, pdf_document* doc, ByteSink& sink,
                      const pdf_write_options& options);
 

@@ -51,7 +51,8 @@ void RequireCatalog(fz_context* ctx, pdf_document* doc);
 int CountDocumentPages(fz_context* ctx, pdf_document* doc);
 
 // Rebuilds the cross-reference table of a document whose page tree cannot be reached, as the
-// engine rebuilds a damaged one, then makes a root that is a page a node. Never throws.
+// engine rebuilds a damaged one; takes the file's own catalog where the trailer's still has no
+// page tree; then makes a root that is a page a node. Never throws.
 void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc);
 // Where the catalog's /Pages is a page itself, puts a new page tree root above it that holds
 // it as its one kid, so that the page is counted and found as other readers find it. Throws an

@@ -161,6 +161,50 @@ void MakePageTreeRootANode(fz_context* ctx, pdf_document* doc) {
     }
 }
 
+namespace {
+
+// Whether object `num` is a catalog whose /Pages is a dictionary. Never throws: an object that
+// cannot be read is none.
+bool IsCatalogWithPages(fz_context* ctx, pdf_document* doc, int num) {
+    volatile bool found = false;
+    pdf_obj* obj = nullptr;
+    fz_var(obj);
+    fz_try(ctx) {
+        const pdf_xref_entry* entry = pdf_get_xref_entry_no_null(ctx, doc, num);
+        if (entry->type == 'n' || entry->type == 'o') {
+            obj = pdf_load_object(ctx, doc, num);
+            found = pdf_name_eq(ctx, pdf_dict_get(ctx, obj, PDF_NAME(Type)), PDF_NAME(Catalog)) &&
+                    pdf_is_dict(ctx, pdf_dict_get(ctx, obj, PDF_NAME(Pages)));
+        }
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, obj);
+    }
+    fz_catch(ctx) {
+        found = false;
+    }
+    return found;
+}
+
+// A trailer can name as its /Root an object the file does not hold (an update that lost its
+// objects), while the file's own catalog is still there; a rebuilt table keeps the trailer's
+// /Root as it was. The first catalog with a page tree becomes the root, as tolerant readers
+// take it.
+void AdoptCatalogWithPages(fz_context* ctx, pdf_document* doc) {
+    const int length = pdf_xref_len(ctx, doc);
+    for (int num = 1; num < length; ++num) {
+        if (num % kObjectsBetweenReleases == 0) ReleaseUnchangedObjects(ctx, doc);
+        if (!IsCatalogWithPages(ctx, doc, num)) continue;
+        fz_warn(ctx, "the trailer's catalog has no page tree: taking object %d as the catalog",
+                num);
+        pdf_dict_put_drop(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root),
+                          pdf_new_indirect(ctx, doc, num, 0));
+        return;
+    }
+}
+
+}  // namespace
+
 // A cross-reference table can read without error and still leave the catalog's page tree out,
 // when a damaged subsection header cuts the table short. The engine rebuilds a table only when
 // reading it fails, or when an object is not where the table says; an object the table does not
@@ -180,10 +224,12 @@ void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc) {
         fz_warn(ctx, "cannot rebuild the document: %s", fz_caught_message(ctx));
     }
     fz_try(ctx) {
+        if (!pdf_is_dict(ctx, pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages")))
+            AdoptCatalogWithPages(ctx, doc);
         MakePageTreeRootANode(ctx, doc);
     }
     fz_catch(ctx) {
-        fz_warn(ctx, "cannot put the page under a page tree root: %s", fz_caught_message(ctx));
+        fz_warn(ctx, "cannot find the page tree: %s", fz_caught_message(ctx));
     }
 }
 

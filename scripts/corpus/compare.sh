@@ -225,6 +225,7 @@ row "annotations lost" "$(sum 4 .)"
 row "fields lost" "$(sum 5 .)"
 row "crashes or hangs" "$(sum 6 .)"
 row "outputs with a wrong page count" "$(count '^wrong')"
+row "files with a refused operation" "$(count $'\t[^\t]*: refused: ')"
 awk -F'\t' '$1 != "ok" && $1 != "poppler-cannot-render" { print "  " $1 "\t" $7 "\t" $8 }' \
     "$logs/results.tsv" | cut -c1-400
 echo "verdicts: $logs/results.tsv"

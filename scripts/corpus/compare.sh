@@ -45,18 +45,21 @@ qpdf "$work/letterhead-raw.pdf" "$work/letterhead.pdf" 2>/dev/null || [ $? -eq 3
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=0}
 
 # Per page of FILE, one line "ANNOTS FIELDS": the entries of the page's /Annots, and the form
-# fields whose widgets are on it. Nothing when qpdf cannot read the file.
+# fields whose widgets are on it. Nothing when qpdf cannot read the file. The fields are asked
+# for apart: qpdf gives up on the whole output for a form it cannot read.
 annotations_and_fields() {
-    qpdf --json=2 --json-key=pages --json-key=acroform --json-key=qpdf "$1" 2>/dev/null |
-        jq -r '.qpdf[1] as $o
+    local fields
+    fields=$(qpdf --json=2 --json-key=acroform "$1" 2>/dev/null |
+        jq -c '[.acroform.fields[]?.pageposfrom1]' 2>/dev/null) || true
+    qpdf --json=2 --json-key=pages --json-key=qpdf "$1" 2>/dev/null |
+        jq -r --argjson fields "${fields:-[]}" '.qpdf[1] as $o
             | def val(v): if (v | type) == "string" and (v | test("^[0-9]+ [0-9]+ R$"))
                           then $o["obj:" + v].value else v end;
-            (.acroform.fields // []) as $fields
-            | .pages[]
+            .pages[]
             | .pageposfrom1 as $n
             | ((val($o["obj:" + .object].value["/Annots"]) // []) | if type == "array"
                    then length else 0 end) as $annots
-            | ([$fields[] | select(.pageposfrom1 == $n)] | length) as $f
+            | ([$fields[] | select(. == $n)] | length) as $f
             | "\($annots) \($f)"' 2>/dev/null || true
 }
 

@@ -51,8 +51,13 @@ void RequireCatalog(fz_context* ctx, pdf_document* doc);
 int CountDocumentPages(fz_context* ctx, pdf_document* doc);
 
 // Rebuilds the cross-reference table of a document whose page tree cannot be reached, as the
-// engine rebuilds a damaged one. Never throws.
+// engine rebuilds a damaged one; takes the file's own catalog where the trailer's still has no
+// page tree; then makes a root that is a page a node. Never throws.
 void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc);
+// Where the catalog's /Pages is a page itself, puts a new page tree root above it that holds
+// it as its one kid, so that the page is counted and found as other readers find it. Throws an
+// engine error.
+void MakePageTreeRootANode(fz_context* ctx, pdf_document* doc);
 
 // Gives every node of the document's page tree the number of pages it holds, as the engine's
 // page lookup walks the tree, where its /Count says otherwise. Never throws.
@@ -81,7 +86,8 @@ pdf_obj* CopiedPageDictionary(fz_context* ctx, pdf_obj* source);
 // Kids array. Throws an engine error.
 void PrepareForNewPages(fz_context* ctx, pdf_document* doc);
 
-// Runs the engine's writer over `sink` with the given options. Throws EngineError.
+// Runs the engine's writer over `sink` with the given options; one that keeps the document's
+// security restores its encryption dictionary first. Throws EngineError.
 void RunEngineWriter(fz_context* ctx, pdf_document* doc, ByteSink& sink,
                      const pdf_write_options& options);
 

@@ -121,15 +121,99 @@ void CorrectPageCounts(fz_context* ctx, pdf_document* doc) {
     }
 }
 
+namespace {
+
+// Whether the catalog's /Pages is a page itself rather than a node of pages: typed /Page, with
+// no /Kids. Other readers take such a root as a document of that one page; the engine counts it
+// as none. An untyped root without kids is no page to them either.
+bool RootIsAPage(fz_context* ctx, pdf_obj* root) {
+    return !pdf_is_array(ctx, pdf_dict_get(ctx, root, PDF_NAME(Kids))) &&
+           pdf_name_eq(ctx, pdf_dict_get(ctx, root, PDF_NAME(Type)), PDF_NAME(Page));
+}
+
+}  // namespace
+
+void MakePageTreeRootANode(fz_context* ctx, pdf_document* doc) {
+    pdf_obj* catalog = pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root));
+    pdf_obj* page = pdf_dict_get(ctx, catalog, PDF_NAME(Pages));
+    if (!pdf_is_indirect(ctx, page) || !RootIsAPage(ctx, page)) return;
+    fz_warn(ctx, "the page tree root is a page: putting it under a new root");
+    pdf_obj* page_ref = nullptr;
+    pdf_obj* node = nullptr;
+    fz_var(page_ref);
+    fz_var(node);
+    fz_try(ctx) {
+        page_ref = pdf_keep_obj(ctx, page);
+        node = pdf_add_new_dict(ctx, doc, 3);
+        pdf_dict_put(ctx, node, PDF_NAME(Type), PDF_NAME(Pages));
+        pdf_obj* kids = pdf_dict_put_array(ctx, node, PDF_NAME(Kids), 1);
+        pdf_array_push(ctx, kids, page_ref);
+        pdf_dict_put_int(ctx, node, PDF_NAME(Count), 1);
+        pdf_dict_put(ctx, pdf_resolve_indirect(ctx, page_ref), PDF_NAME(Parent), node);
+        pdf_dict_put(ctx, catalog, PDF_NAME(Pages), node);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, node);
+        pdf_drop_obj(ctx, page_ref);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+namespace {
+
+// Whether object `num` is a catalog whose /Pages is a dictionary. Never throws: an object that
+// cannot be read is none.
+bool IsCatalogWithPages(fz_context* ctx, pdf_document* doc, int num) {
+    volatile bool found = false;
+    pdf_obj* obj = nullptr;
+    fz_var(obj);
+    fz_try(ctx) {
+        const pdf_xref_entry* entry = pdf_get_xref_entry_no_null(ctx, doc, num);
+        if (entry->type == 'n' || entry->type == 'o') {
+            obj = pdf_load_object(ctx, doc, num);
+            found = pdf_name_eq(ctx, pdf_dict_get(ctx, obj, PDF_NAME(Type)), PDF_NAME(Catalog)) &&
+                    pdf_is_dict(ctx, pdf_dict_get(ctx, obj, PDF_NAME(Pages)));
+        }
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, obj);
+    }
+    fz_catch(ctx) {
+        found = false;
+    }
+    return found;
+}
+
+// A trailer can name as its /Root an object the file does not hold (an update that lost its
+// objects), while the file's own catalog is still there; a rebuilt table keeps the trailer's
+// /Root as it was. The first catalog with a page tree becomes the root, as tolerant readers
+// take it.
+void AdoptCatalogWithPages(fz_context* ctx, pdf_document* doc) {
+    const int length = pdf_xref_len(ctx, doc);
+    for (int num = 1; num < length; ++num) {
+        if (num % kObjectsBetweenReleases == 0) ReleaseUnchangedObjects(ctx, doc);
+        if (!IsCatalogWithPages(ctx, doc, num)) continue;
+        fz_warn(ctx, "the trailer's catalog has no page tree: taking object %d as the catalog",
+                num);
+        pdf_dict_put_drop(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root),
+                          pdf_new_indirect(ctx, doc, num, 0));
+        return;
+    }
+}
+
+}  // namespace
+
 // A cross-reference table can read without error and still leave the catalog's page tree out,
 // when a damaged subsection header cuts the table short. The engine rebuilds a table only when
 // reading it fails, or when an object is not where the table says; an object the table does not
 // list at all is simply absent. A document whose page tree cannot be reached is rebuilt here
 // from its objects, with the steps the engine takes when it rebuilds one on its own.
 void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc) {
-    if (doc->repair_attempted) return;
     fz_try(ctx) {
-        if (!pdf_is_dict(ctx, pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages"))) {
+        if (!doc->repair_attempted &&
+            !pdf_is_dict(ctx, pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages"))) {
             fz_warn(ctx, "the page tree cannot be reached: rebuilding the cross-reference table");
             pdf_repair_xref(ctx, doc);
             pdf_repair_obj_stms(ctx, doc);
@@ -138,6 +222,14 @@ void RebuildIfPageTreeUnreachable(fz_context* ctx, pdf_document* doc) {
     }
     fz_catch(ctx) {
         fz_warn(ctx, "cannot rebuild the document: %s", fz_caught_message(ctx));
+    }
+    fz_try(ctx) {
+        if (!pdf_is_dict(ctx, pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages")))
+            AdoptCatalogWithPages(ctx, doc);
+        MakePageTreeRootANode(ctx, doc);
+    }
+    fz_catch(ctx) {
+        fz_warn(ctx, "cannot find the page tree: %s", fz_caught_message(ctx));
     }
 }
 
@@ -359,6 +451,7 @@ void PrepareForNewPages(fz_context* ctx, pdf_document* doc) {
     if (!pdf_is_dict(ctx, root)) fz_throw(ctx, FZ_ERROR_GENERIC, "the document has no catalog");
     if (!pdf_dict_get(ctx, root, PDF_NAME(Type)))
         pdf_dict_put(ctx, root, PDF_NAME(Type), PDF_NAME(Catalog));
+    MakePageTreeRootANode(ctx, doc);
     pdf_obj* pages = pdf_dict_get(ctx, root, PDF_NAME(Pages));
     if (!pdf_is_dict(ctx, pages)) {
         pages = pdf_add_new_dict(ctx, doc, 3);

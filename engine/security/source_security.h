@@ -15,4 +15,9 @@ struct SourceSecurity {
 // Throws engine::EngineError.
 SourceSecurity ReadSourceSecurity(fz_context* ctx, pdf_document* doc);
 
+// Gives the standard encryption dictionary of a document that keeps its security the /O, /U,
+// /OE, /UE its key was derived from and a /Perms that key opens, where parsing it after a
+// repair left them decrypted. Throws an engine error.
+void RestoreEncryptionStrings(fz_context* ctx, pdf_document* doc);
+
 }  // namespace zpdf::engine

@@ -1,6 +1,7 @@
 // The engine's own writer: what a document with security of its own, and the password save, are
 // written with.
 #include "engine/internal.h"
+#include "engine/security/source_security.h"
 
 namespace zpdf::engine {
 namespace {
@@ -92,6 +93,7 @@ void RunEngineWriter(fz_context* ctx, pdf_document* doc, ByteSink& sink,
     pdf_write_options chosen = options;
     fz_try(ctx) {
         RequireCatalog(ctx, doc);
+        if (chosen.do_encrypt == PDF_ENCRYPT_KEEP) RestoreEncryptionStrings(ctx, doc);
         if (!chosen.do_pretty && DocumentHoldsEmptyName(ctx, doc)) chosen.do_pretty = 1;
         out = fz_new_output(ctx, 64 * 1024, &state, WriteToSink, nullptr, nullptr);
         out->tell = TellSink;

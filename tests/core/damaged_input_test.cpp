@@ -1,0 +1,254 @@
+// Damaged and malformed inputs that other readers open must not come out worse: a page tree
+// whose root is a page keeps its page through every operation, and an encrypted file the engine
+// had to repair is written with encryption that opens with the same password, checked by qpdf
+// and by opening the result again.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "core/open_object.h"
+
+namespace zpdf {
+namespace {
+
+using namespace test;  // NOLINT: the helpers of these tests
+
+// ---- A page tree whose root is a page ----
+
+// A file of the given objects (object i + 1 is objects[i]) with a correct cross-reference
+// table; the trailer's /Root is object `root`.
+std::string FileOf(const std::vector<std::string>& objects, int root = 1) {
+    std::string out = "%PDF-1.4\n";
+    std::string table = "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
+    for (std::size_t i = 0; i < objects.size(); ++i) {
+        char entry[24];
+        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", out.size());
+        table += entry;
+        out += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+    }
+    return out + table + "trailer\n<< /Size " + std::to_string(objects.size() + 1) + " /Root " +
+           std::to_string(root) + " 0 R >>\nstartxref\n" + std::to_string(out.size()) + "\n%%EOF\n";
+}
+
+const std::string kFont = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>";
+const std::string kText = PdfStream("", "BT /F1 20 Tf 30 100 Td (Lonely page) Tj ET");
+const std::string kResources = "/Resources << /Font << /F1 4 0 R >> >>";
+
+// The page count poppler reads.
+std::string PopplerPages(const Path& file) {
+    return test::Run("pdfinfo " + Quote(file) + " 2>/dev/null | sed -n 's/^Pages: *//p'").output;
+}
+
+// Pages other readers find where the catalog's /Pages is the one page of the document, or
+// where the last trailer of a file whose table must be rebuilt names as its catalog an object
+// that is none, while the file's own catalog is still there.
+TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
+    const Path dir = ScratchDir();
+    const struct Case {
+        const char* name;
+        std::vector<std::string> objects;
+        std::function<std::string(const Path&)> reader;  // prints "1\n" for the source
+        int root = 1;
+        std::string update = "";  // added at the end of the file
+    } cases[] = {
+        {"typed /Page",
+         {"<< /Type /Catalog /Pages 2 0 R >>",
+          "<< /Type /Page /MediaBox [0 0 300 200] /Contents 3 0 R " + kResources + " >>", kText,
+          kFont},
+         PopplerPages},
+        {"its own parent",
+         {"<< /Type /Catalog /Pages 2 0 R >>",
+          "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 300 200] /Contents 3 0 R " + kResources +
+              " >>",
+          kText, kFont},
+         PopplerPages},
+        {"last trailer naming the information as the catalog",
+         {"<< /Producer (Old) >>", "<< /Type /Catalog /Pages 3 0 R >>",
+          "<< /Type /Pages /Kids [4 0 R] /Count 1 >>",
+          "<< /Type /Page /Parent 3 0 R /MediaBox [0 0 300 200] /Contents 5 0 R "
+          "/Resources << /Font << /F1 6 0 R >> >> >>",
+          kText, kFont},
+         [](const Path& file) { return std::to_string(QpdfPageCount(file)) + "\n"; },
+         2,
+         "trailer\n<< /Size 7 /Root 1 0 R >>\nstartxref\n9\n%%EOF\n"},
+    };
+    const Path letterhead = dir / "letterhead.pdf";
+    WriteBytes(letterhead, LabelledBytes({"Head"}, 300, 200));
+    using Operation = std::function<HResult(Obj&, Obj&)>;
+    const struct Step {
+        const char* name;
+        Operation run;
+        int pages;
+        std::vector<std::string> texts;  // of the result's pages, by pdftotext
+    } steps[] = {
+        {"stamp",
+         [](Obj& doc, Obj& other) {
+             std::vector<std::uint32_t> ids;
+             const HResult imported = doc.ImportContent(&other, &ids);
+             return imported != hr::kOk ? imported : doc.PlaceContent(ids.at(0), 1, 0, 0, 1, 1, 0);
+         },
+         1,
+         {"HeadLonely page"}},
+        {"append to it",
+         [](Obj& doc, Obj& other) { return doc.AppendPages(&other); },
+         2,
+         {"Lonely page", "Head"}},
+        {"append it",
+         [](Obj& doc, Obj& other) { return other.AppendPages(&doc); },
+         2,
+         {"Head", "Lonely page"}},
+        {"append to itself",
+         [](Obj& doc, Obj&) { return doc.AppendPages(&doc); },
+         2,
+         {"Lonely page", "Lonely page"}},
+        {"replace its page",
+         [](Obj& doc, Obj&) { return doc.ReplacePages(1, &doc, 1, 1); },
+         1,
+         {"Lonely page"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Path file = dir / "root-page.pdf";
+        std::string bytes = FileOf(c.objects, c.root);
+        bytes += c.update;
+        WriteBytes(file, bytes);
+        ASSERT_EQ(c.reader(file), "1\n");
+        for (const Step& step : steps) {
+            SCOPED_TRACE(step.name);
+            Obj doc, other;
+            OpenQuietly(doc, file);
+            OpenQuietly(other, letterhead);
+            EXPECT_EQ(Pages(doc), 1);
+            EXPECT_EQ(PageSize(doc, 1), Size(300, 200));
+            ASSERT_EQ(Quiet([&] { return step.run(doc, other); }), hr::kOk) << doc.LastErrorText();
+            const bool into_other = std::string(step.name) == "append it";
+            const Path out = dir / "out.pdf";
+            std::filesystem::remove(out);
+            ASSERT_EQ(Quiet([&] { return (into_other ? other : doc).SaveTo(out); }), hr::kOk);
+            EXPECT_EQ(QpdfPageCount(out), step.pages);
+            EXPECT_TRUE(QpdfCheckPasses(out));
+            EXPECT_EQ(PdfPageTexts(out), step.texts);
+        }
+    }
+}
+
+// ---- Encryption kept through a repair ----
+
+// qpdf's options for each encryption the writer can keep, and the revision it reports.
+struct Encryption {
+    const char* name;
+    const char* options;
+    const char* revision;
+};
+const Encryption kEncryptions[] = {
+    {"RC4 40", "--allow-weak-crypto --encrypt user owner 40 --", "R = 2"},
+    {"RC4 128", "--allow-weak-crypto --encrypt user owner 128 --use-aes=n --", "R = 3"},
+    {"AES-128", "--encrypt user owner 128 --use-aes=y --", "R = 4"},
+    {"AES-256", "--encrypt user owner 256 --", "R = 6"},
+};
+
+// The ways the engine comes to rebuild a file's table: at opening, before the document's
+// security is read (the table cannot be found), or later, once it is (an object is not where
+// its entry says).
+enum class Damage { kNone, kStartxref, kMisplacedObject };
+
+std::string Damaged(std::string bytes, Damage damage) {
+    if (damage == Damage::kStartxref) {
+        const auto at = bytes.rfind("startxref\n");
+        return bytes.substr(0, at) + "startxref\n17\n%%EOF\n";
+    }
+    if (damage == Damage::kMisplacedObject) {
+        // The entry of object 3, a page's contents in these files, points 5 bytes early.
+        const auto table = bytes.rfind("\nxref\n");
+        const auto entry = bytes.find('\n', table + 6) + 1 + 3 * 20;
+        const long offset = std::stol(bytes.substr(entry, 10));
+        char moved[24];
+        std::snprintf(moved, sizeof moved, "%010ld", offset - 5);
+        bytes.replace(entry, 10, std::string(moved).substr(0, 10));
+    }
+    return bytes;
+}
+
+std::string ShowEncryption(const Path& file, const std::string& password) {
+    return test::Run("qpdf --show-encryption --password=" + Quote(password) + " " + Quote(file))
+        .output;
+}
+
+TEST(DamagedInput, KeptEncryptionOpensWithTheSamePasswordAfterARepair) {
+    const Path dir = ScratchDir();
+    const Path plain = LabelledPdf(dir / "plain.pdf", Labels("Sheet ", 3));
+    const Path letterhead = LabelledPdf(dir / "letterhead.pdf", {"Head"});
+    const struct Operation {
+        const char* name;
+        std::function<HResult(Obj&, const Path&)> run;
+        const char* password;  // that opens the result
+        int pages;
+    } operations[] = {
+        {"save", [](Obj& doc, const Path& out) { return doc.SaveTo(out); }, "user", 3},
+        {"stamp",
+         [&](Obj& doc, const Path& out) {
+             Obj head;
+             OpenQuietly(head, letterhead);
+             std::vector<std::uint32_t> ids;
+             HResult r = doc.ImportContent(&head, &ids);
+             if (r == hr::kOk) r = doc.PlaceContent(ids.at(0), 2, 0, 0, 1, 1, 0);
+             return r == hr::kOk ? doc.SaveTo(out) : r;
+         },
+         "user", 3},
+        {"append",
+         [&](Obj& doc, const Path& out) {
+             Obj head;
+             OpenQuietly(head, letterhead);
+             const HResult r = doc.AppendPages(&head);
+             return r == hr::kOk ? doc.SaveTo(out) : r;
+         },
+         "user", 4},
+        {"password save",
+         [](Obj& doc, const Path& out) { return doc.SaveWithSecurityTo(out, u"fresh", u"boss"); },
+         "fresh", 3},
+    };
+    for (const Encryption& encryption : kEncryptions) {
+        const Path intact = dir / "encrypted.pdf";
+        const auto made = test::Run(std::string("qpdf ") + encryption.options + " " + Quote(plain) +
+                                    " " + Quote(intact));
+        ASSERT_EQ(made.exit_code, 0) << made.output;
+        for (Damage damage : {Damage::kNone, Damage::kStartxref, Damage::kMisplacedObject}) {
+            const Path source = dir / "source.pdf";
+            WriteBytes(source, Damaged(ReadBytes(intact), damage));
+            for (const Operation& op : operations) {
+                SCOPED_TRACE(std::string(encryption.name) + ", damage " +
+                             std::to_string(static_cast<int>(damage)) + ", " + op.name);
+                const Path out = dir / "out.pdf";
+                std::filesystem::remove(out);
+                Obj doc;
+                OpenQuietly(doc, source, u"user");
+                ASSERT_EQ(Quiet([&] { return op.run(doc, out); }), hr::kOk) << doc.LastErrorText();
+
+                const auto check =
+                    test::Run("qpdf --check --password=" + Quote(op.password) + " " + Quote(out));
+                EXPECT_EQ(check.exit_code, 0) << check.output;
+                const std::string shown = ShowEncryption(out, op.password);
+                EXPECT_NE(shown.find("Supplied password is user password"), std::string::npos)
+                    << shown;
+                const bool kept = std::string(op.password) == "user";
+                EXPECT_NE(shown.find(kept ? encryption.revision : "R = 6"), std::string::npos)
+                    << shown;
+                const auto text = test::Run("pdftotext -q -upw " + Quote(op.password) + " " +
+                                            Quote(out) + " - | grep -c Sheet");
+                EXPECT_EQ(text.output, "3\n");
+
+                Obj reopened;
+                ASSERT_EQ(
+                    reopened.SetPdfDocument(FromPath(out), 0, FromAnsi(std::string(op.password))),
+                    hr::kOk);
+                EXPECT_EQ(Pages(reopened), op.pages);
+            }
+        }
+    }
+}
+
+}  // namespace
+}  // namespace zpdf

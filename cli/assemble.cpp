@@ -4,6 +4,7 @@
 
 #include "cli/command.h"
 #include "cli/edit_session.h"
+#include "cli/outputs.h"
 
 namespace zpdf::cli {
 namespace {
@@ -57,6 +58,9 @@ int RunStamp(const std::vector<std::string>& args) {
     if (int rc =
             session.Begin(parsed.Positional()[0], parsed.Value("-o"), parsed.Value("--password")))
         return rc;
+    if (int rc =
+            RefuseOutputOverInputs(kStampCommand, session.Destination(), {parsed.Positional()[1]}))
+        return rc;
     CZPdfContentObject letterhead;
     if (int rc = OpenSource(kStampCommand, letterhead, parsed.Positional()[1], std::nullopt))
         return rc;
@@ -107,6 +111,9 @@ int RunAppend(const std::vector<std::string>& args) {
     if (int rc =
             session.Begin(parsed.Positional()[0], parsed.Value("-o"), parsed.Value("--password")))
         return rc;
+    if (int rc =
+            RefuseOutputOverInputs(kAppendCommand, session.Destination(), {parsed.Positional()[1]}))
+        return rc;
     // The source is opened by the append, which reads an unencrypted one from a private copy of
     // its file alone.
     CZPdfContentObject source;
@@ -140,6 +147,8 @@ int RunReplace(const std::vector<std::string>& args) {
         return UsageError(kReplaceCommand, "DESTPAGE, START and END are page numbers");
     EditSession session(kReplaceCommand);
     if (int rc = session.Begin(pos[0], parsed.Value("-o"), parsed.Value("--password"))) return rc;
+    if (int rc = RefuseOutputOverInputs(kReplaceCommand, session.Destination(), {pos[2]}))
+        return rc;
     CZPdfContentObject source;
     if (int rc = OpenSource(kReplaceCommand, source, pos[2], std::nullopt)) return rc;
     CZPdfContentObject& object = session.Object();

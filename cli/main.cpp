@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/signals.h"
 #include "log/log_manager.h"
 
 namespace {
@@ -42,6 +43,7 @@ void PrintUsage(std::FILE* out) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    zpdf::cli::RemoveFilesWhenInterrupted();
     // Options of zpdf itself come before the command.
     while (argc >= 3 && std::strcmp(argv[1], "--log-ini") == 0) {
         zpdf::LogManager::SetConfigPath(argv[2]);

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "cli/command.h"
+#include "cli/outputs.h"
 #include "content_object/content_object.h"
 
 namespace zpdf::cli {
@@ -115,6 +116,12 @@ int RunProtectPubKey(const std::vector<std::string>& args) {
         recipients.push_back(FromAnsi(text.str()));
     }
 
+    const std::optional<std::string> output = parsed.Value("-o");
+    const std::vector<std::string> certificates(parsed.Positional().begin() + 1,
+                                                parsed.Positional().end());
+    if (const int rc = RefuseOutputOverInputs(kProtectPubKeyCommand,
+                                              ToPath(FromAnsi(output ? *output : file)), certificates))
+        return rc;
     CZPdfContentObject object;
     if (const int rc = OpenSource(kProtectPubKeyCommand, object, file, parsed)) return rc;
     return Secure(

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "cli/command.h"
+#include "cli/outputs.h"
 #include "content_object/content_object.h"
 #include "platform/png_device_context.h"
 
@@ -21,6 +22,7 @@ int RunRender(const std::vector<std::string>& args) {
     const auto dpi = ParseNumber(parsed.Value("--dpi").value_or("150"), 1, 4800);
     if (!dpi) return UsageError(kRenderCommand, "--dpi must be a whole number from 1 to 4800");
 
+    if (int rc = RefuseOutputOverInputs(kRenderCommand, ToPath(FromAnsi(out)), {file})) return rc;
     CZPdfContentObject object;
     OptionalText password = std::u16string();
     if (auto pw = parsed.Value("--password")) password = FromAnsi(*pw);

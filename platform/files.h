@@ -178,6 +178,7 @@ class FileReplacement {
     struct Native;
 
   private:
+    int OpenLocked();
     int Fail(int error, const std::string& what);
     int ReplaceExisting();
 

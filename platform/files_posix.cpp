@@ -244,6 +244,16 @@ FileReplacement::~FileReplacement() {
 }
 
 int FileReplacement::Open() {
+    const int error = OpenLocked();
+    // A writer that cannot start holds nothing that keeps others from writing.
+    if (error != 0 && native_ && native_->lock_fd >= 0) {
+        ::close(native_->lock_fd);
+        native_->lock_fd = -1;
+    }
+    return error;
+}
+
+int FileReplacement::OpenLocked() {
     problem_.clear();
     const std::string what = "Cannot create " + target_.string();
     if (const int error = ResolveLinks(target_, &final_)) return Fail(error, what);

@@ -158,6 +158,16 @@ FileReplacement::~FileReplacement() {
 }
 
 int FileReplacement::Open() {
+    const int error = OpenLocked();
+    // A writer that cannot start holds nothing that keeps others from writing.
+    if (error != 0 && native_ && native_->lock != INVALID_HANDLE_VALUE) {
+        CloseHandle(native_->lock);
+        native_->lock = INVALID_HANDLE_VALUE;
+    }
+    return error;
+}
+
+int FileReplacement::OpenLocked() {
     problem_.clear();
     const std::string what = "Cannot create " + target_.string();
     native_ = std::make_unique<Native>();

@@ -168,15 +168,15 @@ int RunDemo(const std::vector<std::string>& args) {
     const int w = static_cast<int>(width * 100 / 72 + 0.5);
     const int h = static_cast<int>(height * 100 / 72 + 0.5);
     if (const int error = png.Open(png_path, w, h, 100)) {
-        return Failure(kDemoCommand, png_path.string(), "cannot create the file",
-                       hr::FromWin32(error));
+        return Failure(kDemoCommand, png_path.string(),
+                       "cannot create the file: " + fs::ErrorText(error), hr::FromWin32(error));
     }
     if (int rc =
             Step("draw page 1", object.DrawPageToDC(png, 1, 0, 0, w, h, 0, 0, 0, 0, 0), object))
         return rc;
     if (const int error = png.Finish()) {
-        return Failure(kDemoCommand, png_path.string(), "cannot write the file",
-                       hr::FromWin32(error));
+        return Failure(kDemoCommand, png_path.string(),
+                       "cannot write the file: " + fs::ErrorText(error), hr::FromWin32(error));
     }
     std::printf("drew page 1 at 100 dpi into %s\n", png_path.string().c_str());
 

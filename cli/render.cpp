@@ -5,6 +5,7 @@
 #include "cli/command.h"
 #include "cli/outputs.h"
 #include "content_object/content_object.h"
+#include "platform/files.h"
 #include "platform/png_device_context.h"
 
 namespace zpdf::cli {
@@ -45,12 +46,14 @@ int RunRender(const std::vector<std::string>& args) {
     const int w = static_cast<int>(width_px);
     const int h = static_cast<int>(height_px);
     if (const int error = png.Open(ToPath(FromAnsi(out)), w, h, static_cast<int>(*dpi))) {
-        return Failure(kRenderCommand, out, "cannot create the file", hr::FromWin32(error));
+        return Failure(kRenderCommand, out, "cannot create the file: " + fs::ErrorText(error),
+                       hr::FromWin32(error));
     }
     result = object.DrawPageToDC(png, static_cast<std::int32_t>(*page), 0, 0, w, h, 0, 0, 0, 0, 0);
     if (hr::Failed(result)) return Failure(kRenderCommand, file, object.LastErrorText(), result);
     if (const int error = png.Finish()) {
-        return Failure(kRenderCommand, out, "cannot write the file", hr::FromWin32(error));
+        return Failure(kRenderCommand, out, "cannot write the file: " + fs::ErrorText(error),
+                       hr::FromWin32(error));
     }
     std::printf("page %ld of %s: %d x %d pixels at %ld dpi -> %s\n", *page, file.c_str(), w, h,
                 *dpi, out.c_str());

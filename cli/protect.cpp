@@ -7,6 +7,7 @@
 #include "cli/command.h"
 #include "cli/outputs.h"
 #include "content_object/content_object.h"
+#include "platform/files.h"
 
 namespace zpdf::cli {
 namespace {
@@ -110,7 +111,10 @@ int RunProtectPubKey(const std::vector<std::string>& args) {
         std::ostringstream text;
         if (in.is_open()) text << in.rdbuf();
         if (!in.is_open() || in.bad()) {
-            return Failure(kProtectPubKeyCommand, name, "cannot read the certificate file",
+            return Failure(kProtectPubKeyCommand, name,
+                           fs::FileExists(ToPath(FromAnsi(name)))
+                               ? "cannot read the certificate file"
+                               : "the certificate file does not exist",
                            hr::kInvalidArg);
         }
         recipients.push_back(FromAnsi(text.str()));
@@ -119,8 +123,8 @@ int RunProtectPubKey(const std::vector<std::string>& args) {
     const std::optional<std::string> output = parsed.Value("-o");
     const std::vector<std::string> certificates(parsed.Positional().begin() + 1,
                                                 parsed.Positional().end());
-    if (const int rc = RefuseOutputOverInputs(kProtectPubKeyCommand,
-                                              ToPath(FromAnsi(output ? *output : file)), certificates))
+    if (const int rc = RefuseOutputOverInputs(
+            kProtectPubKeyCommand, ToPath(FromAnsi(output ? *output : file)), certificates))
         return rc;
     CZPdfContentObject object;
     if (const int rc = OpenSource(kProtectPubKeyCommand, object, file, parsed)) return rc;

@@ -307,10 +307,12 @@ TEST(FilesProcess, MessagesNameTheFileAtFault) {
          "No such file or directory"},
         {"render " + q("doc.pdf") + " 1 " + q("no/out.png"), "no/out.png",
          "No such file or directory"},
+        {"protect-pubkey " + q("doc.pdf") + " " + q("none.pem"), "none.pem", "does not exist"},
+        {"render " + q("bad\xFF.pdf") + " 1 " + q("out.png"), "bad\xFF.pdf", "does not exist"},
     };
     for (const auto& [args, file, reason] : cases) {
         SCOPED_TRACE(args);
-        const auto result = Zpdf(args + " 2>&1 >/dev/null | grep -v 'path\\.\\.\\.$'");
+        const auto result = Zpdf(args + " 2>&1 >/dev/null | grep -av 'path\\.\\.\\.$'");
         EXPECT_NE(result.output.find(file), std::string::npos) << result.output;
         EXPECT_NE(result.output.find(reason), std::string::npos) << result.output;
         EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;

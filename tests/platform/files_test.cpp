@@ -168,23 +168,6 @@ const PlacementCase kPlacements[] = {
      [](const Path& dir) { return dir / (std::string(250, 'n') + ".pdf"); },
      [](const Path&, const Path&) {},
      {std::string(250, 'n') + ".pdf"}},
-    {"LongNameCutInsideAMultibyteCharacter",
-     [](const Path& dir) {
-         // 2-byte characters so that the shortened side-file name would end inside one.
-         std::string name;
-         for (int i = 0; i < 126; ++i) name += "\xC3\xA9";
-         return dir / (name + "x");
-     },
-     [](const Path&, const Path&) {},
-     {[] {
-         std::string name;
-         for (int i = 0; i < 126; ++i) name += "\xC3\xA9";
-         return name + "x";
-     }()}},
-    {"NameThatIsNotUtf8",
-     [](const Path& dir) { return dir / "bad\xFF\xFEname.pdf"; },
-     [](const Path&, const Path&) {},
-     {"bad\xFF\xFEname.pdf"}},
 };
 
 void PrintTo(const PlacementCase& c, std::ostream* out) {

@@ -114,7 +114,7 @@ int RunProtectPubKey(const std::vector<std::string>& args) {
             return Failure(kProtectPubKeyCommand, name,
                            fs::FileExists(ToPath(FromAnsi(name)))
                                ? "cannot read the certificate file"
-                               : "the certificate file does not exist",
+                               : "cannot read the certificate file: it does not exist",
                            hr::kInvalidArg);
         }
         recipients.push_back(FromAnsi(text.str()));

@@ -270,6 +270,9 @@ int FileReplacement::Replace() {
             problem_ = what + ": another writer changed it meanwhile";
             return kErrorSharingViolation;
         }
+        // The attributes the replace is to keep, set again after it where a file system's
+        // replace (or the plain move below) does not carry them over.
+        const DWORD attributes = GetFileAttributesW(final_.c_str());
         // The held handle shares deletion, so the replace may go ahead; it is closed first all
         // the same, as some file systems refuse to replace an open file.
         CloseHandle(native_->lock);
@@ -284,6 +287,9 @@ int FileReplacement::Replace() {
                 return Fail(error, what);
             }
         }
+        if (attributes != INVALID_FILE_ATTRIBUTES &&
+            GetFileAttributesW(final_.c_str()) != attributes)
+            SetFileAttributesW(final_.c_str(), attributes);
     } else {
         // There was no file: one that appeared meanwhile is never overwritten.
         const DWORD flags = durability_ == Durability::Synced ? MOVEFILE_WRITE_THROUGH : 0;

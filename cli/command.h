@@ -64,5 +64,6 @@ extern const Command kReplaceCommand;
 extern const Command kProtectCommand;
 extern const Command kProtectPubKeyCommand;
 extern const Command kSplitCommand;
+extern const Command kDecryptCommand;
 
 }  // namespace zpdf::cli

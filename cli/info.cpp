@@ -2,22 +2,24 @@
 #include <cstdio>
 
 #include "cli/command.h"
+#include "cli/open_options.h"
 #include "content_object/content_object.h"
 
 namespace zpdf::cli {
 namespace {
 
 int RunInfo(const std::vector<std::string>& args) {
-    Arguments parsed({"--password"}, {"--json"});
+    Arguments parsed(WithOpenOptions({}), {"--json"});
     if (!parsed.Parse(args)) return UsageError(kInfoCommand, parsed.Error());
     if (parsed.Positional().size() != 1) return UsageError(kInfoCommand, "expected one FILE");
     const std::string& file = parsed.Positional()[0];
 
-    CZPdfContentObject object;
-    OptionalText password = std::u16string();
-    if (auto pw = parsed.Value("--password")) password = FromAnsi(*pw);
-    HResult result = object.SetPdfDocument(FromAnsi(file), 0, password);
-    if (hr::Failed(result)) return Failure(kInfoCommand, file, object.LastErrorText(), result);
+    OpenOptions open;
+    if (auto error = ReadOpenOptions(parsed, &open)) return UsageError(kInfoCommand, *error);
+    OpenedDocument opened(kInfoCommand);
+    if (const int rc = opened.Open(file, open)) return rc;
+    CZPdfContentObject& object = opened.Object();
+    HResult result = hr::kOk;
 
     std::int32_t pages = 0;
     result = object.PageCount(&pages);
@@ -53,7 +55,7 @@ int RunInfo(const std::vector<std::string>& args) {
 
 const Command kInfoCommand{
     "info", "print the page count and page sizes of a PDF",
-    "Usage: zpdf info FILE [--password PW] [--json]\n"
+    "Usage: zpdf info FILE [--password PW | --key KEY.pem --cert CERT.pem] [--json]\n"
     "\n"
     "Opens FILE and prints its page count and the size of each page in points\n"
     "(1/72 inch), after the page's rotation:\n"
@@ -64,6 +66,9 @@ const Command kInfoCommand{
     "\n"
     "Options:\n"
     "  --password PW  password for an encrypted file\n"
+    "  --key KEY.pem --cert CERT.pem\n"
+    "                 open a file secured for certificate holders as the holder of\n"
+    "                 CERT.pem, with its private key KEY.pem (PEM, unencrypted)\n"
     "  --json         print the same facts as one JSON object\n",
     RunInfo};
 

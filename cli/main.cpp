@@ -15,7 +15,8 @@ using zpdf::cli::Command;
 const Command* const kCommands[] = {
     &zpdf::cli::kInfoCommand,    &zpdf::cli::kRenderCommand,        &zpdf::cli::kStampCommand,
     &zpdf::cli::kAppendCommand,  &zpdf::cli::kReplaceCommand,       &zpdf::cli::kSplitCommand,
-    &zpdf::cli::kProtectCommand, &zpdf::cli::kProtectPubKeyCommand, &zpdf::cli::kDemoCommand,
+    &zpdf::cli::kProtectCommand, &zpdf::cli::kProtectPubKeyCommand, &zpdf::cli::kDecryptCommand,
+    &zpdf::cli::kDemoCommand,
 };
 
 void PrintUsage(std::FILE* out) {

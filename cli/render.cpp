@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "cli/command.h"
+#include "cli/open_options.h"
 #include "cli/outputs.h"
 #include "content_object/content_object.h"
 #include "platform/files.h"
@@ -12,7 +13,7 @@ namespace zpdf::cli {
 namespace {
 
 int RunRender(const std::vector<std::string>& args) {
-    Arguments parsed({"--password", "--dpi"}, {});
+    Arguments parsed(WithOpenOptions({"--dpi"}), {});
     if (!parsed.Parse(args)) return UsageError(kRenderCommand, parsed.Error());
     if (parsed.Positional().size() != 3)
         return UsageError(kRenderCommand, "expected FILE PAGE OUT.png");
@@ -24,11 +25,12 @@ int RunRender(const std::vector<std::string>& args) {
     if (!dpi) return UsageError(kRenderCommand, "--dpi must be a whole number from 1 to 4800");
 
     if (int rc = RefuseOutputOverInputs(kRenderCommand, ToPath(FromAnsi(out)), {file})) return rc;
-    CZPdfContentObject object;
-    OptionalText password = std::u16string();
-    if (auto pw = parsed.Value("--password")) password = FromAnsi(*pw);
-    HResult result = object.SetPdfDocument(FromAnsi(file), 0, password);
-    if (hr::Failed(result)) return Failure(kRenderCommand, file, object.LastErrorText(), result);
+    OpenOptions open;
+    if (auto error = ReadOpenOptions(parsed, &open)) return UsageError(kRenderCommand, *error);
+    OpenedDocument opened(kRenderCommand);
+    if (const int rc = opened.Open(file, open)) return rc;
+    CZPdfContentObject& object = opened.Object();
+    HResult result = hr::kOk;
 
     double width_pt = 0;
     double height_pt = 0;
@@ -64,7 +66,8 @@ int RunRender(const std::vector<std::string>& args) {
 
 const Command kRenderCommand{
     "render", "draw one page into a PNG file",
-    "Usage: zpdf render FILE PAGE OUT.png [--dpi N] [--password PW]\n"
+    "Usage: zpdf render FILE PAGE OUT.png [--dpi N]\n"
+    "                                 [--password PW | --key KEY.pem --cert CERT.pem]\n"
     "\n"
     "Draws page PAGE (from 1) of FILE as it prints, annotations included, into the\n"
     "PNG file OUT.png. The image is drawn and written in bands, so memory stays\n"
@@ -72,7 +75,10 @@ const Command kRenderCommand{
     "\n"
     "Options:\n"
     "  --dpi N        resolution in dots per inch (default 150)\n"
-    "  --password PW  password for an encrypted file\n",
+    "  --password PW  password for an encrypted file\n"
+    "  --key KEY.pem --cert CERT.pem\n"
+    "                 open a file secured for certificate holders as the holder of\n"
+    "                 CERT.pem, with its private key KEY.pem (PEM, unencrypted)\n",
     RunRender};
 
 }  // namespace zpdf::cli

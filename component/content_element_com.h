@@ -9,7 +9,7 @@ namespace zpdf::com {
 class ContentElementCom final
     : public ComObject<ContentElementCom, IZPdfContentElement, UndescribedDispatch<IZElement>,
                        StreamPersistence<ContentElementCom, ZPdfContentElement>> {
-public:
+  public:
     CZPdfContentElement& Core() { return core_; }
     // The core element keeps no words for its failures: they are missing places for results and
     // records the stream cannot give or take.
@@ -39,10 +39,10 @@ public:
     STDMETHODIMP ResolveObjectLink(IUnknown* unused, IZObjectCollection* primary,
                                    IZObjectCollection* secondary) override;
     STDMETHODIMP GetBounds(LONG* left, LONG* top, LONG* right, LONG* bottom) override;
-    STDMETHODIMP DrawToDC(LONG hdc, LONG unused1, LONG unused2, LONG unused3, LONG unused4, LONG options,
-                          LONG unused5) override;
+    STDMETHODIMP DrawToDC(LONG hdc, LONG unused1, LONG unused2, LONG unused3, LONG unused4,
+                          LONG options, LONG unused5) override;
 
-private:
+  private:
     friend ComObject;
     ContentElementCom() = default;
     ~ContentElementCom() = default;
@@ -50,9 +50,11 @@ private:
     CZPdfContentElement core_;
 };
 
-// A counted reference to a content object as the core holds it: the shared pointer's deleter
-// releases the COM reference taken for it.
+// The element's content object as the core holds it: any IZPdfContentObject, this module's own
+// or a proxy of one living in another apartment, drawn through the interface. The reference
+// holds one COM reference to the interface. Null for null.
 ContentObjectRef RefFromInterface(IZPdfContentObject* object);
+// The interface behind a reference made by RefFromInterface (not counted), or null.
 IZPdfContentObject* InterfaceFromRef(const ContentObjectRef& ref);
 
 }  // namespace zpdf::com

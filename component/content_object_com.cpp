@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "component/gdi_device_context.h"
+#include "content_object/diagnostics.h"
 
 namespace zpdf::com {
 
@@ -11,12 +12,22 @@ const IID IID_ZPdfContentObjectImplementation = {
     0x5e0c2d8b, 0x3f41, 0x4b6a, {0x9e, 0x2c, 0x7a, 0x1d, 0x4f, 0x8b, 0x9c, 0x20}};
 
 namespace {
-constexpr char kForeign[] = "The source is not a content object of this component";
+
+// Whether `object` is a proxy: COM's proxies, and only they, answer IClientSecurity.
+bool IsProxy(IUnknown* object) {
+    IClientSecurity* security = nullptr;
+    if (FAILED(object->QueryInterface(IID_IClientSecurity, reinterpret_cast<void**>(&security))))
+        return false;
+    security->Release();
+    return true;
+}
+
 }  // namespace
 
 ContentObjectCom* ContentObjectCom::From(IZPdfContentObject* object) {
     void* self = nullptr;
-    if (object == nullptr || FAILED(object->QueryInterface(IID_ZPdfContentObjectImplementation, &self))) {
+    if (object == nullptr ||
+        FAILED(object->QueryInterface(IID_ZPdfContentObjectImplementation, &self))) {
         return nullptr;
     }
     auto* implementation = static_cast<ContentObjectCom*>(self);
@@ -24,11 +35,23 @@ ContentObjectCom* ContentObjectCom::From(IZPdfContentObject* object) {
     return implementation;
 }
 
-std::optional<CZPdfContentObject*> ContentObjectCom::Source(IZPdfContentObject* source) {
-    if (source == nullptr) return nullptr;
-    ContentObjectCom* implementation = From(source);
-    if (implementation == nullptr) return std::nullopt;
-    return &implementation->core_;
+Outcome ContentObjectCom::Source(IZPdfContentObject* source, CZPdfContentObject** core) {
+    *core = nullptr;
+    if (source == nullptr) return S_OK;
+    if (ContentObjectCom* implementation = From(source); implementation != nullptr) {
+        *core = &implementation->core_;
+        return S_OK;
+    }
+    // The source's document is read directly, on this thread. An object of another apartment
+    // works on its own thread only (apartment-threaded), so its document is not reached from
+    // here, even when the proxy leads to this module's own object in this process.
+    const char* why =
+        IsProxy(source)
+            ? "The source content object lives in another apartment; pass it on the thread "
+              "that created it"
+            : "The source is not a content object of this component";
+    ZPDF_LOG_ERROR(diagnostics::Pdf(), "Source object refused: %s", why);
+    return {E_INVALIDARG, why};
 }
 
 STDMETHODIMP ContentObjectCom::SetPdfDocument(BSTR PdfFile, VARIANT_BOOL Embed, BSTR Password) {
@@ -44,21 +67,26 @@ STDMETHODIMP ContentObjectCom::GetPdfDocument(BSTR* PdfFile) {
     });
 }
 
-STDMETHODIMP ContentObjectCom::get_PageCount(LONG* pVal) { return Call([&] { return core_.PageCount(Int32(pVal)); }); }
+STDMETHODIMP ContentObjectCom::get_PageCount(LONG* pVal) {
+    return Call([&] { return core_.PageCount(Int32(pVal)); });
+}
 
 STDMETHODIMP ContentObjectCom::GetPageSize(LONG PageNumber, DOUBLE* ptWidth, DOUBLE* ptHeight) {
     return Call([&] { return core_.GetPageSize(PageNumber, ptWidth, ptHeight); });
 }
 
-STDMETHODIMP ContentObjectCom::DrawPageToDC(hyper hdc, LONG PageNumber, LONG PageRectLeft, LONG PageRectTop,
-                                            LONG PageRectWidth, LONG PageRectHeight, LONG DrawRectLeft,
-                                            LONG DrawRectTop, LONG DrawRectWidth, LONG DrawRectHeight,
-                                            LONG Options) {
+STDMETHODIMP ContentObjectCom::DrawPageToDC(hyper hdc, LONG PageNumber, LONG PageRectLeft,
+                                            LONG PageRectTop, LONG PageRectWidth,
+                                            LONG PageRectHeight, LONG DrawRectLeft,
+                                            LONG DrawRectTop, LONG DrawRectWidth,
+                                            LONG DrawRectHeight, LONG Options) {
     return Call([&] {
         // The handle travels widened to 64 bits; its low half is the device context.
-        GdiDeviceContext dc(reinterpret_cast<HDC>(static_cast<UINT_PTR>(static_cast<ULONG>(hdc & 0xFFFFFFFF))));
-        return core_.DrawPageToDC(dc, PageNumber, PageRectLeft, PageRectTop, PageRectWidth, PageRectHeight,
-                                  DrawRectLeft, DrawRectTop, DrawRectWidth, DrawRectHeight, Options);
+        GdiDeviceContext dc(
+            reinterpret_cast<HDC>(static_cast<UINT_PTR>(static_cast<ULONG>(hdc & 0xFFFFFFFF))));
+        return core_.DrawPageToDC(dc, PageNumber, PageRectLeft, PageRectTop, PageRectWidth,
+                                  PageRectHeight, DrawRectLeft, DrawRectTop, DrawRectWidth,
+                                  DrawRectHeight, Options);
     });
 }
 
@@ -66,35 +94,43 @@ STDMETHODIMP ContentObjectCom::OverlayPrepare(BSTR SourcePdfFile) {
     return Call([&] { return core_.OverlayPrepare(FromBstr(SourcePdfFile)); });
 }
 
-STDMETHODIMP ContentObjectCom::OverlayPage(LONG SourcePage, LONG DestinationPage, LONG ptPosLeft, LONG ptPosTop,
-                                           LONG ptPosRight, LONG ptPosBottom) {
+STDMETHODIMP ContentObjectCom::OverlayPage(LONG SourcePage, LONG DestinationPage, LONG ptPosLeft,
+                                           LONG ptPosTop, LONG ptPosRight, LONG ptPosBottom) {
     return Call([&] {
-        return core_.OverlayPage(SourcePage, DestinationPage, ptPosLeft, ptPosTop, ptPosRight, ptPosBottom);
+        return core_.OverlayPage(SourcePage, DestinationPage, ptPosLeft, ptPosTop, ptPosRight,
+                                 ptPosBottom);
     });
 }
 
-STDMETHODIMP ContentObjectCom::OverlayFinish() { return Call([&] { return core_.OverlayFinish(); }); }
-
-STDMETHODIMP ContentObjectCom::Save() { return Call([&] { return core_.Save(); }); }
-
-STDMETHODIMP ContentObjectCom::SaveWithSecurity(BSTR UserPassword, BSTR OwnerPassword) {
-    return Call([&] { return core_.SaveWithSecurity(FromBstr(UserPassword), FromBstr(OwnerPassword)); });
+STDMETHODIMP ContentObjectCom::OverlayFinish() {
+    return Call([&] { return core_.OverlayFinish(); });
 }
 
-STDMETHODIMP ContentObjectCom::OverlayPage2(LONG SourcePage, LONG DestinationPage, LONG ptPosLeft, LONG ptPosTop,
-                                            LONG ptPosRight, LONG ptPosBottom, LONG nOptions) {
+STDMETHODIMP ContentObjectCom::Save() {
+    return Call([&] { return core_.Save(); });
+}
+
+STDMETHODIMP ContentObjectCom::SaveWithSecurity(BSTR UserPassword, BSTR OwnerPassword) {
+    return Call(
+        [&] { return core_.SaveWithSecurity(FromBstr(UserPassword), FromBstr(OwnerPassword)); });
+}
+
+STDMETHODIMP ContentObjectCom::OverlayPage2(LONG SourcePage, LONG DestinationPage, LONG ptPosLeft,
+                                            LONG ptPosTop, LONG ptPosRight, LONG ptPosBottom,
+                                            LONG nOptions) {
     return Call([&] {
-        return core_.OverlayPage2(SourcePage, DestinationPage, ptPosLeft, ptPosTop, ptPosRight, ptPosBottom, nOptions);
+        return core_.OverlayPage2(SourcePage, DestinationPage, ptPosLeft, ptPosTop, ptPosRight,
+                                  ptPosBottom, nOptions);
     });
 }
 
 STDMETHODIMP ContentObjectCom::ImportContent(IZPdfContentObject* srcObject, SAFEARRAY** pages) {
     return Call([&]() -> Outcome {
         if (pages != nullptr) *pages = nullptr;
-        const auto source = Source(srcObject);
-        if (!source) return {E_INVALIDARG, kForeign};
+        CZPdfContentObject* source = nullptr;
+        if (Outcome refused = Source(srcObject, &source); FAILED(refused.result)) return refused;
         std::vector<std::uint32_t> ids;
-        const HRESULT hr = core_.ImportContent(*source, pages != nullptr ? &ids : nullptr);
+        const HRESULT hr = core_.ImportContent(source, pages != nullptr ? &ids : nullptr);
         if (FAILED(hr)) return hr;
         SAFEARRAY* array = SafeArrayCreateVector(VT_UI4, 0, static_cast<ULONG>(ids.size()));
         if (array == nullptr) throw std::bad_alloc();
@@ -110,10 +146,12 @@ STDMETHODIMP ContentObjectCom::ImportContent(IZPdfContentObject* srcObject, SAFE
     });
 }
 
-STDMETHODIMP ContentObjectCom::PlaceContent(ULONG srcObjectId, LONG DestinationPage, FLOAT transX, FLOAT transY,
-                                            FLOAT scaleX, FLOAT scaleY, VARIANT_BOOL background) {
+STDMETHODIMP ContentObjectCom::PlaceContent(ULONG srcObjectId, LONG DestinationPage, FLOAT transX,
+                                            FLOAT transY, FLOAT scaleX, FLOAT scaleY,
+                                            VARIANT_BOOL background) {
     return Call([&] {
-        return core_.PlaceContent(srcObjectId, DestinationPage, transX, transY, scaleX, scaleY, background);
+        return core_.PlaceContent(srcObjectId, DestinationPage, transX, transY, scaleX, scaleY,
+                                  background);
     });
 }
 
@@ -143,26 +181,29 @@ STDMETHODIMP ContentObjectCom::SaveWithPubKeySecurity(SAFEARRAY* recipients) {
 
 STDMETHODIMP ContentObjectCom::AppendPages(IZPdfContentObject* srcObject) {
     return Call([&]() -> Outcome {
-        const auto source = Source(srcObject);
-        if (!source) return {E_INVALIDARG, kForeign};
-        return core_.AppendPages(*source);
+        CZPdfContentObject* source = nullptr;
+        if (Outcome refused = Source(srcObject, &source); FAILED(refused.result)) return refused;
+        return core_.AppendPages(source);
     });
 }
 
-STDMETHODIMP ContentObjectCom::ReplacePages(LONG destPage, IZPdfContentObject* srcObject, LONG srcStart,
-                                            LONG srcEnd) {
+STDMETHODIMP ContentObjectCom::ReplacePages(LONG destPage, IZPdfContentObject* srcObject,
+                                            LONG srcStart, LONG srcEnd) {
     return Call([&]() -> Outcome {
-        const auto source = Source(srcObject);
-        if (!source) return {E_INVALIDARG, kForeign};
-        return core_.ReplacePages(destPage, *source, srcStart, srcEnd);
+        CZPdfContentObject* source = nullptr;
+        if (Outcome refused = Source(srcObject, &source); FAILED(refused.result)) return refused;
+        return core_.ReplacePages(destPage, source, srcStart, srcEnd);
     });
 }
 
 STDMETHODIMP ContentObjectCom::SplitPdf(BSTR PdfFile, BSTR DestPrefix, LONG* Splitted) {
-    return Call([&] { return core_.SplitPdf(FromBstr(PdfFile), FromBstr(DestPrefix), Int32(Splitted)); });
+    return Call(
+        [&] { return core_.SplitPdf(FromBstr(PdfFile), FromBstr(DestPrefix), Int32(Splitted)); });
 }
 
-STDMETHODIMP ContentObjectCom::GetKind(LONG* kind) { return Call<IZObject>([&] { return GetKindCode(kind); }); }
+STDMETHODIMP ContentObjectCom::GetKind(LONG* kind) {
+    return Call<IZObject>([&] { return GetKindCode(kind); });
+}
 
 STDMETHODIMP ContentObjectCom::Reserved(INT_PTR, INT_PTR, INT_PTR) {
     return Call<IZObject>([]() -> Outcome { return {E_NOTIMPL, DescribeHResult(E_NOTIMPL)}; });

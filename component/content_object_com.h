@@ -2,8 +2,6 @@
 // arguments, calls the core once and reports the result.
 #pragma once
 
-#include <optional>
-
 #include "component/com_support.h"
 #include "content_object/content_object.h"
 
@@ -17,7 +15,7 @@ extern const IID IID_ZPdfContentObjectImplementation;
 class ContentObjectCom final
     : public ComObject<ContentObjectCom, IZPdfContentObject, UndescribedDispatch<IZObject>,
                        StreamPersistence<ContentObjectCom, ZPdfContentObject>> {
-public:
+  public:
     // The implementation behind `object`, or null when it is not one of ours. The caller's
     // reference to `object` keeps it alive.
     static ContentObjectCom* From(IZPdfContentObject* object);
@@ -38,8 +36,9 @@ public:
     STDMETHODIMP get_PageCount(LONG* pVal) override;
     STDMETHODIMP GetPageSize(LONG PageNumber, DOUBLE* ptWidth, DOUBLE* ptHeight) override;
     STDMETHODIMP DrawPageToDC(hyper hdc, LONG PageNumber, LONG PageRectLeft, LONG PageRectTop,
-                              LONG PageRectWidth, LONG PageRectHeight, LONG DrawRectLeft, LONG DrawRectTop,
-                              LONG DrawRectWidth, LONG DrawRectHeight, LONG Options) override;
+                              LONG PageRectWidth, LONG PageRectHeight, LONG DrawRectLeft,
+                              LONG DrawRectTop, LONG DrawRectWidth, LONG DrawRectHeight,
+                              LONG Options) override;
     STDMETHODIMP OverlayPrepare(BSTR SourcePdfFile) override;
     STDMETHODIMP OverlayPage(LONG SourcePage, LONG DestinationPage, LONG ptPosLeft, LONG ptPosTop,
                              LONG ptPosRight, LONG ptPosBottom) override;
@@ -53,7 +52,8 @@ public:
                               FLOAT scaleX, FLOAT scaleY, VARIANT_BOOL background) override;
     STDMETHODIMP SaveWithPubKeySecurity(SAFEARRAY* recipients) override;
     STDMETHODIMP AppendPages(IZPdfContentObject* srcObject) override;
-    STDMETHODIMP ReplacePages(LONG destPage, IZPdfContentObject* srcObject, LONG srcStart, LONG srcEnd) override;
+    STDMETHODIMP ReplacePages(LONG destPage, IZPdfContentObject* srcObject, LONG srcStart,
+                              LONG srcEnd) override;
     STDMETHODIMP SplitPdf(BSTR PdfFile, BSTR DestPrefix, LONG* Splitted) override;
 
     // IZObject
@@ -63,13 +63,14 @@ public:
     // IPersistStreamInit's Save, which IZPdfContentObject's hides.
     using StreamPersistence::Save;
 
-private:
+  private:
     friend ComObject;
     ContentObjectCom() = default;
     ~ContentObjectCom() = default;
 
-    // The core behind a source argument (null for null); nothing for a foreign object.
-    static std::optional<CZPdfContentObject*> Source(IZPdfContentObject* source);
+    // The core behind a source argument in `*core` (null for null); E_INVALIDARG, with the
+    // reason logged and described, for an object whose document this thread cannot read.
+    static Outcome Source(IZPdfContentObject* source, CZPdfContentObject** core);
 
     CZPdfContentObject core_;
 };

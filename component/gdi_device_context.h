@@ -8,8 +8,9 @@
 namespace zpdf::com {
 
 class GdiDeviceContext final : public DeviceContext {
-public:
+  public:
     explicit GdiDeviceContext(HDC dc) : dc_(dc) {}
+    HDC Handle() const { return dc_; }
 
     bool LogicalToDevice(DevicePoint* points, int count) override;
     int SaveState() override;
@@ -19,7 +20,7 @@ public:
     bool DrawBgra(std::int32_t x, std::int32_t y, int width, int height, const std::uint8_t* pixels,
                   std::ptrdiff_t stride) override;
 
-private:
+  private:
     bool CanBlendAlpha();
     HDC dc_;
 };

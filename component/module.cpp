@@ -1,26 +1,29 @@
 // The module: process start and stop of the PDF engine, the four exports, the class factory,
-// and registration of the classes and the type library. Calls across apartments are
-// marshalled from the type library: the interfaces are dual and ole-automation compatible.
-#include <windows.h>
+// and registration of the classes, the type library and the module's own proxy/stub, which
+// marshals the component's interfaces for calls across apartments.
 #include <objbase.h>
+#include <windows.h>
 
 #include <string>
 
 #include "component/com_support.h"
 #include "component/content_element_com.h"
 #include "component/content_object_com.h"
+#include "component/proxy_stub.h"
 #include "engine/engine.h"
 #include "platform/module_path.h"
 
 namespace zpdf::com {
 namespace {
 
-using Creator = HRESULT (*)(REFIID, void**);
+using Creator = HRESULT (*)(IUnknown*, REFIID, void**);
+
+HMODULE g_module = nullptr;
 
 // One per class, for the module's lifetime: handing it out locks the module, releasing it
 // unlocks it again.
 class ClassFactory final : public IClassFactory {
-public:
+  public:
     explicit ClassFactory(Creator create) : create_(create) {}
     STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
         if (object == nullptr) return E_POINTER;
@@ -35,15 +38,14 @@ public:
     STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** object) override {
         if (object == nullptr) return E_POINTER;
         *object = nullptr;
-        if (outer != nullptr) return CLASS_E_NOAGGREGATION;
-        return Guard(IID_IClassFactory, [&] { return create_(iid, object); });
+        return Guard(IID_IClassFactory, [&] { return create_(outer, iid, object); });
     }
     STDMETHODIMP LockServer(BOOL lock) override {
         g_locks += lock ? 1 : -1;
         return S_OK;
     }
 
-private:
+  private:
     Creator create_;
 };
 
@@ -73,7 +75,8 @@ std::wstring GuidText(REFGUID guid) {
 HRESULT WriteKey(const std::wstring& path, const wchar_t* value, const wchar_t* name = nullptr,
                  const wchar_t* named_value = nullptr) {
     HKEY key = nullptr;
-    LONG rc = RegCreateKeyExW(HKEY_CLASSES_ROOT, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &key, nullptr);
+    LONG rc = RegCreateKeyExW(HKEY_CLASSES_ROOT, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr,
+                              &key, nullptr);
     if (rc != ERROR_SUCCESS) return HRESULT_FROM_WIN32(rc);
     if (value != nullptr) {
         rc = RegSetValueExW(key, nullptr, 0, REG_SZ, reinterpret_cast<const BYTE*>(value),
@@ -98,7 +101,8 @@ HRESULT RemoveTree(const std::wstring& path) {
 
 HRESULT RegisterAppId() {
     HRESULT hr = WriteKey(std::wstring(L"AppID\\") + kAppId, kAppName);
-    if (SUCCEEDED(hr)) hr = WriteKey(std::wstring(L"AppID\\") + kModuleFileName, nullptr, L"AppID", kAppId);
+    if (SUCCEEDED(hr))
+        hr = WriteKey(std::wstring(L"AppID\\") + kModuleFileName, nullptr, L"AppID", kAppId);
     return hr;
 }
 
@@ -129,7 +133,8 @@ HRESULT RegisterClass(const ClassEntry& entry, const std::wstring& module) {
     };
     for (const auto& k : keys) {
         const wchar_t* value = k.path == key + L"\\Programmable" ? nullptr : k.value.c_str();
-        if (const HRESULT hr = WriteKey(k.path, value, k.name, k.named_value); FAILED(hr)) return hr;
+        if (const HRESULT hr = WriteKey(k.path, value, k.name, k.named_value); FAILED(hr))
+            return hr;
     }
     return S_OK;
 }
@@ -142,14 +147,17 @@ HRESULT UnregisterClass(const ClassEntry& entry) {
     return hr;
 }
 
-SYSKIND TypeLibraryKind() { return sizeof(void*) == 8 ? SYS_WIN64 : SYS_WIN32; }
+SYSKIND TypeLibraryKind() {
+    return sizeof(void*) == 8 ? SYS_WIN64 : SYS_WIN32;
+}
 
 HRESULT RegisterTypeLibrary(const std::wstring& module) {
     ITypeLib* library = nullptr;
     HRESULT hr = LoadTypeLibEx(module.c_str(), REGKIND_NONE, &library);
     if (FAILED(hr)) return hr;
     std::wstring folder = module.substr(0, module.find_last_of(L"\\/") + 1);
-    hr = RegisterTypeLib(library, const_cast<LPOLESTR>(module.c_str()), const_cast<LPOLESTR>(folder.c_str()));
+    hr = RegisterTypeLib(library, const_cast<LPOLESTR>(module.c_str()),
+                         const_cast<LPOLESTR>(folder.c_str()));
     library->Release();
     return hr;
 }
@@ -159,8 +167,9 @@ HRESULT RegisterTypeLibrary(const std::wstring& module) {
 
 using namespace zpdf::com;
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved) {
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
     if (reason == DLL_PROCESS_ATTACH) {
+        g_module = instance;
         zpdf::engine::StartProcessEngine();
     } else if (reason == DLL_PROCESS_DETACH && reserved == nullptr) {
         // Unloaded while the process goes on: give the engine's memory back. At process exit
@@ -173,6 +182,13 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved) {
 STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* object) {
     if (object == nullptr) return E_POINTER;
     *object = nullptr;
+    // The proxy/stub is offered the request first; any other class is one of the component's.
+    if (const HRESULT hr =
+            Guard(IID_NULL, [&] { return ZPdfProxyStubGetClassObject(clsid, iid, object); });
+        SUCCEEDED(hr)) {
+        return hr;
+    }
+    *object = nullptr;
     for (ClassEntry& entry : g_classes) {
         if (clsid == entry.clsid) return entry.factory.QueryInterface(iid, object);
     }
@@ -180,6 +196,7 @@ STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, LPVOID* object) {
 }
 
 STDAPI DllCanUnloadNow() {
+    if (ZPdfProxyStubCanUnloadNow() != S_OK) return S_FALSE;
     return g_objects.load() == 0 && g_locks.load() == 0 ? S_OK : S_FALSE;
 }
 
@@ -197,7 +214,10 @@ STDAPI DllRegisterServer() {
         return hr;
     });
     SetThreadLocale(caller_locale);
-    return result;
+    if (FAILED(result)) return result;
+    // The interfaces' ProxyStubClsid32, which the type library's registration set to the
+    // automation marshaler, now name this module's own proxy/stub.
+    return Guard(IID_NULL, [] { return ZPdfProxyStubRegister(g_module); });
 }
 
 STDAPI DllUnregisterServer() {
@@ -209,9 +229,14 @@ STDAPI DllUnregisterServer() {
         if (SUCCEEDED(hr)) {
             RemoveTree(std::wstring(L"AppID\\") + kAppId);
             RemoveTree(std::wstring(L"AppID\\") + kModuleFileName);
-            const HRESULT unregistered = UnRegisterTypeLib(LIBID_ZPdfCntObjLib, 1, 0, 0, TypeLibraryKind());
+            const HRESULT unregistered =
+                UnRegisterTypeLib(LIBID_ZPdfCntObjLib, 1, 0, 0, TypeLibraryKind());
             if (FAILED(unregistered) && unregistered != TYPE_E_REGISTRYACCESS) hr = unregistered;
         }
+        // The proxy/stub is registered once more and then removed: whatever was left of it,
+        // complete or not, goes, and the removal's result is the answer.
+        if (SUCCEEDED(hr)) hr = ZPdfProxyStubRegister(g_module);
+        if (SUCCEEDED(hr)) hr = ZPdfProxyStubUnregister(g_module);
         return hr;
     });
 }

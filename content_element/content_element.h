@@ -14,10 +14,10 @@
 
 namespace zpdf {
 
-// The element's counted reference to its content object. Natively an ordinary shared pointer;
-// a host with its own reference counting hands over a shared pointer whose deleter releases
-// the reference the host took.
-using ContentObjectRef = std::shared_ptr<CZPdfContentObject>;
+// The element's counted reference to its content object, of which it only draws pages.
+// Natively an ordinary shared pointer to a CZPdfContentObject; a host with its own reference
+// counting hands over a shared pointer to its own PageDrawing, which holds the host's reference.
+using ContentObjectRef = std::shared_ptr<PageDrawing>;
 
 // One of the host's object collections: the host registers the objects of a job under
 // identifiers, which is how an element finds its content object again after loading.

@@ -15,6 +15,7 @@
 #include "content_object/page_range.h"
 #include "engine/engine.h"
 #include "engine/page_operations.h"
+#include "platform/alloc_fault.h"
 #include "platform/files.h"
 
 namespace zpdf {
@@ -123,12 +124,15 @@ HResult CZPdfContentObject::ImportContent(CZPdfContentObject* srcObject,
         if (count == 0) return Fail(hr::kUnexpected, "The source document has no pages");
         engine::Document& doc = EngineDocument();
         const int base = doc.PageCount();
+        // The result's array is made before the document changes: running out of memory for
+        // it leaves the document as it was.
+        AllocationPoint();
+        std::vector<std::uint32_t> ids(static_cast<std::size_t>(count), 0);
         engine::ImportPages(doc, srcObject->EngineDocument(), nullptr, base);
         const int total = doc.PageCount();
         if (total != base + count)
             return Fail(hr::kUnexpected, "The import added an unexpected number of pages");
 
-        std::vector<std::uint32_t> ids(static_cast<std::size_t>(count), 0);
         try {
             for (int i = 0; base + i < total; ++i) {
                 ids[static_cast<std::size_t>(i)] =

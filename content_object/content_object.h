@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "content_object/page_drawing.h"
 #include "platform/byte_stream.h"
 #include "platform/device_context.h"
 #include "platform/files.h"
@@ -34,10 +35,10 @@ std::optional<std::string> PlacementValueProblem(float transX, float transY, flo
 // The texts of the load error codes, as written in the load diagnostics.
 std::string LoadErrorText(long code);
 
-class CZPdfContentObject {
+class CZPdfContentObject final : public PageDrawing {
   public:
     CZPdfContentObject();
-    ~CZPdfContentObject();
+    ~CZPdfContentObject() override;
     CZPdfContentObject(const CZPdfContentObject&) = delete;
     CZPdfContentObject& operator=(const CZPdfContentObject&) = delete;
 
@@ -63,7 +64,7 @@ class CZPdfContentObject {
                          std::int32_t PageRectTop, std::int32_t PageRectWidth,
                          std::int32_t PageRectHeight, std::int32_t DrawRectLeft,
                          std::int32_t DrawRectTop, std::int32_t DrawRectWidth,
-                         std::int32_t DrawRectHeight, std::int32_t Options);
+                         std::int32_t DrawRectHeight, std::int32_t Options) override;
 
     // Writes the open document over its file through a side file.
     HResult Save();

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/alloc_fault.h"
+
 namespace zpdf::record {
 namespace {
 
@@ -144,6 +146,7 @@ HResult ReadStringRecord(ByteStream& stream, OptionalText* text) {
 
     std::vector<std::uint8_t> bytes;
     try {
+        AllocationPoint();
         bytes.resize(count);
     } catch (const std::bad_alloc&) {
         return fail(hr::kOutOfMemory);

@@ -183,12 +183,16 @@ bool CPDF_PubKeySecurityHandler::SetFileKeyFromSeed(const unsigned char (&seed)[
     return made;
 }
 
-void SaveWithRecipients(Document& doc, ByteSink& sink, const std::vector<std::string>& recipients) {
+namespace {
+
+// The save for recipients; `require_encrypted` keeps the component's refusal of plain files.
+void WriteForRecipients(Document& doc, ByteSink& sink, const std::vector<std::string>& recipients,
+                        bool require_encrypted) {
     Document::Impl& impl = doc.Internals();
     if (impl.doc == nullptr) throw SecuredSaveError("No document is open");
     PlaceObjectsBeforeChanges(impl);
     if (recipients.empty()) throw SecuredSaveError("No recipient was given");
-    if (!ReadSourceSecurity(impl.ctx, impl.doc).encrypted) {
+    if (require_encrypted && !ReadSourceSecurity(impl.ctx, impl.doc).encrypted) {
         throw SecuredSaveError(kNotEncryptedText);
     }
     const CertificateStack certificates = ReadRecipientCertificates(recipients);
@@ -220,6 +224,16 @@ void SaveWithRecipients(Document& doc, ByteSink& sink, const std::vector<std::st
     }
     const std::unique_ptr<ObjectEncryption> encryption = NewAes256Encryption(key);
     WriteEncryptedDocument(impl, dict.get(), *encryption, sink);
+}
+
+}  // namespace
+
+void SaveWithRecipients(Document& doc, ByteSink& sink, const std::vector<std::string>& recipients) {
+    WriteForRecipients(doc, sink, recipients, true);
+}
+
+void SaveForRecipients(Document& doc, ByteSink& sink, const std::vector<std::string>& recipients) {
+    WriteForRecipients(doc, sink, recipients, false);
 }
 
 }  // namespace zpdf::engine

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "engine/security/recipient_check.h"
+
 namespace zpdf::engine {
 
 struct CertificateStackFree {
@@ -14,8 +16,10 @@ struct CertificateStackFree {
 };
 using CertificateStack = std::unique_ptr<STACK_OF(X509), CertificateStackFree>;
 
-// The first PEM certificate ("CERTIFICATE" or "TRUSTED CERTIFICATE") of each text, in order.
-// Throws SecuredSaveError naming the first text (counted from 1) that holds none.
+// Every PEM certificate ("CERTIFICATE" or "TRUSTED CERTIFICATE") of each text, in order: a
+// bundle gives as many recipients as it holds certificates. Only RSA keys can receive the file
+// key through the envelope. Throws RecipientCertificateError for the first text that holds no
+// certificate, or a certificate with another kind of key.
 CertificateStack ReadRecipientCertificates(const std::vector<std::string>& recipients);
 
 }  // namespace zpdf::engine

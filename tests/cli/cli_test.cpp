@@ -31,7 +31,7 @@ bool Contains(const std::string& text, const std::string& part) {
 TEST(Cli, HelpExplainsEveryCommand) {
     const std::string overview = Ok("--help");
     for (const std::string command : {"info", "render", "demo", "stamp", "append", "replace",
-                                      "split", "protect", "protect-pubkey"}) {
+                                      "split", "protect", "protect-pubkey", "decrypt"}) {
         EXPECT_TRUE(Contains(overview, "  " + command + " ")) << command;
         EXPECT_TRUE(Contains(Ok(command + " --help"), "Usage: zpdf " + command + " ")) << command;
     }
@@ -69,12 +69,13 @@ TEST(Cli, FailuresSayWhy) {
         {"render " + text + " 1 " + png + " --dpi 0", 2, "--dpi"},
         {"split " + Quote(dir / "missing.pdf") + " " + Quote(dir / "m"), 1, "(0x80070002)"},
         {"split " + text, 2, "expected FILE PREFIX"},
-        {"protect " + text + " --user new" + out, 1, "not encrypted"},
-        {"protect " + text + " --user new", 1, "not encrypted"},
+        {"protect " + text + " --user new" + out, 2, "the owner password is empty"},
+        {"protect " + text + " --user new --empty-owner --deny everything", 2,
+         "--deny: unknown permission in everything"},
         {"protect " + locked + " --user", 2, "--user needs a value"},
         {"protect-pubkey " + locked + " --password user" + out, 2, "at least one CERT.pem"},
         {"protect-pubkey " + locked + " " + text + " --password user" + out, 1,
-         "Recipient 1 holds no PEM certificate (0x80004005)"},
+         "text.pdf: holds no PEM certificate (0x80004005)"},
         {"protect-pubkey " + locked + " " + Quote(dir / "none.pem") + " --password user" + out, 1,
          "cannot read the certificate file"},
         {"replace " + text + " 1 " + text + " 2 2" + out, 1, "no pages 2-2 (0x8000FFFF)"},
@@ -210,7 +211,7 @@ TEST(Cli, ProtectCommands) {
     Ok("protect-pubkey " + source + " " + Quote(cert) + out);
     EXPECT_TRUE(Contains(test::ReadBytes(dir / "out.pdf"), "/Filter /Adobe.PubSec"));
     EXPECT_EQ(test::ReadBytes(locked), locked_bytes) << "the source is never touched with -o";
-    Ok("protect " + source + " --user again 2>/dev/null");
+    Ok("protect " + source + " --user again --empty-owner 2>/dev/null");
     EXPECT_TRUE(test::FilesStartingWith(dir, "locked.pdf.").empty());
     EXPECT_EQ(test::Run("qpdf --check --password=again " + Quote(locked)).exit_code, 0);
 }

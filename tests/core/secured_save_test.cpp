@@ -208,7 +208,7 @@ TEST(SecuredSaveTest, RefusalsLeaveTheFileAsItWas) {
         {kEncrypted, to({u"to whom it may concern"}), hr::kFail, "Recipient 1"},
         {kEncrypted, to({good, u"\x01\x02\xff garbage"}), hr::kFail, "Recipient 2"},
         {kEncrypted, to({good, std::nullopt}), hr::kFail, "Recipient 2"},
-        {kEncrypted, to({curve}), hr::kFail, "envelope"},  // a key that cannot receive it
+        {kEncrypted, to({curve}), hr::kFail, "Recipient 1 has an EC key"},
         {kEncrypted, to({}), hr::kInvalidArg, "empty"},
         {kEncrypted, [](Obj& o) { return o.SaveWithPubKeySecurity(nullptr); }, hr::kInvalidArg,
          "No recipient list"},

@@ -7,12 +7,26 @@
 // Prints "key: value" lines, the fixed entries of the dictionary first, then "text:" and the
 // extracted text. Exit status 0 when the document opened, 3 when PDFBox refused it (the reason
 // follows "error:").
+//
+//   java PubKeyProbe --encrypt IN.pdf OUT.pdf BITS CERT.pem...
+//
+// Has PDFBox secure IN.pdf for the holders of the certificates with a key of BITS bits (40 and
+// 128: RC4, 128-aes: AES-128, 256: AES-256) and write OUT.pdf: files of another writer for zpdf to
+// open. Exit status 0 when written, 3 when PDFBox refused (the reason follows "error:").
+//
+//   java PubKeyProbe --password FILE.pdf PASSWORD
+//
+// Opens a password-secured FILE.pdf with PDFBox and prints its revision, its P and its text;
+// exit status 3 when PDFBox refused it.
 import java.io.*;
 import java.security.*;
 import java.security.cert.*;
 import java.security.cert.Certificate;
 import org.apache.pdfbox.cos.*;
 import org.apache.pdfbox.pdmodel.PDDocument;
+import org.apache.pdfbox.pdmodel.encryption.AccessPermission;
+import org.apache.pdfbox.pdmodel.encryption.PublicKeyProtectionPolicy;
+import org.apache.pdfbox.pdmodel.encryption.PublicKeyRecipient;
 import org.apache.pdfbox.text.PDFTextStripper;
 import org.bouncycastle.asn1.pkcs.PrivateKeyInfo;
 import org.bouncycastle.asn1.x500.X500Name;
@@ -30,7 +44,52 @@ public final class PubKeyProbe {
         return value instanceof COSName ? ((COSName) value).getName() : value.toString();
     }
 
+    private static X509Certificate readCertificate(String name) throws Exception {
+        try (FileInputStream in = new FileInputStream(name)) {
+            return (X509Certificate) CertificateFactory.getInstance("X.509").generateCertificate(in);
+        }
+    }
+
+    private static void encrypt(String[] args) {
+        try (PDDocument document = PDDocument.load(new File(args[1]))) {
+            PublicKeyProtectionPolicy policy = new PublicKeyProtectionPolicy();
+            for (int i = 4; i < args.length; ++i) {
+                PublicKeyRecipient recipient = new PublicKeyRecipient();
+                recipient.setPermission(new AccessPermission());
+                recipient.setX509(readCertificate(args[i]));
+                policy.addRecipient(recipient);
+            }
+            policy.setPreferAES(args[3].endsWith("-aes"));
+            policy.setEncryptionKeyLength(Integer.parseInt(args[3].replace("-aes", "")));
+            document.protect(policy);
+            document.save(args[2]);
+        } catch (Exception e) {
+            System.out.println("error: " + e);
+            System.exit(3);
+        }
+    }
+
+    private static void openWithPassword(String[] args) {
+        try (PDDocument document = PDDocument.load(new File(args[1]), args[2])) {
+            System.out.println("R: " + document.getEncryption().getRevision());
+            System.out.println("P: " + document.getEncryption().getPermissions());
+            System.out.println("text:");
+            System.out.print(new PDFTextStripper().getText(document));
+        } catch (Exception e) {
+            System.out.println("error: " + e);
+            System.exit(3);
+        }
+    }
+
     public static void main(String[] args) throws Exception {
+        if (args.length == 3 && args[0].equals("--password")) {
+            openWithPassword(args);
+            return;
+        }
+        if (args.length >= 5 && args[0].equals("--encrypt")) {
+            encrypt(args);
+            return;
+        }
         X509Certificate certificate;
         try (FileInputStream in = new FileInputStream(args[1])) {
             certificate = (X509Certificate) CertificateFactory.getInstance("X.509")

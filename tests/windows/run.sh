@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs the real ZPdfCntObj.dll under wine64: registration and every registry key it writes, the
-# C++ client (com_client.cpp), the typical job in VBScript through cscript (job.vbs), and
-# unregistration. Prints one line per check and a closing "N passed, N failed"; exits non-zero
-# when anything failed.
+# C++ clients (com_client.cpp; com_hosts.cpp: aggregation, other apartments, allocation failures),
+# the typical job in VBScript through cscript (job.vbs), and unregistration, which leaves the
+# registry exactly as it was before registration. Prints one line per check and a closing
+# "N passed, N failed"; exits non-zero when anything failed.
 #   tests/windows/run.sh BUILD_DIR     (a cross build with the x86_64 toolchain)
 set -uo pipefail
 
@@ -59,14 +60,37 @@ gs_pdf() {  # gs_pdf OUT POSTSCRIPT
 }
 gs_pdf doc.pdf "0 setgray 50 100 50 50 rectfill showpage 20 250 moveto (second page) show showpage"
 cp "$work/doc.pdf" "$work/job.pdf"
+cp "$work/doc.pdf" "$work/hosts.pdf"
 gs_pdf letterhead.pdf "20 280 moveto (LETTERHEAD) show showpage"
 gs_pdf appendix.pdf "20 250 moveto (appendix) show showpage"
 gs_pdf marked.pdf "20 250 moveto (one @@nd@@) show showpage 20 250 moveto (two) show showpage 20 250 moveto (three) show showpage"
-cp "$build/component/ZPdfCntObj.dll" "$build/component/com_client.exe" "$here/job.vbs" "$work/"
+cp "$build/component/ZPdfCntObj.dll" "$build/component/com_client.exe" "$build/component/com_hosts.exe" \
+    "$here/job.vbs" "$work/"
 dll=$(winpath "$work/ZPdfCntObj.dll")
+
+# registry FILE: the whole registry as regedit exports it, as UTF-8, without the hardware map,
+# which the system rebuilds at each start and which is not the registry of software.
+registry() {
+    "$wine" regedit /E "$(winpath "$work/export.reg")" >/dev/null 2>&1 &&
+        iconv -f UTF-16LE -t UTF-8 "$work/export.reg" | tr -d '\r' |
+        awk '/^\[/ { skip = index(tolower($0), "[hkey_local_machine\\hardware") == 1 } !skip' >"$1"
+}
+# same_registry: the registry now is the one exported before registration.
+same_registry() {
+    registry "$work/after.txt" || { echo "regedit /E failed" >&2; return 1; }
+    diff "$work/before.txt" "$work/after.txt" >&2
+}
 
 "$wine" wineboot -i >/dev/null 2>&1
 "$wineserver" -w >/dev/null 2>&1
+# Registration and unregistration alone, nothing between them: what the one writes, the other
+# removes, and nothing else changes.
+check "regedit exports the registry before registration" registry "$work/before.txt"
+check "regsvr32 registers the server (round trip)" "$wine" regsvr32 /s "$dll"
+check "regsvr32 /u unregisters the server (round trip)" "$wine" regsvr32 /s /u "$dll"
+check "the registry after unregistration is the one before registration" same_registry
+"$wineserver" -w >/dev/null 2>&1
+
 check "regsvr32 registers the server" "$wine" regsvr32 /s "$dll"
 "$wineserver" -w >/dev/null 2>&1
 appid='{E42F1C69-DA91-4556-BA8A-499D34B15467}'
@@ -94,12 +118,21 @@ $c\\InprocServer32|@|$dll
 $c\\InprocServer32|ThreadingModel|Apartment
 $c\\TypeLib|@|$libid"
 done
+# The module's own proxy/stub, for both of the component's interfaces.
+proxy='{956B0C6B-649F-4FE1-8579-4FDF0FDB4629}'
+keys+="
+CLSID\\$proxy\\InprocServer32|@|$dll
+Interface\\$proxy\\ProxyStubClsid32|@|$proxy
+Interface\\{3C5FBE1E-8209-4059-B613-1898172A5064}\\ProxyStubClsid32|@|$proxy"
 while IFS='|' read -r key name value; do
     check "HKCR\\$key${name:+ $name = $value}" reg_has "$key" ${name:+"$name" "$value"}
 done <<<"$keys"
 
 counted "the C++ client" "$wine" com_client.exe "$(winpath "$work/doc.pdf")" "$(winpath "$work/letterhead.pdf")"
 check "the client placed the letterhead on page 2" grep -q LETTERHEAD <(pdftotext -f 2 -l 2 "$work/doc.pdf" -)
+counted "the hosts' client" "$wine" com_hosts.exe "$(winpath "$work/hosts.pdf")" "$(winpath "$work/letterhead.pdf")"
+check "the aggregated job saved three pages, the letterhead on page 2" \
+    test "$(pages hosts.pdf) $(pdftotext -f 2 -l 2 "$work/hosts.pdf" - | grep -c LETTERHEAD)" = "3 1"
 counted "the VBScript job" "$wine" cscript //nologo job.vbs "$(winpath "$work/job.pdf")" \
     "$(winpath "$work/letterhead.pdf")" "$(winpath "$work/appendix.pdf")" "$(winpath "$work/marked.pdf")" \
     "$(winpath "$work/part")"

@@ -101,6 +101,18 @@ for doc in text1000 plain1000; do
     row "open+save $doc" "$ours" "qpdf in.pdf out.pdf" "$(median "qpdf $in $work/qpdf-out.pdf")"
 done
 
+# Page facts of long documents: zpdf info (version, encryption, every page's size, rotation and
+# boxes) against poppler's pdfinfo listing every page, in time and in peak memory (KB).
+for pages in 3000 30000; do
+    "$bench" make-text "$work/info$pages.pdf" "$pages"
+    info_ours="$zpdf info $work/info$pages.pdf"
+    info_peer="pdfinfo -l $pages $work/info$pages.pdf"
+    row "info $pages pages" "$(median "$info_ours")" "pdfinfo -l $pages" "$(median "$info_peer")"
+    row "info $pages pages, peak RSS KB" "$(median_rss "$info_ours")" "pdfinfo -l $pages, peak RSS KB" \
+        "$(median_rss "$info_peer")"
+done
+rm -f "$work"/info*.pdf
+
 # Stamping a one-page letterhead beneath every page, and appending one document to another.
 gs -q -dNOPAUSE -dBATCH -dSAFER -sDEVICE=pdfwrite -sPAPERSIZE=a4 -o "$work/lh.pdf" \
     -c "0.8 setgray 0 792 595 50 rectfill 0 setgray /Helvetica-Bold findfont 20 scalefont setfont 40 810 moveto (Letterhead) show showpage"

@@ -1,14 +1,57 @@
 #include "cli/command.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
+#include "cli/streams.h"
+#include "content_object/diagnostics.h"
+
 namespace zpdf::cli {
+namespace {
+
+Verbosity verbosity = Verbosity::kNormal;
+bool json_errors = false;
+
+void PrintJsonError(const std::string& message, const std::string& code, int exit_code) {
+    std::printf("{\"error\": %s, \"code\": %s, \"exit\": %d}\n", JsonString(message).c_str(),
+                JsonString(code).c_str(), exit_code);
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+void SetVerbosity(Verbosity value) {
+    verbosity = value;
+    diagnostics::ShowLoadMessages(value == Verbosity::kVerbose);
+}
+
+Verbosity CurrentVerbosity() {
+    return verbosity;
+}
+
+void SetJsonErrors(bool json) {
+    json_errors = json;
+}
+
+void Say(const char* format, ...) {
+    if (verbosity == Verbosity::kQuiet) return;
+    va_list args;
+    va_start(args, format);
+    // Where standard output carries a document, the messages go to standard error.
+    std::vfprintf(StandardOutputTaken() ? stderr : stdout, format, args);
+    va_end(args);
+}
 
 bool Arguments::Parse(const std::vector<std::string>& args) {
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
+        // The verbosity options are understood by every command, wherever they stand.
+        if (arg == "-q" || arg == "--quiet" || arg == "-v" || arg == "--verbose") {
+            SetVerbosity(arg == "-q" || arg == "--quiet" ? Verbosity::kQuiet : Verbosity::kVerbose);
+            continue;
+        }
         const bool short_option = valued_.count(arg) != 0 || flags_.count(arg) != 0;
         if (short_option || (arg.size() > 2 && arg.compare(0, 2, "--") == 0)) {
             std::string name = arg;
@@ -46,6 +89,10 @@ std::optional<std::string> Arguments::Value(const std::string& name) const {
 }
 
 int UsageError(const Command& command, const std::string& message) {
+    if (json_errors) {
+        PrintJsonError(message, FormatHResult(hr::kInvalidArg), kExitUsage);
+        return kExitUsage;
+    }
     std::fprintf(stderr, "zpdf %s: %s\nTry 'zpdf %s --help'.\n", command.name, message.c_str(),
                  command.name);
     return kExitUsage;
@@ -53,6 +100,10 @@ int UsageError(const Command& command, const std::string& message) {
 
 int Failure(const Command& command, const std::string& what, const std::string& reason,
             HResult result) {
+    if (json_errors) {
+        PrintJsonError(what + ": " + reason, FormatHResult(result), kExitFailed);
+        return kExitFailed;
+    }
     std::fprintf(stderr, "zpdf %s: %s: %s (%s)\n", command.name, what.c_str(), reason.c_str(),
                  FormatHResult(result).c_str());
     return kExitFailed;

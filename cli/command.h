@@ -13,6 +13,21 @@ namespace zpdf::cli {
 
 enum ExitCode { kExitOk = 0, kExitFailed = 1, kExitUsage = 2 };
 
+// How much zpdf says besides its results and failures: -q drops progress lines and the
+// confirmation of a changing command; -v adds the component's load messages on standard error.
+enum class Verbosity { kQuiet, kNormal, kVerbose };
+void SetVerbosity(Verbosity verbosity);
+Verbosity CurrentVerbosity();
+// Under --json, failures and usage errors are one JSON object on standard output instead of a
+// line on standard error: {"error": "...", "code": "0x...", "exit": N}.
+void SetJsonErrors(bool json);
+// printf to standard output unless zpdf is quiet.
+void Say(const char* format, ...)
+#if defined(__GNUC__)
+    __attribute__((format(printf, 1, 2)))
+#endif
+    ;
+
 struct Command {
     const char* name;
     const char* summary;  // one line for the command list
@@ -42,9 +57,11 @@ class Arguments {
     std::string error_;
 };
 
-// "zpdf NAME: message" on standard error; returns kExitUsage.
+// "zpdf NAME: message" on standard error (JSON on standard output under --json); returns
+// kExitUsage.
 int UsageError(const Command& command, const std::string& message);
-// "zpdf NAME: what: reason (0x...)" on standard error; returns kExitFailed.
+// "zpdf NAME: what: reason (0x...)" on standard error (JSON on standard output under --json);
+// returns kExitFailed.
 int Failure(const Command& command, const std::string& what, const std::string& reason,
             HResult result);
 

@@ -15,8 +15,20 @@ namespace zpdf::cli {
 
 int EditSession::Begin(const std::string& file, const std::optional<std::string>& output,
                        const std::optional<std::string>& password) {
-    const std::filesystem::path source = ToPath(FromAnsi(file));
+    std::filesystem::path source = ToPath(FromAnsi(file));
+    if (IsStandardStream(file)) {
+        if (!output) return UsageError(command_, "reading FILE from standard input needs -o OUT");
+        if (const int error = input_.ReadStandardInput())
+            return Failure(command_, "standard input", "cannot read it", hr::FromWin32(error));
+        source = input_.Path();
+    }
     destination_ = output ? ToPath(FromAnsi(*output)) : source;
+    if (output && IsStandardStream(*output)) {
+        if (const int error = output_.ForStandardOutput())
+            return Failure(command_, "standard output", "cannot make its temporary file",
+                           hr::FromWin32(error));
+        destination_ = output_.Path();
+    }
     to_output_ = output.has_value();
     OptionalText pw = std::u16string();
     if (password) pw = FromAnsi(*password);
@@ -27,10 +39,25 @@ int EditSession::Begin(const std::string& file, const std::optional<std::string>
 }
 
 int EditSession::Commit() {
+    // Writing a long document is most of a command's time: the terminal says what is going on.
+    const bool shown = ProgressWanted();
+    if (shown) {
+        std::fprintf(stderr, "\rwriting %s...", DestinationName().c_str());
+        std::fflush(stderr);
+    }
     const HResult result = to_output_ ? object_.SaveTo(destination_) : object_.Save();
+    if (shown) std::fputs("\r\033[K", stderr);
     if (hr::Failed(result))
-        return Failure(command_, destination_.string(), object_.LastErrorText(), result);
+        return Failure(command_, DestinationName(), object_.LastErrorText(), result);
+    if (!output_.Path().empty()) {
+        if (const int error = output_.WriteStandardOutput())
+            return Failure(command_, "standard output", "cannot write it", hr::FromWin32(error));
+    }
     return 0;
+}
+
+std::string EditSession::DestinationName() const {
+    return output_.Path().empty() ? destination_.string() : "standard output";
 }
 
 int OpenSource(const Command& command, CZPdfContentObject& object, const std::string& file,
@@ -43,8 +70,12 @@ int OpenSource(const Command& command, CZPdfContentObject& object, const std::st
     return 0;
 }
 
+bool ProgressWanted() {
+    return CurrentVerbosity() != Verbosity::kQuiet && ZPDF_ISATTY(ZPDF_FILENO(stderr)) != 0;
+}
+
 Progress::Progress(const char* what, long total)
-    : what_(what), total_(total), shown_(total >= 200 && ZPDF_ISATTY(ZPDF_FILENO(stderr)) != 0) {}
+    : what_(what), total_(total), shown_(total >= 200 && ProgressWanted()) {}
 
 Progress::~Progress() {
     if (shown_) std::fputs("\r\033[K", stderr);

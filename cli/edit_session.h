@@ -8,6 +8,7 @@
 #include <string>
 
 #include "cli/command.h"
+#include "cli/streams.h"
 #include "content_object/content_object.h"
 
 namespace zpdf::cli {
@@ -19,13 +20,16 @@ class EditSession {
     EditSession& operator=(const EditSession&) = delete;
     ~EditSession() = default;
 
-    // Returns 0, or the exit code after printing why the document cannot be edited.
+    // Returns 0, or the exit code after printing why the document cannot be edited. A FILE of
+    // "-" is standard input (an output is needed then); an output of "-" is standard output.
     int Begin(const std::string& file, const std::optional<std::string>& output,
               const std::optional<std::string>& password);
     CZPdfContentObject& Object() { return object_; }
     // Saves the document and puts it in place. Returns 0 or the exit code after the message.
     int Commit();
-    // Where the result goes.
+    // Where the result goes, as the user named it.
+    std::string DestinationName() const;
+    // The file the result is written to.
     const std::filesystem::path& Destination() const { return destination_; }
 
   private:
@@ -33,13 +37,18 @@ class EditSession {
     CZPdfContentObject object_;
     std::filesystem::path destination_;
     bool to_output_ = false;
+    StreamFile input_;
+    StreamFile output_;
 };
 
 // Opens another document that a job reads from (a letterhead, a source of pages).
 int OpenSource(const Command& command, CZPdfContentObject& object, const std::string& file,
                const std::optional<std::string>& password);
 
-// A progress line on standard error, shown only when it is a terminal and the job is long.
+// Progress may be shown: standard error is a terminal and zpdf is not quiet.
+bool ProgressWanted();
+
+// A progress line on standard error, shown only when it is wanted and the job is long.
 class Progress {
   public:
     Progress(const char* what, long total);

@@ -11,7 +11,11 @@
 #endif
 
 #include "cli/command.h"
+#include "cli/edit_session.h"
+#include "cli/page_selection.h"
+#include "cli/streams.h"
 #include "content_object/content_object.h"
+#include "platform/files.h"
 
 namespace zpdf::cli {
 namespace {
@@ -62,16 +66,62 @@ class SplitReport final : public CZPdfContentObject::SplitObserver {
 };
 
 int RunSplit(const std::vector<std::string>& args) {
-    Arguments parsed({}, {});
+    Arguments parsed({"--password", "--ext", "--outdir", "--pages"}, {});
     if (!parsed.Parse(args)) return UsageError(kSplitCommand, parsed.Error());
     if (parsed.Positional().size() != 2) return UsageError(kSplitCommand, "expected FILE PREFIX");
     const std::string& file = parsed.Positional()[0];
-    const std::string& prefix = parsed.Positional()[1];
+    std::u16string prefix = FromAnsi(parsed.Positional()[1]);
+
+    CZPdfContentObject::SplitOptions options;
+    options.password = parsed.Value("--password");
+    if (auto ext = parsed.Value("--ext")) {
+        if (ext->find_first_of("/\\") != std::string::npos)
+            return UsageError(kSplitCommand, "--ext takes an extension, not a path");
+        if (!ext->empty() && (*ext)[0] != '.') ext = std::string(1, '.') + *ext;
+        options.extension = FromAnsi(*ext);
+    }
+    if (auto dir = parsed.Value("--outdir")) {
+        if (dir->empty()) return UsageError(kSplitCommand, "--outdir needs a folder");
+        const std::filesystem::path folder = ToPath(FromAnsi(*dir));
+        std::error_code error;
+        std::filesystem::create_directories(folder, error);
+        if (error) {
+            return Failure(kSplitCommand, *dir, "cannot create the folder: " + error.message(),
+                           hr::FromWin32(fs::Win32ErrorFromErrorCode(error)));
+        }
+        prefix = FromPath(folder / ToPath(prefix));
+    }
+
+    if (auto text = parsed.Value("--pages")) {
+        if (const auto check = ParsePageSelection(*text, kUnknownPageCount); !check.error.empty())
+            return UsageError(kSplitCommand, "--pages: " + check.error);
+    }
+
+    // A selection is split as a document of its own, made in a temporary file.
+    std::string source = file;
+    StreamFile selected;
+    if (auto text = parsed.Value("--pages")) {
+        CZPdfContentObject whole;
+        if (int rc = OpenSource(kSplitCommand, whole, file, options.password)) return rc;
+        std::int32_t count = 0;
+        HResult result = whole.PageCount(&count);
+        if (hr::Failed(result)) return Failure(kSplitCommand, file, whole.LastErrorText(), result);
+        const PageSelection selection = ParsePageSelection(*text, count);
+        if (!selection.error.empty())
+            return UsageError(kSplitCommand, "--pages: " + selection.error);
+        if (const int error = selected.MakeTemporary())
+            return Failure(kSplitCommand, file, "cannot make a temporary file",
+                           hr::FromWin32(error));
+        result = whole.KeepSelectedPages(selection.pages);
+        if (hr::Succeeded(result)) result = whole.SaveTo(selected.Path());
+        if (hr::Failed(result)) return Failure(kSplitCommand, file, whole.LastErrorText(), result);
+        source = selected.Name();
+    }
 
     CZPdfContentObject object;
-    SplitReport report(ZPDF_ISATTY(stderr) != 0, ZPDF_ISATTY(stdout) != 0);
+    SplitReport report(ProgressWanted(), ZPDF_ISATTY(stdout) != 0);
     std::int32_t parts = 0;
-    const HResult result = object.SplitPdf(FromAnsi(file), FromAnsi(prefix), &parts, &report);
+    const HResult result = object.SplitPdf(FromAnsi(source), prefix, &parts, &report, &options);
     report.EraseProgress();
     if (hr::Failed(result)) {
         std::string reason = object.LastErrorText();
@@ -90,12 +140,14 @@ int RunSplit(const std::vector<std::string>& args) {
 
 const Command kSplitCommand{
     "split", "cut a PDF after every page that carries the marker @@nd@@",
-    "Usage: zpdf split FILE PREFIX\n"
+    "Usage: zpdf split FILE PREFIX [--pages RANGE] [--ext .pdf] [--outdir DIR]\n"
+    "                  [--password PW]\n"
     "\n"
     "Cuts FILE into parts: a part ends after every page whose text holds \"@@nd@@\"\n"
     "(case-sensitive, anywhere in the page's text); the last page always ends the\n"
     "last part. The parts are written as PREFIX_1, PREFIX_2, ... (no extension is\n"
-    "added), each a new PDF of exactly its pages, written whole or not at all. When\n"
+    "added unless --ext asks), each a new PDF of exactly its pages, written whole or\n"
+    "not at all. When\n"
     "no page before the last carries the marker, nothing is written. Prints each\n"
     "part's name and page range, then the count:\n"
     "\n"
@@ -103,7 +155,15 @@ const Command kSplitCommand{
     "  out/job_2: page 4\n"
     "  2 parts\n"
     "\n"
-    "Long files show their progress on standard error when it is a terminal.\n",
+    "Long files show their progress on standard error when it is a terminal.\n"
+    "\n"
+    "Options:\n"
+    "  --pages RANGE  split only these pages, taken in this order as if they were\n"
+    "                 the file (1-3,5,z,r1 as for append); the page numbers printed\n"
+    "                 count within the selection\n"
+    "  --ext EXT      add EXT to every part's name (\".pdf\" or \"pdf\": PREFIX_1.pdf)\n"
+    "  --outdir DIR   write the parts into DIR (made when missing): DIR/PREFIX_1...\n"
+    "  --password PW  password of FILE; the parts are written without encryption\n",
     RunSplit};
 
 }  // namespace zpdf::cli

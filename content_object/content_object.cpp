@@ -106,7 +106,7 @@ HResult CZPdfContentObject::EnsurePdfDocument() {
     if (password_ && !password_->empty()) password = ToAnsi(*password_);
 
     const bool linearized = engine::LooksLinearized(file_);
-    std::fputs(linearized ? "Linearized path...\n" : "Non-linearized path...\n", stderr);
+    diagnostics::WriteLoadMessage(linearized ? "Linearized path..." : "Non-linearized path...");
 
     try {
         if (!document_) document_ = std::make_unique<engine::Document>();
@@ -114,7 +114,7 @@ HResult CZPdfContentObject::EnsurePdfDocument() {
     } catch (const engine::EngineError& e) {
         const long code = static_cast<long>(e.Category());
         const std::string text = LoadErrorText(code);
-        std::fprintf(stderr, "Load pdf docs unsuccessful: %s.\n", text.c_str());
+        diagnostics::WriteLoadMessage("Load pdf docs unsuccessful: " + text + ".");
         // The engine's own words help with damaged files; for passwords they add nothing.
         return Fail(hr::kUnexpected, e.Category() == engine::ErrorCategory::Password
                                          ? text

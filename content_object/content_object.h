@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "content_object/page_drawing.h"
+#include "engine/page_info.h"
 #include "platform/byte_stream.h"
 #include "platform/device_context.h"
 #include "platform/files.h"
@@ -66,6 +67,15 @@ class CZPdfContentObject final : public PageDrawing {
                          std::int32_t DrawRectTop, std::int32_t DrawRectWidth,
                          std::int32_t DrawRectHeight, std::int32_t Options) override;
 
+    // Page and document facts for hosts that report them (page_info.cpp): read from the
+    // document's objects, without loading the page.
+    HResult GetPageGeometry(std::int32_t PageNumber, engine::PageGeometry* geometry);
+    // The same for many pages (1-based) in one pass, in flat memory.
+    HResult GetPageGeometries(const std::vector<int>& pages,
+                              std::vector<engine::PageGeometry>* geometries);
+    HResult GetPdfVersion(std::string* version);
+    HResult GetEncryption(engine::EncryptionFacts* facts);
+
     // Writes the open document over its file through a side file.
     HResult Save();
     // Writes the document (opened first if needed) to `target` through its side file, leaving
@@ -83,6 +93,15 @@ class CZPdfContentObject final : public PageDrawing {
     HResult AppendPages(CZPdfContentObject* srcObject);
     HResult ReplacePages(std::int32_t destPage, CZPdfContentObject* srcObject,
                          std::int32_t srcStart, std::int32_t srcEnd);
+    // Hosts' page selections (insert_pages.cpp): the source's pages `pages` (1-based, in any
+    // order, repeats allowed) are copied in front of page `destPage` (PageCount() + 1 appends);
+    // with `replace`, as many pages as were copied are then removed from those that followed
+    // (fewer when fewer follow).
+    HResult InsertSelectedPages(std::int32_t destPage, CZPdfContentObject* srcObject,
+                                const std::vector<int>& pages, bool replace);
+    // Leaves the document holding its pages `pages` (1-based, in that order, repeats allowed)
+    // and no others.
+    HResult KeepSelectedPages(const std::vector<int>& pages);
     // Kept for the interface's layout; not implemented.
     HResult OverlayPrepare(const OptionalText& SourcePdfFile);
     HResult OverlayPage(std::int32_t SourcePage, std::int32_t DestinationPage,
@@ -139,8 +158,15 @@ class CZPdfContentObject final : public PageDrawing {
     // named DestPrefix_1, DestPrefix_2... (the last page only ever ends the last part). Works on
     // that file alone, never on this object's document. S_OK when parts were written, S_FALSE
     // when there was nothing to split; *Splitted counts the parts written, also on failure.
+    // What a host may add to a split: the file's password (the parts are written without
+    // encryption), and an extension for the part names (DestPrefix_1.pdf...).
+    struct SplitOptions {
+        std::optional<std::string> password;
+        std::u16string extension;
+    };
     HResult SplitPdf(const OptionalText& PdfFile, const OptionalText& DestPrefix,
-                     std::int32_t* Splitted, SplitObserver* observer = nullptr);
+                     std::int32_t* Splitted, SplitObserver* observer = nullptr,
+                     const SplitOptions* options = nullptr);
     // --- end of split at marker ---
 
     // State, for persistence and the hosts.

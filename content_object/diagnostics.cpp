@@ -1,5 +1,7 @@
 #include "content_object/diagnostics.h"
 
+#include <atomic>
+#include <cstdio>
 #include <mutex>
 
 #include "engine/engine.h"
@@ -47,6 +49,23 @@ void ForwardEngineMessage(int level, const char* message) {
 void RouteEngineMessages() {
     static std::once_flag once;
     std::call_once(once, [] { engine::SetDiagnosticSink(ForwardEngineMessage); });
+}
+
+namespace {
+std::atomic<bool> load_messages_shown{true};
+}  // namespace
+
+void ShowLoadMessages(bool shown) {
+    load_messages_shown.store(shown, std::memory_order_relaxed);
+}
+
+bool LoadMessagesShown() {
+    return load_messages_shown.load(std::memory_order_relaxed);
+}
+
+void WriteLoadMessage(const std::string& text) {
+    if (!LoadMessagesShown()) return;
+    std::fputs((text + "\n").c_str(), stderr);
 }
 
 }  // namespace zpdf::diagnostics

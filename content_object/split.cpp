@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "content_object/content_object.h"
+#include "content_object/diagnostics.h"
 #include "content_object/side_file_save.h"
 #include "engine/split_source.h"
 #include "platform/files.h"
@@ -22,13 +23,14 @@ struct FileCloser {
 };
 using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
 
-std::filesystem::path PartPath(const std::u16string& prefix, int number) {
-    return ToPath(prefix + u"_" + Utf8ToUtf16(std::to_string(number)));
+std::filesystem::path PartPath(const std::u16string& prefix, int number,
+                               const std::u16string& extension) {
+    return ToPath(prefix + u"_" + Utf8ToUtf16(std::to_string(number)) + extension);
 }
 
 // The source's load failures are reported where the object's own are.
 void ReportLoadFailure(const std::string& text) {
-    std::fprintf(stderr, "Load pdf docs unsuccessful: %s.\n", text.c_str());
+    diagnostics::WriteLoadMessage("Load pdf docs unsuccessful: " + text + ".");
 }
 
 // Writes pages first to last (0-based) of `source` as `target`. Returns the result and, on
@@ -75,7 +77,8 @@ HResult WritePart(engine::SplitSource& source, const fs::FileIdentity& source_id
 }  // namespace
 
 HResult CZPdfContentObject::SplitPdf(const OptionalText& PdfFile, const OptionalText& DestPrefix,
-                                     std::int32_t* Splitted, SplitObserver* observer) {
+                                     std::int32_t* Splitted, SplitObserver* observer,
+                                     const SplitOptions* options) {
     if (Splitted == nullptr || !PdfFile || !DestPrefix) {
         return Fail(hr::kPointer, "No file, prefix or place for the part count was given");
     }
@@ -98,7 +101,7 @@ HResult CZPdfContentObject::SplitPdf(const OptionalText& PdfFile, const Optional
 
         engine::SplitSource source;
         try {
-            source.Open(file.get());
+            source.Open(file.get(), options != nullptr ? options->password : std::nullopt);
         } catch (const engine::EngineError& e) {
             const std::string text = LoadErrorText(static_cast<long>(e.Category()));
             ReportLoadFailure(text);
@@ -118,7 +121,8 @@ HResult CZPdfContentObject::SplitPdf(const OptionalText& PdfFile, const Optional
         // Writes the next part; *Splitted counts it once it is in place.
         std::string why;
         const auto write_next_part = [&](int first, int last) {
-            const std::filesystem::path target = PartPath(*DestPrefix, *Splitted + 1);
+            const std::filesystem::path target =
+                PartPath(*DestPrefix, *Splitted + 1, options != nullptr ? options->extension : u"");
             const HResult result = WritePart(source, source_identity, first, last, target, &why);
             if (hr::Failed(result)) return result;
             ++*Splitted;

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "engine/page_copy.h"
 #include "engine/page_operations.h"
 #include "engine/page_tree_plan.h"
 #include "engine/security/source_security.h"
@@ -34,6 +35,16 @@ pdf_obj* LookupSourcePage(fz_context* ctx, Document::Impl& src, int index) {
     }
     if (failed) fz_throw(ctx, FZ_ERROR_GENERIC, "%s", why);
     return page;
+}
+
+// The object number of the page at `index` of `src`, 0 for a page that is no object of its
+// own: from the page number cache where it describes the document, without reading the page.
+int SourcePageNumber(fz_context* ctx, Document::Impl& src, int index) {
+    const auto at = static_cast<std::size_t>(index);
+    if (at < src.page_numbers.size() && src.page_numbers[at] > 0) return src.page_numbers[at];
+    pdf_obj* page = LookupSourcePage(ctx, src, index);
+    if (at < src.page_numbers.size()) return src.page_numbers[at];
+    return pdf_is_indirect(ctx, page) ? pdf_to_num(ctx, page) : 0;
 }
 
 // Where a run goes: the node whose Kids receive it, the position there, and the nodes from the
@@ -181,11 +192,14 @@ void LinkSubtree(fz_context* ctx, pdf_document* doc, const InsertionPoint* point
 }
 
 // Inserts the pages `numbers` (objects of `doc` not yet in its tree) in front of page `at`.
+// `finish` runs once the place is found, before the tree changes: a tree that has no place for
+// the run fails the import before anything else of the destination changed.
 void InsertRun(fz_context* ctx, pdf_document* doc, const PageTreePlan* plan, int* numbers, int at,
-               int total) {
+               int total, PageCopy* finish) {
     InsertionPoint point;
     fz_try(ctx) {
         FindInsertionPoint(ctx, doc, at, total, &point);
+        FinishPageCopy(ctx, finish);
         LinkSubtree(ctx, doc, &point, BuildSubtree(ctx, doc, plan, numbers), plan->pages);
     }
     fz_always(ctx) {
@@ -210,50 +224,28 @@ void DeleteObjectsFrom(fz_context* ctx, pdf_document* doc, int first) {
 
 }  // namespace
 
-int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_obj* source) {
-    pdf_obj* dict = nullptr;
-    pdf_obj* page = nullptr;
-    volatile int number = 0;
-    fz_var(dict);
-    fz_var(page);
-    fz_try(ctx) {
-        dict = CopiedPageDictionary(ctx, source);
-        page = pdf_graft_mapped_object(ctx, map, dict);
-        pdf_obj* ref = pdf_add_object(ctx, dst, page);
-        number = pdf_to_num(ctx, ref);
-        pdf_drop_obj(ctx, ref);
-    }
-    fz_always(ctx) {
-        pdf_drop_obj(ctx, page);
-        pdf_drop_obj(ctx, dict);
-    }
-    fz_catch(ctx) {
-        fz_rethrow(ctx);
-    }
-    return number;
-}
-
 pdf_obj* CopiedPageDictionary(fz_context* ctx, pdf_obj* source) {
-    // What draws the page, and its boxes; those marked inheritable may sit on an ancestor in
-    // the source's page tree, and the copy holds them itself. Entries that point to other pages
-    // or to the document's structure (annotations, thread beads, structure parents) would drag
-    // the rest of the source along and stay behind.
-    static const struct {
-        pdf_obj* key;
-        bool inheritable;
-    } kKept[] = {
-        {PDF_NAME(Contents), false}, {PDF_NAME(Resources), true}, {PDF_NAME(MediaBox), true},
-        {PDF_NAME(CropBox), true},   {PDF_NAME(BleedBox), false}, {PDF_NAME(TrimBox), false},
-        {PDF_NAME(ArtBox), false},   {PDF_NAME(Rotate), true},    {PDF_NAME(UserUnit), false},
-        {PDF_NAME(Group), false},
-    };
-    pdf_obj* page = pdf_new_dict(ctx, pdf_get_bound_document(ctx, source), 12);
+    // Attributes a page may inherit from its ancestors in the source's page tree; the copy
+    // holds them itself.
+    static pdf_obj* const kInheritable[] = {PDF_NAME(Resources), PDF_NAME(MediaBox),
+                                            PDF_NAME(CropBox), PDF_NAME(Rotate)};
+    const int length = pdf_dict_len(ctx, source);
+    pdf_obj* page = pdf_new_dict(ctx, pdf_get_bound_document(ctx, source), length + 4);
     fz_try(ctx) {
+        // Every key but the link into the source's page tree and the one into its structure
+        // tree, which the copy is not part of.
+        for (int i = 0; i < length; ++i) {
+            pdf_obj* key = pdf_dict_get_key(ctx, source, i);
+            if (pdf_name_eq(ctx, key, PDF_NAME(Parent)) ||
+                pdf_name_eq(ctx, key, PDF_NAME(StructParents)))
+                continue;
+            pdf_dict_put(ctx, page, key, pdf_dict_get_val(ctx, source, i));
+        }
         pdf_dict_put(ctx, page, PDF_NAME(Type), PDF_NAME(Page));
-        for (const auto& entry : kKept) {
-            pdf_obj* value = entry.inheritable ? pdf_dict_get_inheritable(ctx, source, entry.key)
-                                               : pdf_dict_get(ctx, source, entry.key);
-            if (value != nullptr) pdf_dict_put(ctx, page, entry.key, value);
+        for (pdf_obj* key : kInheritable) {
+            if (pdf_dict_get(ctx, page, key) != nullptr) continue;
+            pdf_obj* value = pdf_dict_get_inheritable(ctx, source, key);
+            if (value != nullptr) pdf_dict_put(ctx, page, key, value);
         }
     }
     fz_catch(ctx) {
@@ -276,29 +268,37 @@ int GraftPageRun(Document::Impl& dst, Document::Impl& src, const int* pages, int
         return 0;
     }
     const int objects_before = pdf_xref_len(ctx, doc);
-    pdf_graft_map* map = nullptr;
+    PageCopy* copy = nullptr;
     int* numbers = nullptr;
     volatile int copied = 0;
     volatile int failed = -1;
-    fz_var(map);
+    fz_var(copy);
     fz_var(numbers);
     fz_try(ctx) {
         numbers = fz_malloc_array(ctx, count, int);
-        map = pdf_new_graft_map(ctx, doc);
-        // The destination's tree does not change before the last page is copied, so indexes
-        // into the same document still name the pages they named before the call.
+        copy = NewPageCopy(ctx, src.doc, doc);
+        // Every page of the run gets its number first, so that whatever points at one of them
+        // (a link, a page action) points at its copy. The destination's tree does not change
+        // before the last page is copied, so indexes into the same document still name the
+        // pages they named before the call.
+        // The first lookup checks the page number cache against the document.
+        LookupSourcePage(ctx, src, pages != nullptr ? pages[0] : 0);
+        for (int k = 0; k < count; ++k) {
+            numbers[k] = ReservePageCopy(
+                ctx, copy, SourcePageNumber(ctx, src, pages != nullptr ? pages[k] : k));
+        }
         for (int k = 0; k < count; ++k) {
             pdf_obj* source = LookupSourcePage(ctx, src, pages != nullptr ? pages[k] : k);
-            numbers[k] = CopyPageObject(ctx, map, doc, source);
+            FillPageCopy(ctx, copy, source, numbers[k]);
             copied = k + 1;
             // The source pages copied so far are held by nobody now: a long run does not keep
             // the whole source parsed.
             NoteWork(src);
         }
-        InsertRun(ctx, doc, &plan, numbers, at, total);
+        InsertRun(ctx, doc, &plan, numbers, at, total, copy);
     }
     fz_always(ctx) {
-        pdf_drop_graft_map(ctx, map);
+        DropPageCopy(ctx, copy);
         fz_free(ctx, numbers);
     }
     fz_catch(ctx) {
@@ -352,6 +352,25 @@ int PrepareRecordedAppend(fz_context* ctx, pdf_document* doc) {
     PrepareForNewPages(ctx, doc);
     pdf_obj* root = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
     return pdf_is_indirect(ctx, root) && pdf_is_array(ctx, pdf_dict_get(ctx, root, PDF_NAME(Kids)));
+}
+
+// 1 when the document has what our writer does not carry when it appends pages: annotations on
+// a page, form fields, named destinations. Such a document is imported at once instead, which
+// keeps them working. Throws an engine error.
+int HoldsInteractiveParts(fz_context* ctx, Document::Impl& impl) {
+    pdf_obj* root = pdf_dict_get(ctx, pdf_trailer(ctx, impl.doc), PDF_NAME(Root));
+    if (pdf_array_len(ctx, pdf_dict_getp(ctx, root, "AcroForm/Fields")) > 0 ||
+        pdf_dict_get(ctx, root, PDF_NAME(Dests)) != nullptr ||
+        pdf_dict_getp(ctx, root, "Names/Dests") != nullptr)
+        return 1;
+    for (const int num : impl.page_numbers) {
+        pdf_obj* page = pdf_load_object(ctx, impl.doc, num);
+        const int annotated = pdf_array_len(ctx, pdf_dict_get(ctx, page, PDF_NAME(Annots))) > 0;
+        pdf_drop_obj(ctx, page);
+        if (annotated) return 1;
+        NoteWork(impl);
+    }
+    return 0;
 }
 
 }  // namespace
@@ -408,6 +427,14 @@ bool RecordAppend(Document& dst, std::unique_ptr<AppendSource>& source) {
     if (count <= 0 || from.page_numbers.size() != static_cast<std::size_t>(count) ||
         std::find(from.page_numbers.begin(), from.page_numbers.end(), 0) != from.page_numbers.end())
         return false;
+    volatile int interactive = 1;
+    fz_try(from.ctx) {
+        interactive = HoldsInteractiveParts(from.ctx, from);
+    }
+    fz_catch(from.ctx) {
+        interactive = 1;
+    }
+    if (interactive != 0) return false;
     volatile int ready = 0;
     fz_try(impl.ctx) {
         ready = PrepareRecordedAppend(impl.ctx, impl.doc);

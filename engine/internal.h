@@ -72,15 +72,10 @@ inline constexpr int kMaxPageTreeDepth = 64;
 bool IsPageTreeNode(fz_context* ctx, pdf_obj* kid);
 
 // The dictionary a copy of the page `source` is made from, by the page import and by our writer
-// alike: /Type /Page with what draws the page and its boxes, inherited ones resolved onto it. A
-// new direct dictionary of the source's document, a reference of the caller's; its values are
-// the source's own, references included. Throws an engine error.
+// alike: every key of the page but /Parent and /StructParents, /Type /Page, and the inherited
+// attributes resolved onto it. A new direct dictionary of the source's document, a reference of
+// the caller's; its values are the source's own, references included. Throws an engine error.
 pdf_obj* CopiedPageDictionary(fz_context* ctx, pdf_obj* source);
-
-// Copies the page `source` into a new page object of `dst`, not yet in its page tree, through
-// `map`: its copied dictionary, with every object it uses copied once per map. Returns the new
-// object's number. Throws an engine error.
-int CopyPageObject(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_obj* source);
 
 // Readies a document for new pages: the producer, the catalog's type, a page tree root with a
 // Kids array. Throws an engine error.

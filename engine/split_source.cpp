@@ -1,12 +1,13 @@
 // The engine side of splitting. Page text comes from the engine's content interpreter driving a
 // processor that only follows fonts and text-showing operators: the characters come out in
 // content order, mapped as the engine maps them for its devices, without placing, measuring
-// or drawing a glyph. Parts are new documents that the source's pages are grafted into, one
-// graft map per part.
+// or drawing a glyph. Parts are new documents that the source's pages are copied into, one
+// page copy per part.
 #include <cstdint>
 #include <cstring>
 
 #include "engine/internal.h"
+#include "engine/page_copy.h"
 #include "engine/split_source.h"
 
 namespace zpdf::engine {
@@ -297,20 +298,248 @@ void CollectPageText(fz_context* ctx, pdf_document* doc, const PageIndex* pages,
     }
 }
 
-void CopyPage(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_document* src,
-              const PageIndex* pages, int from, int to) {
-    pdf_obj* source = nullptr;
-    pdf_obj* ref = nullptr;
-    fz_var(source);
-    fz_var(ref);
+// The source's document-level entries a part keeps as they are: how it is to be printed,
+// shown and opened, its language and its metadata.
+void CopyDocumentEntries(fz_context* ctx, PageCopy* copy, pdf_obj* from, pdf_obj* to) {
+    static const char* const kKept[] = {"OutputIntents", "Lang",     "ViewerPreferences",
+                                        "Metadata",      "PageMode", "PageLayout"};
+    for (const char* key : kKept) {
+        pdf_obj* value = pdf_dict_gets(ctx, from, key);
+        if (value == nullptr) continue;
+        pdf_obj* copied = CopySourceObject(ctx, copy, value);
+        if (copied != nullptr) pdf_dict_puts_drop(ctx, to, key, copied);
+    }
+}
+
+// A new dictionary put in `dict` under `key`; borrowed.
+pdf_obj* PutDict(fz_context* ctx, pdf_obj* dict, const char* key) {
+    pdf_obj* value = pdf_new_dict(ctx, pdf_get_bound_document(ctx, dict), 2);
+    pdf_dict_puts_drop(ctx, dict, key, value);
+    return value;
+}
+
+// The page label ranges of the source: the last range starting at or before `first` and every
+// range starting after it up to `last`, in order, as pairs of start and label dictionary.
+struct LabelRanges {
+    int before = -1;                  // the start of the range `first` is in; -1: none
+    pdf_obj* before_label = nullptr;  // borrowed
+    pdf_obj* inside = nullptr;        // [start label start label ...] of ranges after `first`
+};
+
+void CollectLabelRanges(fz_context* ctx, pdf_obj* node, int first, int last, LabelRanges* ranges,
+                        int depth) {
+    if (depth > kMaxPageTreeDepth || pdf_mark_obj(ctx, node)) return;
     fz_try(ctx) {
-        source = LoadPageObject(ctx, src, pages, from);
-        ref = pdf_new_indirect(ctx, dst, CopyPageObject(ctx, map, dst, source), 0);
-        pdf_insert_page(ctx, dst, to, ref);
+        pdf_obj* kids = pdf_dict_get(ctx, node, PDF_NAME(Kids));
+        for (int i = 0; i < pdf_array_len(ctx, kids); ++i)
+            CollectLabelRanges(ctx, pdf_array_get(ctx, kids, i), first, last, ranges, depth + 1);
+        pdf_obj* nums = pdf_dict_get(ctx, node, PDF_NAME(Nums));
+        for (int i = 0; i + 1 < pdf_array_len(ctx, nums); i += 2) {
+            const int start = pdf_array_get_int(ctx, nums, i);
+            pdf_obj* label = pdf_array_get(ctx, nums, i + 1);
+            if (start <= first && start >= ranges->before) {
+                ranges->before = start;
+                ranges->before_label = label;
+            } else if (start > first && start <= last) {
+                pdf_array_push_int(ctx, ranges->inside, start - first);
+                pdf_array_push(ctx, ranges->inside, label);
+            }
+        }
     }
     fz_always(ctx) {
-        pdf_drop_obj(ctx, ref);
-        pdf_drop_obj(ctx, source);
+        pdf_unmark_obj(ctx, node);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+// The source's page labels for pages `first` to `last`, restarted so that the part's first page
+// has the label it had in the source.
+void CopyPageLabels(fz_context* ctx, PageCopy* copy, pdf_obj* from, pdf_obj* to, int first,
+                    int last) {
+    pdf_obj* tree = pdf_dict_gets(ctx, from, "PageLabels");
+    if (!pdf_is_dict(ctx, tree)) return;
+    LabelRanges ranges;
+    ranges.inside = pdf_new_array(ctx, pdf_get_bound_document(ctx, from), 4);
+    pdf_obj* label = nullptr;
+    fz_var(label);
+    fz_try(ctx) {
+        CollectLabelRanges(ctx, tree, first, last, &ranges, 0);
+        pdf_obj* nums = pdf_dict_put_array(ctx, PutDict(ctx, to, "PageLabels"), PDF_NAME(Nums),
+                                           2 + pdf_array_len(ctx, ranges.inside));
+        if (ranges.before >= 0) {
+            label = CopySourceObject(ctx, copy, ranges.before_label);
+            if (pdf_is_dict(ctx, label)) {
+                pdf_obj* st = pdf_dict_gets(ctx, label, "St");
+                const int start = st != nullptr ? pdf_to_int(ctx, st) : 1;
+                pdf_obj* own = pdf_copy_dict(ctx, label);
+                pdf_drop_obj(ctx, label);
+                label = own;
+                pdf_dict_puts_drop(ctx, label, "St",
+                                   pdf_new_int(ctx, start + (first - ranges.before)));
+                pdf_array_push_int(ctx, nums, 0);
+                pdf_array_push(ctx, nums, label);
+            }
+        }
+        for (int i = 0; i + 1 < pdf_array_len(ctx, ranges.inside); i += 2) {
+            pdf_obj* copied = CopySourceObject(ctx, copy, pdf_array_get(ctx, ranges.inside, i + 1));
+            if (copied == nullptr) continue;
+            pdf_array_push(ctx, nums, pdf_array_get(ctx, ranges.inside, i));
+            pdf_array_push_drop(ctx, nums, copied);
+        }
+        if (pdf_array_len(ctx, nums) == 0) pdf_dict_dels(ctx, to, "PageLabels");
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, label);
+        pdf_drop_obj(ctx, ranges.inside);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+}
+
+// Outlines nested deeper than this are broken or hostile.
+constexpr int kMaxOutlineDepth = 32;
+
+// What an outline level of the part holds.
+struct OutlineLevel {
+    int first = 0, last = 0;  // object numbers of its first and last entries; 0: none
+    int entries = 0;          // its entries
+    int visible = 0;          // its entries and those shown open below them
+};
+
+OutlineLevel CopyOutlineLevel(fz_context* ctx, PageCopy* copy, pdf_document* dst, pdf_obj* item,
+                              int parent, int depth);
+
+// The copy of the outline entry `item` under the entry `parent` of the part, as object `num`;
+// false when the entry is left out: it points at no page of the part and has no entry below it
+// that does. An entry pointing elsewhere that has entries in the part stays as their heading,
+// without a destination.
+bool CopyOutlineEntry(fz_context* ctx, PageCopy* copy, pdf_document* dst, pdf_obj* item, int num,
+                      int parent, int depth, OutlineLevel* level) {
+    pdf_obj* dest = pdf_dict_get(ctx, item, PDF_NAME(Dest));
+    pdf_obj* action = pdf_dict_get(ctx, item, PDF_NAME(A));
+    const bool goes_to = pdf_name_eq(ctx, pdf_dict_get(ctx, action, PDF_NAME(S)), PDF_NAME(GoTo));
+    if (goes_to) dest = pdf_dict_get(ctx, action, PDF_NAME(D));
+    pdf_obj* target = nullptr;
+    pdf_obj* other = nullptr;
+    pdf_obj* entry = nullptr;
+    fz_var(target);
+    fz_var(other);
+    fz_var(entry);
+    volatile bool kept = false;
+    fz_try(ctx) {
+        if (dest != nullptr) target = CopySourceDestination(ctx, copy, dest);
+        // An action that is not a jump within the document (a web link) works in any part.
+        if (action != nullptr && !goes_to) other = CopySourceObject(ctx, copy, action);
+        const OutlineLevel below = CopyOutlineLevel(
+            ctx, copy, dst, pdf_dict_get(ctx, item, PDF_NAME(First)), num, depth + 1);
+        kept = target != nullptr || other != nullptr || below.entries > 0;
+        if (kept) {
+            entry = pdf_new_dict(ctx, dst, 10);
+            pdf_obj* title = pdf_dict_get(ctx, item, PDF_NAME(Title));
+            if (pdf_is_string(ctx, title)) {
+                pdf_dict_put(ctx, entry, PDF_NAME(Title), title);
+            } else {
+                pdf_dict_put_text_string(ctx, entry, PDF_NAME(Title), "");
+            }
+            pdf_dict_put_drop(ctx, entry, PDF_NAME(Parent), pdf_new_indirect(ctx, dst, parent, 0));
+            if (target != nullptr) pdf_dict_put(ctx, entry, PDF_NAME(Dest), target);
+            if (other != nullptr) pdf_dict_put(ctx, entry, PDF_NAME(A), other);
+            for (pdf_obj* key : {PDF_NAME(C), PDF_NAME(F)}) {
+                pdf_obj* value = CopySourceObject(ctx, copy, pdf_dict_get(ctx, item, key));
+                if (value != nullptr) pdf_dict_put_drop(ctx, entry, key, value);
+            }
+            const bool open = pdf_dict_get_int(ctx, item, PDF_NAME(Count)) > 0;
+            if (below.entries > 0) {
+                pdf_dict_put_drop(ctx, entry, PDF_NAME(First),
+                                  pdf_new_indirect(ctx, dst, below.first, 0));
+                pdf_dict_put_drop(ctx, entry, PDF_NAME(Last),
+                                  pdf_new_indirect(ctx, dst, below.last, 0));
+                pdf_dict_put_int(ctx, entry, PDF_NAME(Count),
+                                 open ? below.visible : -below.entries);
+            }
+            if (level->last > 0) {
+                pdf_dict_put_drop(ctx, entry, PDF_NAME(Prev),
+                                  pdf_new_indirect(ctx, dst, level->last, 0));
+                pdf_obj* previous = pdf_new_indirect(ctx, dst, level->last, 0);
+                pdf_dict_put_drop(ctx, previous, PDF_NAME(Next),
+                                  pdf_new_indirect(ctx, dst, num, 0));
+                pdf_drop_obj(ctx, previous);
+            }
+            pdf_update_object(ctx, dst, num, entry);
+            if (level->first == 0) level->first = num;
+            level->last = num;
+            ++level->entries;
+            level->visible += 1 + (open ? below.visible : 0);
+        }
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, entry);
+        pdf_drop_obj(ctx, other);
+        pdf_drop_obj(ctx, target);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+    return kept;
+}
+
+// Copies `item` and the entries after it into `level`, each put in `visited` and marked.
+void CopyOutlineEntries(fz_context* ctx, PageCopy* copy, pdf_document* dst, pdf_obj* item,
+                        int parent, int depth, pdf_obj* visited, OutlineLevel* level) {
+    for (; pdf_is_dict(ctx, item) && !pdf_mark_obj(ctx, item);
+         item = pdf_dict_get(ctx, item, PDF_NAME(Next))) {
+        pdf_array_push(ctx, visited, item);
+        const int num = pdf_create_object(ctx, dst);
+        if (!CopyOutlineEntry(ctx, copy, dst, item, num, parent, depth, level))
+            pdf_delete_object(ctx, dst, num);
+    }
+}
+
+OutlineLevel CopyOutlineLevel(fz_context* ctx, PageCopy* copy, pdf_document* dst, pdf_obj* item,
+                              int parent, int depth) {
+    OutlineLevel level;
+    if (depth > kMaxOutlineDepth || !pdf_is_dict(ctx, item)) return level;
+    // The entries are marked as they are visited: one met again closes a cycle.
+    pdf_obj* visited = pdf_new_array(ctx, pdf_get_bound_document(ctx, item), 8);
+    fz_try(ctx) {
+        CopyOutlineEntries(ctx, copy, dst, item, parent, depth, visited, &level);
+    }
+    fz_always(ctx) {
+        for (int i = 0; i < pdf_array_len(ctx, visited); ++i)
+            pdf_unmark_obj(ctx, pdf_array_get(ctx, visited, i));
+        pdf_drop_obj(ctx, visited);
+    }
+    fz_catch(ctx) {
+        fz_rethrow(ctx);
+    }
+    return level;
+}
+
+// The outline entries of the source that point into the part, with their hierarchy.
+void CopyOutline(fz_context* ctx, PageCopy* copy, pdf_document* dst, pdf_obj* from, pdf_obj* to) {
+    pdf_obj* outlines = pdf_dict_get(ctx, from, PDF_NAME(Outlines));
+    if (!pdf_is_dict(ctx, outlines)) return;
+    const int root = pdf_create_object(ctx, dst);
+    const OutlineLevel level =
+        CopyOutlineLevel(ctx, copy, dst, pdf_dict_get(ctx, outlines, PDF_NAME(First)), root, 0);
+    if (level.entries == 0) {
+        pdf_delete_object(ctx, dst, root);
+        return;
+    }
+    pdf_obj* dict = pdf_new_dict(ctx, dst, 4);
+    fz_try(ctx) {
+        pdf_dict_put(ctx, dict, PDF_NAME(Type), PDF_NAME(Outlines));
+        pdf_dict_put_drop(ctx, dict, PDF_NAME(First), pdf_new_indirect(ctx, dst, level.first, 0));
+        pdf_dict_put_drop(ctx, dict, PDF_NAME(Last), pdf_new_indirect(ctx, dst, level.last, 0));
+        pdf_dict_put_int(ctx, dict, PDF_NAME(Count), level.visible);
+        pdf_update_object(ctx, dst, root, dict);
+        pdf_dict_put_drop(ctx, to, PDF_NAME(Outlines), pdf_new_indirect(ctx, dst, root, 0));
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, dict);
     }
     fz_catch(ctx) {
         fz_rethrow(ctx);
@@ -321,15 +550,52 @@ void CopyPage(fz_context* ctx, pdf_graft_map* map, pdf_document* dst, pdf_docume
 pdf_document* BuildPart(fz_context* ctx, pdf_document* src, const PageIndex* pages, int first,
                         int last) {
     pdf_document* dst = pdf_create_document(ctx);
-    pdf_graft_map* map = nullptr;
-    fz_var(map);
+    PageCopy* copy = nullptr;
+    int* numbers = nullptr;
+    pdf_obj* page = nullptr;
+    pdf_obj* ref = nullptr;
+    fz_var(copy);
+    fz_var(numbers);
+    fz_var(page);
+    fz_var(ref);
     fz_try(ctx) {
-        map = pdf_new_graft_map(ctx, dst);
-        for (int page = first; page <= last; ++page)
-            CopyPage(ctx, map, dst, src, pages, page, page - first);
+        copy = NewPageCopy(ctx, src, dst);
+        const int count = last - first + 1;
+        numbers = fz_malloc_array(ctx, count, int);
+        // Every page of the part gets its number first, so that links and outline entries
+        // between them reach the copies.
+        for (int k = 0; k < count; ++k) {
+            int number = 0;
+            if (pages->numbers != nullptr) {
+                number = pages->numbers[first + k];
+            } else {
+                pdf_obj* kid = pdf_lookup_page_obj(ctx, src, first + k);
+                number = pdf_is_indirect(ctx, kid) ? pdf_to_num(ctx, kid) : 0;
+            }
+            numbers[k] = ReservePageCopy(ctx, copy, number);
+        }
+        for (int k = 0; k < count; ++k) {
+            page = LoadPageObject(ctx, src, pages, first + k);
+            FillPageCopy(ctx, copy, page, numbers[k]);
+            pdf_drop_obj(ctx, page);
+            page = nullptr;
+            ref = pdf_new_indirect(ctx, dst, numbers[k], 0);
+            pdf_insert_page(ctx, dst, k, ref);
+            pdf_drop_obj(ctx, ref);
+            ref = nullptr;
+        }
+        FinishPageCopy(ctx, copy);
+        pdf_obj* from = pdf_dict_get(ctx, pdf_trailer(ctx, src), PDF_NAME(Root));
+        pdf_obj* to = pdf_dict_get(ctx, pdf_trailer(ctx, dst), PDF_NAME(Root));
+        CopyDocumentEntries(ctx, copy, from, to);
+        CopyPageLabels(ctx, copy, from, to, first, last);
+        CopyOutline(ctx, copy, dst, from, to);
     }
     fz_always(ctx) {
-        pdf_drop_graft_map(ctx, map);
+        pdf_drop_obj(ctx, ref);
+        pdf_drop_obj(ctx, page);
+        fz_free(ctx, numbers);
+        DropPageCopy(ctx, copy);
     }
     fz_catch(ctx) {
         pdf_drop_document(ctx, dst);
@@ -339,10 +605,11 @@ pdf_document* BuildPart(fz_context* ctx, pdf_document* src, const PageIndex* pag
 }
 
 // 1 when the document opens without a password (or with the empty one).
-int OpensWithoutPassword(fz_context* ctx, pdf_document* doc) {
+// The document opens with `password` (the empty one when null).
+int OpensWithPassword(fz_context* ctx, pdf_document* doc, const char* password) {
     volatile int open = 0;
     fz_try(ctx) {
-        open = !pdf_needs_password(ctx, doc) || pdf_authenticate_password(ctx, doc, "");
+        open = !pdf_needs_password(ctx, doc) || pdf_authenticate_password(ctx, doc, password);
     }
     fz_catch(ctx) {
         open = 0;
@@ -386,7 +653,7 @@ SplitSource::~SplitSource() {
     fz_drop_context(ctx);
 }
 
-void SplitSource::Open(std::FILE* file) {
+void SplitSource::Open(std::FILE* file, const std::optional<std::string>& password) {
     if (impl_->doc != nullptr)
         throw EngineError(ErrorCategory::Other, "the source is already open");
     fz_context* ctx = impl_->ctx;
@@ -402,8 +669,9 @@ void SplitSource::Open(std::FILE* file) {
         ThrowCaught(ctx, OpenFailureCategory(ctx, stm), "cannot open the document");
     }
     impl_->doc = doc;
-    if (!OpensWithoutPassword(ctx, doc)) {
-        throw EngineError(ErrorCategory::Password, "the document needs a password");
+    if (!OpensWithPassword(ctx, doc, password ? password->c_str() : "")) {
+        throw EngineError(ErrorCategory::Password, password ? "the password is not correct"
+                                                            : "the document needs a password");
     }
     RebuildIfPageTreeUnreachable(ctx, doc);
     // What is parsed by now (trailer, catalogue, encryption) stays; the rest comes and goes.

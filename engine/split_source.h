@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "engine/engine.h"
@@ -19,11 +20,11 @@ class SplitSource {
     SplitSource(const SplitSource&) = delete;
     SplitSource& operator=(const SplitSource&) = delete;
 
-    // Opens the document in `file`, which the caller keeps open until this object is gone. No
-    // password is tried beyond the empty one. Throws EngineError: Password when the document
-    // needs a password, File when the file cannot be read, NotPdf or UnsupportedSecurity
-    // otherwise.
-    void Open(std::FILE* file);
+    // Opens the document in `file`, which the caller keeps open until this object is gone, with
+    // `password` when it needs one (only the empty one is tried without it). Throws EngineError:
+    // Password when the document needs a password, File when the file cannot be read, NotPdf or
+    // UnsupportedSecurity otherwise.
+    void Open(std::FILE* file, const std::optional<std::string>& password = std::nullopt);
     // The pages found in the page tree (a /Count that disagrees with the tree is ignored).
     int PageCount() const;
 
@@ -35,8 +36,10 @@ class SplitSource {
     void ReadPageText(int index, std::u32string& text);
 
     // Writes pages `first` to `last` (0-based, inclusive) as a new document holding exactly
-    // those pages: their content, resources, boxes, rotation and transparency group, each
-    // shared resource once. Annotations and form fields are not carried over. Throws
+    // those pages, each with every key but /Parent and /StructParents and every object it uses
+    // (shared ones once), its annotations and form fields working; the outline entries and
+    // named destinations that point into those pages; the source's output intents, language,
+    // viewer preferences and metadata; its page labels restarted at the first page. Throws
     // EngineError (File when the sink refused bytes, Other otherwise).
     void WritePages(int first, int last, ByteSink& sink);
 

@@ -95,6 +95,11 @@ int InjectedFault(FileOp op, const std::filesystem::path& path) {
     return hook ? (*hook)(op, path) : 0;
 }
 
+int CreateTempFile(std::filesystem::path* created) {
+    OutputFile file;
+    return CreateTempFile(created, &file);
+}
+
 int MakeTempCopy(const std::filesystem::path& source, std::filesystem::path* copy) {
     // The source is opened first, so a missing source leaves no temporary file to remove.
     errno = 0;

@@ -84,6 +84,8 @@ class OutputFile;
 // the list of files an interrupted zpdf removes until RemoveQuietly removes it. Returns a Win32
 // error number, 0 on success.
 int CreateTempFile(std::filesystem::path* created, OutputFile* file);
+// The same file, closed again: for those who write it by name later (through the file road).
+int CreateTempFile(std::filesystem::path* created);
 
 // A new "zpf" temporary file holding a copy of `source`. On failure nothing is left behind.
 int MakeTempCopy(const std::filesystem::path& source, std::filesystem::path* copy);

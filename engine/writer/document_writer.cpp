@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "engine/page_copy.h"
 #include "engine/page_tree_plan.h"
 #include "engine/placement.h"
 #include "engine/security/secured_save.h"
@@ -198,6 +199,22 @@ pdf_obj* ReadCopiedPage(Document::Impl& src, int index) {
         ThrowCaught(ctx, ErrorCategory::Page, doing);
     }
     return page;
+}
+
+// The object numbers of the `count` pages of `src`, in order; empty where its page tree does not
+// give every page a number of its own (the pages are then found one by one as they are written).
+std::vector<int> SourcePageNumbers(Document::Impl& src, int count) {
+    fz_context* ctx = src.ctx;
+    volatile int found = 0;
+    fz_try(ctx) {
+        if (count > 0) LookupPage(src, 0);  // fills the page number cache
+        found = 1;
+    }
+    fz_catch(ctx) {
+        found = 0;
+    }
+    if (found == 0 || src.page_numbers.size() != static_cast<std::size_t>(count)) return {};
+    return src.page_numbers;
 }
 
 // The streams of the placements drawn into pages as they are written: one written before with
@@ -475,6 +492,10 @@ class DocumentWriter {
             ~CopyScope() { printer.SetCopy(ctx, nullptr); }
         } scope{printer_, ctx_};
         printer_.SetCopy(source.ctx, &copy);
+        // References to the source's pages (a page action's destination) reach their copies.
+        const std::vector<int> pages = SourcePageNumbers(source, plan.pages);
+        for (std::size_t k = 0; k < pages.size(); ++k)
+            copy.Seed(pages[k], run.first_page + static_cast<int>(k));
         for (int k = 0; k < plan.pages; ++k) {
             const OwnedObject page(source.ctx, ReadCopiedPage(source, k));
             xref_->BeginObject(out_, run.first_page + k);
@@ -495,6 +516,13 @@ class DocumentWriter {
         ObjectSlot slot;
         LoadCopiedSlot(source.ctx, source.doc, stored, &slot);
         const OwnedObject keep(source.ctx, slot.obj);
+        // The source's catalog, page tree, structure tree and outline stay behind: what points
+        // at them reads null, and nothing they point at is dragged along.
+        if (slot.in_use != 0 && IsDocumentStructure(source.ctx, slot.obj)) {
+            xref_->BeginObject(out_, num);
+            out_.Put("null\nendobj\n");
+            return;
+        }
         if (slot.in_use != 0 && slot.is_stream != 0) {
             WriteStreamObject(source.ctx, source.doc, stored, num, 0, slot.obj);
             return;

@@ -19,7 +19,16 @@ int ObjectCopy::NumberFor(int stored) {
         num = next_free_++;
         queue_.push_back(stored);
     }
-    return num;
+    return num > 0 ? num : 0;
+}
+
+void ObjectCopy::Seed(int stored, int num) {
+    if (stored > 0 && static_cast<std::size_t>(stored) < numbers_.size())
+        numbers_[static_cast<std::size_t>(stored)] = num;
+}
+
+void ObjectCopy::LeaveOut(int stored) {
+    Seed(stored, -1);
 }
 
 bool ObjectCopy::TakeQueued(int* stored, int* num) {

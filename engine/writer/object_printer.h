@@ -20,13 +20,19 @@ class ObjectCopy {
     // `source_length` is the length of the source's table; numbers come from `next_free`.
     ObjectCopy(int source_length, int& next_free)
         : numbers_(static_cast<std::size_t>(source_length), 0), next_free_(next_free) {}
-    // The number the source's object `stored` is written under; 0 outside the source's table.
+    // The number the source's object `stored` is written under; 0 (written as null) outside the
+    // source's table and for objects left out.
     int NumberFor(int stored);
+    // Writes the source's object `stored` under `num`, which is written elsewhere: nothing is
+    // queued for it. For pages copied along, so that references to them reach their copies.
+    void Seed(int stored, int num);
+    // Leaves the source's object `stored` out: references to it are written as null.
+    void LeaveOut(int stored);
     // The next object met and not written yet. False when there is none.
     bool TakeQueued(int* stored, int* num);
 
   private:
-    std::vector<int> numbers_;  // by the source's object number; 0 until met
+    std::vector<int> numbers_;  // by the source's object number; 0 until met, -1 left out
     std::vector<int> queue_;
     int& next_free_;
 };

@@ -131,7 +131,9 @@ TEST(PageGraft, FailedRunLeavesNothingBehind) {
     std::vector<samples::SamplePage> pages;
     for (const std::string& label : Labels("s", 4))
         pages.push_back({595, 842, 0, samples::TextContent({label}, 842), ""});
-    pages[2].extra_entries = "/Contents 999 0 R";  // a later key wins; the file has no object 999
+    // Objects nested deeper than the copy follows; a reference to a missing object would read
+    // as null, which copies.
+    pages[2].extra_entries = "/Nest " + std::string(150, '[') + std::string(150, ']');
     const std::string broken = samples::BuildPdf(pages);
     for (const bool itself : {false, true}) {
         SCOPED_TRACE(itself ? "from itself" : "from another document");

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 
@@ -173,6 +174,96 @@ std::vector<std::uint8_t> HexBytes(std::string_view digits) {
 std::string PdfStream(const std::string& dict, const std::string& data) {
     return "<< " + dict + " /Length " + std::to_string(data.size()) + " >>\nstream\n" + data +
            "\nendstream";
+}
+
+std::string InteractivePdf(const std::string& tag, const std::string& dest, int marked) {
+    const auto content = [&tag, marked](const std::string& text, int page) {
+        return PdfStream("", "BT /F1 24 Tf 72 780 Td (" + tag + " " + text + ") Tj ET\n" +
+                                 (page == marked ? "BT /F1 12 Tf 72 700 Td (@@nd@@) Tj ET" : ""));
+    };
+    const std::string link = "/Type /Annot /Subtype /Link /Border [0 0 0] ";
+    const std::string widget = "/Type /Annot /Subtype /Widget /F 4 /P 5 0 R ";
+    const std::map<int, std::string> objects = {
+        {1,
+         "<< /Type /Catalog /Pages 2 0 R /Outlines 20 0 R"
+         " /Names << /Dests << /Names [(" +
+             dest +
+             ") [5 0 R /XYZ 0 842 0]] >> >>"
+             " /AcroForm << /Fields [12 0 R 13 0 R 14 0 R 23 0 R] /DA (/Helv 0 Tf 0 g)"
+             " /DR << /Font << /Helv 3 0 R >> >> /NeedAppearances true /SigFlags 3 >>"
+             " /PageLabels << /Nums [0 << /S /r >> 1 << /S /D /P (A-) /St 5 >>] >>"
+             " /OutputIntents [<< /Type /OutputIntent /S /GTS_PDFX"
+             " /OutputConditionIdentifier (FOGRA39) /Info (Coated) >>]"
+             " /Lang (en-GB) /StructTreeRoot 25 0 R /MarkInfo << /Marked true >> >>"},
+        // Resources and media box inherited from the root.
+        {2,
+         "<< /Type /Pages /Kids [4 0 R 5 0 R 6 0 R 7 0 R] /Count 4 /MediaBox [0 0 595 842]"
+         " /Resources << /Font << /F1 3 0 R /Helv 3 0 R >> >> >>"},
+        {3, "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>"},
+        {4,
+         "<< /Type /Page /Parent 2 0 R /Contents 8 0 R /Annots [15 0 R 16 0 R 17 0 R]"
+         " /StructParents 0 >>"},
+        {5,
+         "<< /Type /Page /Parent 2 0 R /Contents 9 0 R"
+         " /Annots [12 0 R 13 0 R 14 0 R 18 0 R] >>"},
+        {6, "<< /Type /Page /Parent 2 0 R /Contents 10 0 R /Annots [19 0 R 26 0 R] >>"},
+        {7, "<< /Type /Page /Parent 2 0 R /Contents 11 0 R /Annots [23 0 R 24 0 R] >>"},
+        {8, content("one", 1)},
+        {9, content("two", 2)},
+        {10, content("three", 3)},
+        {11, content("four", 4)},
+        {12, "<< " + widget + "/FT /Tx /T (name) /V (" + tag +
+                 ") /Rect [72 600 300 620] /DA (/Helv 12 Tf 0 g) >>"},
+        {13, "<< " + widget +
+                 "/FT /Btn /T (agree) /V /Yes /AS /Yes /Rect [72 560 92 580]"
+                 " /AP << /N << /Yes 21 0 R /Off 22 0 R >> >> >>"},
+        {14, "<< " + widget +
+                 "/FT /Ch /Ff 131072 /T (colour) /Opt [(Red) (Blue)] /V (Blue)"
+                 " /Rect [72 520 200 540] /DA (/Helv 12 Tf 0 g) >>"},
+        {15, "<< " + link +
+                 "/Rect [72 700 200 720] /Dest [6 0 R /Fit] /P 4 0 R"
+                 " /StructParent 1 >>"},
+        {16, "<< " + link + "/Rect [72 650 200 670] /A << /S /URI /URI (https://example.com/" +
+                 tag + ") >> /P 7 0 R >>"},
+        {17, "<< " + link + "/Rect [72 600 200 620] /Dest (" + dest + ") /P 4 0 R >>"},
+        {18, "<< " + link + "/Rect [72 480 200 500] /A << /S /GoTo /D [7 0 R /Fit] >> /P 5 0 R >>"},
+        {19, "<< /Type /Annot /Subtype /Text /Rect [72 700 92 720] /Contents (note " + tag +
+                 ") /P 6 0 R /Popup 26 0 R >>"},
+        {20, "<< /Type /Outlines /First 27 0 R /Last 29 0 R /Count 4 >>"},
+        {21, PdfStream("/Type /XObject /Subtype /Form /BBox [0 0 20 20]", "0 g 4 4 12 12 re f")},
+        {22, PdfStream("/Type /XObject /Subtype /Form /BBox [0 0 20 20]", "")},
+        {23,
+         "<< /Type /Annot /Subtype /Widget /F 4 /P 7 0 R /FT /Sig /T (sign) /V 31 0 R"
+         " /Rect [0 0 0 0] >>"},
+        {24, "<< " + link + "/Rect [72 700 200 720] /Dest [4 0 R /Fit] /P 7 0 R >>"},
+        {25,
+         "<< /Type /StructTreeRoot /K 32 0 R /ParentTree << /Nums [0 [32 0 R] 1 32 0 R] >>"
+         " /ParentTreeNextKey 2 >>"},
+        {26, "<< /Type /Annot /Subtype /Popup /Rect [100 600 300 700] /Parent 19 0 R /P 6 0 R >>"},
+        {27,
+         "<< /Title (Chapter A) /Parent 20 0 R /Next 29 0 R /First 28 0 R /Last 28 0 R"
+         " /Count 1 /Dest [4 0 R /Fit] >>"},
+        {28, "<< /Title (Section A.1) /Parent 27 0 R /Dest (" + dest + ") >>"},
+        {29,
+         "<< /Title (Chapter B) /Parent 20 0 R /Prev 27 0 R /First 30 0 R /Last 30 0 R"
+         " /Count 1 /A << /S /GoTo /D [6 0 R /Fit] >> >>"},
+        {30, "<< /Title (Section B.1) /Parent 29 0 R /Dest [7 0 R /Fit] >>"},
+        {31,
+         "<< /Type /Sig /Filter /Adobe.PPKLite /SubFilter /adbe.pkcs7.detached"
+         " /ByteRange [0 0 0 0] /Contents <00> >>"},
+        {32, "<< /Type /StructElem /S /Document /P 25 0 R /Pg 4 0 R /K [0] >>"},
+    };
+    std::string out = "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n", xref;
+    for (const auto& [num, text] : objects) {
+        char entry[24];
+        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", out.size());
+        xref += entry;
+        out += std::to_string(num) + " 0 obj\n" + text + "\nendobj\n";
+    }
+    const std::string size = std::to_string(objects.size() + 1);
+    const std::size_t start = out.size();
+    return out + "xref\n0 " + size + "\n0000000000 65535 f \n" + xref + "trailer\n<< /Size " +
+           size + " /Root 1 0 R >>\nstartxref\n" + std::to_string(start) + "\n%%EOF\n";
 }
 
 }  // namespace zpdf::test

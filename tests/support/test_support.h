@@ -68,6 +68,21 @@ std::vector<std::filesystem::path> FilesStartingWith(const std::filesystem::path
 // "<< dict /Length n >> stream ... endstream" for `data`.
 std::string PdfStream(const std::string& dict, const std::string& data);
 
+// A four-page document with what a page can carry besides its content, each text and value
+// holding `tag`. Page 1 ("<tag> one") has a link to page 3, a web link to
+// https://example.com/<tag> (whose /P names page 4, wrongly, as some producers write it) and a
+// link to the named destination (chap2), which is page 2. Page 2
+// ("<tag> two", then the split marker "@@nd@@") has the text field "name" (value `tag`), the check
+// box "agree" (on, /Yes), the combo box "colour" (Blue) and a link whose action goes to page 4.
+// Page 3 has a note ("note <tag>") with its popup, page 4 a signed signature field "sign" and a
+// link to page 1. The outline is "Chapter A" (page 1) > "Section A.1" (chap2), "Chapter B" (page 3,
+// by an action) > "Section B.1" (page 4). Pages are labelled i, A-5, A-6, A-7; there is an output
+// intent "FOGRA39", the language en-GB, and a structure tree that page 1 and its first link
+// point into.
+// `dest` renames the named destination; `marked` moves the marker to another page.
+std::string InteractivePdf(const std::string& tag, const std::string& dest = "chap2",
+                           int marked = 2);
+
 // Bytes written as pairs of hex digits; spaces only group them.
 std::vector<std::uint8_t> HexBytes(std::string_view digits);
 

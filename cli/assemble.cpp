@@ -4,6 +4,7 @@
 
 #include "cli/command.h"
 #include "cli/edit_session.h"
+#include "cli/outputs.h"
 #include "cli/page_selection.h"
 
 namespace zpdf::cli {
@@ -58,6 +59,9 @@ int RunStamp(const std::vector<std::string>& args) {
     EditSession session(kStampCommand);
     if (int rc =
             session.Begin(parsed.Positional()[0], parsed.Value("-o"), parsed.Value("--password")))
+        return rc;
+    if (int rc =
+            RefuseOutputOverInputs(kStampCommand, session.Destination(), {parsed.Positional()[1]}))
         return rc;
     CZPdfContentObject letterhead;
     if (int rc = OpenSource(kStampCommand, letterhead, parsed.Positional()[1],
@@ -191,6 +195,13 @@ int RunAppend(const std::vector<std::string>& args) {
 
     EditSession session(kAppendCommand);
     if (int rc = session.Begin(files[0].file, output, files[0].password)) return rc;
+    {
+        // None of the sources is the output, under any name.
+        std::vector<std::string> sources;
+        for (std::size_t i = 1; i < files.size(); ++i) sources.push_back(files[i].file);
+        if (int rc = RefuseOutputOverInputs(kAppendCommand, session.Destination(), sources))
+            return rc;
+    }
     CZPdfContentObject& object = session.Object();
     const std::size_t count = files.size() - 1;
     Progress progress("appending source", static_cast<long>(count));
@@ -257,6 +268,8 @@ int RunReplace(const std::vector<std::string>& args) {
 
     EditSession session(kReplaceCommand);
     if (int rc = session.Begin(pos[0], parsed.Value("-o"), parsed.Value("--password"))) return rc;
+    if (int rc = RefuseOutputOverInputs(kReplaceCommand, session.Destination(), {pos[2]}))
+        return rc;
     CZPdfContentObject source;
     if (int rc = OpenSource(kReplaceCommand, source, pos[2], parsed.Value("--source-password")))
         return rc;

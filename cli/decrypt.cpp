@@ -28,7 +28,8 @@ int RunDecrypt(const std::vector<std::string>& args) {
         CZPdfContentObject& object = opened.Object();
         const SideFileSaveResult saved = SaveThroughSideFile(
             object, target,
-            [&](engine::ByteSink& sink) { engine::SaveDecrypted(object.EngineDocument(), sink); });
+            [&](engine::ByteSink& sink) { engine::SaveDecrypted(object.EngineDocument(), sink); },
+            object.VersionReadFrom(target));
         if (hr::Failed(saved.result)) {
             return Failure(kDecryptCommand, shown, saved.why, saved.result);
         }

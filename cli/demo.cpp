@@ -5,10 +5,44 @@
 #include "cli/command.h"
 #include "cli/sample_pdf.h"
 #include "content_object/content_object.h"
+#include "platform/files.h"
 #include "platform/png_device_context.h"
 
 namespace zpdf::cli {
 namespace {
+
+// Writes a sample document into the demo's folder. Returns an empty text, or why it failed.
+std::string WriteSample(const std::filesystem::path& path, const std::string& bytes) {
+    fs::FileReplacement file(path, fs::FileReplacement::Durability::Buffered);
+    if (file.Open() != 0 || file.Write(bytes.data(), bytes.size()) != 0 || file.Commit() != 0)
+        return file.Problem();
+    return {};
+}
+
+// The demo's folder, new or empty, so that the demo never writes over a file of the user's.
+// Returns 0, or the exit code after the message.
+int PrepareFolder(const std::filesystem::path& dir) {
+    std::error_code ec;
+    const auto status = std::filesystem::symlink_status(dir, ec);
+    if (std::filesystem::exists(status)) {
+        if (!std::filesystem::is_directory(std::filesystem::status(dir, ec))) {
+            return Failure(kDemoCommand, dir.string(), "exists and is not a folder",
+                           hr::FromWin32(fs::kErrorFileExists));
+        }
+        if (!std::filesystem::is_empty(dir, ec) || ec) {
+            return Failure(kDemoCommand, dir.string(),
+                           "is not empty: the demo writes into a new or empty folder",
+                           hr::FromWin32(fs::kErrorFileExists));
+        }
+        return kExitOk;
+    }
+    std::filesystem::create_directories(dir, ec);
+    if (ec) {
+        return Failure(kDemoCommand, dir.string(), "cannot create the folder: " + ec.message(),
+                       hr::FromWin32(fs::Win32ErrorFromErrorCode(ec)));
+    }
+    return kExitOk;
+}
 
 std::vector<samples::SamplePage> InvoicePages() {
     std::vector<samples::SamplePage> pages;
@@ -74,15 +108,14 @@ int RunDemo(const std::vector<std::string>& args) {
     if (parsed.Positional().size() > 1) return UsageError(kDemoCommand, "expected at most one DIR");
     const std::filesystem::path dir =
         parsed.Positional().empty() ? "zpdf-demo" : parsed.Positional()[0];
+    if (const int rc = PrepareFolder(dir)) return rc;
     std::error_code ec;
-    std::filesystem::create_directories(dir, ec);
-    if (ec)
-        return Failure(kDemoCommand, dir.string(), "cannot create the folder", hr::FromWin32(5));
 
     // 1. A document to work on.
     const std::filesystem::path invoice = dir / "invoice.pdf";
-    if (!samples::WriteFile(invoice, samples::BuildPdf(InvoicePages()))) {
-        return Failure(kDemoCommand, invoice.string(), "cannot write the sample", hr::kFail);
+    if (const std::string why = WriteSample(invoice, samples::BuildPdf(InvoicePages()));
+        !why.empty()) {
+        return Failure(kDemoCommand, invoice.string(), why, hr::kFail);
     }
     std::printf("made the sample document %s\n", invoice.string().c_str());
 
@@ -102,9 +135,10 @@ int RunDemo(const std::vector<std::string>& args) {
     // 3. A letterhead stamped beneath every page, as vector content stored once.
     const std::filesystem::path letterhead_path = dir / "letterhead.pdf";
     const std::filesystem::path terms_path = dir / "terms.pdf";
-    if (!samples::WriteFile(letterhead_path, samples::BuildPdf({LetterheadPage()})) ||
-        !samples::WriteFile(terms_path, samples::BuildPdf({TermsPage()}))) {
-        return Failure(kDemoCommand, dir.string(), "cannot write the samples", hr::kFail);
+    for (const auto& [path, page] :
+         {std::pair{letterhead_path, LetterheadPage()}, std::pair{terms_path, TermsPage()}}) {
+        if (const std::string why = WriteSample(path, samples::BuildPdf({page})); !why.empty())
+            return Failure(kDemoCommand, path.string(), why, hr::kFail);
     }
     CZPdfContentObject letterhead;
     if (int rc = Step("set the letterhead",
@@ -134,15 +168,15 @@ int RunDemo(const std::vector<std::string>& args) {
     const int w = static_cast<int>(width * 100 / 72 + 0.5);
     const int h = static_cast<int>(height * 100 / 72 + 0.5);
     if (const int error = png.Open(png_path, w, h, 100)) {
-        return Failure(kDemoCommand, png_path.string(), "cannot create the file",
-                       hr::FromWin32(error));
+        return Failure(kDemoCommand, png_path.string(),
+                       "cannot create the file: " + fs::ErrorText(error), hr::FromWin32(error));
     }
     if (int rc =
             Step("draw page 1", object.DrawPageToDC(png, 1, 0, 0, w, h, 0, 0, 0, 0, 0), object))
         return rc;
     if (const int error = png.Finish()) {
-        return Failure(kDemoCommand, png_path.string(), "cannot write the file",
-                       hr::FromWin32(error));
+        return Failure(kDemoCommand, png_path.string(),
+                       "cannot write the file: " + fs::ErrorText(error), hr::FromWin32(error));
     }
     std::printf("drew page 1 at 100 dpi into %s\n", png_path.string().c_str());
 
@@ -153,8 +187,9 @@ int RunDemo(const std::vector<std::string>& args) {
 
     // 5. Splitting a print file after its marker pages, one file per letter.
     const std::filesystem::path letters = dir / "letters.pdf";
-    if (!samples::WriteFile(letters, samples::BuildPdf(LetterPages()))) {
-        return Failure(kDemoCommand, letters.string(), "cannot write the sample", hr::kFail);
+    if (const std::string why = WriteSample(letters, samples::BuildPdf(LetterPages()));
+        !why.empty()) {
+        return Failure(kDemoCommand, letters.string(), why, hr::kFail);
     }
     CZPdfContentObject splitter;
     std::int32_t parts = 0;
@@ -176,11 +211,11 @@ const Command kDemoCommand{
     "demo", "run a typical print job on sample documents it makes itself",
     "Usage: zpdf demo [DIR]\n"
     "\n"
-    "Makes sample documents in DIR (default ./zpdf-demo) and runs the job a print\n"
-    "engine runs on them: open, count and measure the pages, stamp a letterhead\n"
-    "beneath every page, append the terms, draw page 1 into a PNG, save, and split a\n"
-    "print file of three letters after its marker pages. It says\n"
-    "what it wrote where. No input is needed.\n",
+    "Makes sample documents in DIR (default ./zpdf-demo), which must be new or\n"
+    "empty, and runs the job a print engine runs on them: open, count and measure\n"
+    "the pages, stamp a letterhead beneath every page, append the terms, draw page 1\n"
+    "into a PNG, save, and split a print file of three letters after its marker\n"
+    "pages. It says what it wrote where. No input is needed.\n",
     RunDemo};
 
 }  // namespace zpdf::cli

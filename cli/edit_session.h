@@ -29,6 +29,8 @@ class EditSession {
     int Commit();
     // Where the result goes, as the user named it.
     std::string DestinationName() const;
+    // The file the result is written to.
+    const std::filesystem::path& Destination() const { return destination_; }
 
   private:
     const Command& command_;

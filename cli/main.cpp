@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/signals.h"
 #include "engine/page_info.h"
 #include "log/log_manager.h"
 
@@ -62,6 +63,7 @@ void PrintVersion() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    zpdf::cli::RemoveFilesWhenInterrupted();
     using zpdf::cli::Verbosity;
     // The load messages are for the component's other hosts; zpdf shows them with -v only.
     zpdf::cli::SetVerbosity(Verbosity::kNormal);

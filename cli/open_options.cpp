@@ -106,9 +106,11 @@ OpenedDocument::~OpenedDocument() {
 int OpenedDocument::Open(const std::string& file, const OpenOptions& options) {
     std::u16string path = FromAnsi(file);
     if (options.ForRecipient()) {
-        if (const int error = fs::CreateTempFile(&plain_copy_)) {
+        fs::OutputFile created;  // replaced as a whole by the plain copy below
+        if (const int error = fs::CreateTempFile(&plain_copy_, &created)) {
             return Failure(command_, file, "cannot create a temporary file", hr::FromWin32(error));
         }
+        created.Close();
         if (const int rc = WriteRecipientPlainCopy(command_, file, options, plain_copy_)) return rc;
         path = FromPath(plain_copy_);
     }

@@ -9,10 +9,12 @@
 
 #include "cli/command.h"
 #include "cli/open_options.h"
+#include "cli/outputs.h"
 #include "content_object/content_object.h"
 #include "content_object/side_file_save.h"
 #include "engine/security/protection.h"
 #include "engine/security/recipient_check.h"
+#include "platform/files.h"
 
 namespace zpdf::cli {
 namespace {
@@ -112,7 +114,8 @@ std::filesystem::path Target(const Arguments& parsed, const std::string& file) {
 int WriteSecured(const Command& command, OpenedDocument& opened, const std::string& file,
                  const Arguments& parsed, const DocumentSerialiser& serialise) {
     const std::filesystem::path target = Target(parsed, file);
-    const SideFileSaveResult saved = SaveThroughSideFile(opened.Object(), target, serialise);
+    const SideFileSaveResult saved = SaveThroughSideFile(opened.Object(), target, serialise,
+                                                         opened.Object().VersionReadFrom(target));
     const std::string shown = parsed.Value("-o").value_or(file);
     if (hr::Failed(saved.result)) return Failure(command, shown, saved.why, saved.result);
     std::printf("%s: written\n", shown.c_str());
@@ -250,12 +253,19 @@ int RunProtectPubKey(const std::vector<std::string>& args) {
     std::vector<std::string> recipients;
     const std::vector<std::string> names(parsed.Positional().begin() + 1,
                                          parsed.Positional().end());
+    const std::optional<std::string> output = parsed.Value("-o");
+    if (const int rc = RefuseOutputOverInputs(kProtectPubKeyCommand,
+                                              ToPath(FromAnsi(output ? *output : file)), names))
+        return rc;
     for (const std::string& name : names) {
         std::ifstream in(ToPath(FromAnsi(name)), std::ios::binary);
         std::ostringstream text;
         if (in.is_open()) text << in.rdbuf();
         if (!in.is_open() || in.bad()) {
-            return Failure(kProtectPubKeyCommand, name, "cannot read the certificate file",
+            return Failure(kProtectPubKeyCommand, name,
+                           fs::FileExists(ToPath(FromAnsi(name)))
+                               ? "cannot read the certificate file"
+                               : "cannot read the certificate file: it does not exist",
                            hr::kInvalidArg);
         }
         recipients.push_back(text.str());

@@ -6,8 +6,10 @@
 #include "cli/command.h"
 #include "cli/edit_session.h"
 #include "cli/open_options.h"
+#include "cli/outputs.h"
 #include "cli/streams.h"
 #include "content_object/content_object.h"
+#include "platform/files.h"
 #include "platform/png_device_context.h"
 
 namespace zpdf::cli {
@@ -58,6 +60,7 @@ int RunRender(const std::vector<std::string>& args) {
     if (!page) return UsageError(kRenderCommand, "PAGE must be a page number from 1 on");
     const auto dpi = ParseNumber(parsed.Value("--dpi").value_or("150"), 1, 4800);
     if (!dpi) return UsageError(kRenderCommand, "--dpi must be a whole number from 1 to 4800");
+    if (int rc = RefuseOutputOverInputs(kRenderCommand, ToPath(FromAnsi(out)), {file})) return rc;
 
     // "-" reads the document from standard input and writes the image to standard output.
     StreamFile input;
@@ -104,7 +107,8 @@ int RunRender(const std::vector<std::string>& args) {
     const int w = static_cast<int>(width_px);
     const int h = static_cast<int>(height_px);
     if (const int error = png.Open(ToPath(FromAnsi(image)), w, h, static_cast<int>(*dpi))) {
-        return Failure(kRenderCommand, shown_out, "cannot create the file", hr::FromWin32(error));
+        return Failure(kRenderCommand, shown_out, "cannot create the file: " + fs::ErrorText(error),
+                       hr::FromWin32(error));
     }
     {
         ProgressDeviceContext drawing(png, h);
@@ -114,7 +118,8 @@ int RunRender(const std::vector<std::string>& args) {
     if (hr::Failed(result))
         return Failure(kRenderCommand, shown_in, object.LastErrorText(), result);
     if (const int error = png.Finish()) {
-        return Failure(kRenderCommand, shown_out, "cannot write the file", hr::FromWin32(error));
+        return Failure(kRenderCommand, shown_out, "cannot write the file: " + fs::ErrorText(error),
+                       hr::FromWin32(error));
     }
     if (IsStandardStream(out)) {
         if (const int error = output.WriteStandardOutput())

@@ -50,15 +50,17 @@ HResult CZPdfContentObject::SetPdfDocument(const OptionalText& PdfFile, VariantB
                                            const OptionalText& Password) {
     if (!PdfFile) return Fail(hr::kInvalidArg, "No file name was given");
     if (!fs::FileExists(ToPath(*PdfFile))) {
-        return Fail(hr::kInvalidArg, Utf16ToUtf8(*PdfFile) + " does not exist");
+        // The name as the file system has it: bytes that are not UTF-8 print as they are.
+        return Fail(hr::kInvalidArg, ToPath(*PdfFile).string() + " does not exist");
     }
     ResetDocument();
     dirty_ = 1;
     if (Embed != 0) {
         std::filesystem::path copy;
         if (const int error = fs::MakeTempCopy(ToPath(*PdfFile), &copy)) {
-            return Fail(hr::FromWin32(error),
-                        "Cannot make the private copy of " + Utf16ToUtf8(*PdfFile));
+            return Fail(hr::FromWin32(error), "Cannot make the private copy of " +
+                                                  ToPath(*PdfFile).string() + ": " +
+                                                  fs::ErrorText(error));
         }
         pdf_file_ = FromPath(copy);
         owns_copy_ = true;

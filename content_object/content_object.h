@@ -14,6 +14,7 @@
 #include "engine/page_info.h"
 #include "platform/byte_stream.h"
 #include "platform/device_context.h"
+#include "platform/files.h"
 #include "platform/hresult.h"
 #include "platform/text.h"
 
@@ -51,6 +52,9 @@ class CZPdfContentObject final : public PageDrawing {
     HResult EnsureViewerDocument();
     void CloseDocuments();
     void ResetDocument();
+    // The version of `target` the open document was read from, when `target` is the object's
+    // own file: a save there must still find that file.
+    std::optional<fs::FileIdentity> VersionReadFrom(const std::filesystem::path& target) const;
 
     // Page geometry and drawing. Page numbers are 1-based.
     HResult PageCount(std::int32_t* pVal);

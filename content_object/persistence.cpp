@@ -76,20 +76,17 @@ HResult WriteFileContent(ByteStream& stream, const std::filesystem::path& path, 
 // opening the shorter file reports the damage later.
 HResult RestoreFileContent(ByteStream& stream, std::filesystem::path* restored, std::string* why) {
     std::filesystem::path copy;
-    if (const int error = fs::CreateTempFile(&copy)) {
-        *why = "Cannot create the private copy of the embedded document";
+    fs::OutputFile file;
+    if (const int error = fs::CreateTempFile(&copy, &file)) {
+        *why = "Cannot create the private copy of the embedded document: " + fs::ErrorText(error);
         return hr::FromWin32(error);
     }
-    fs::OutputFile file;
     auto fail = [&](HResult result, const char* reason) {
         file.Close();
         fs::RemoveQuietly(copy);
         *why = reason;
         return result;
     };
-    if (const int error = file.Open(copy)) {
-        return fail(hr::FromWin32(error), "Cannot open the private copy for writing");
-    }
     std::uint32_t remaining = 0;
     if (const HResult result = record::ReadUInt32(stream, &remaining); hr::Failed(result)) {
         return fail(result, "The stored state ends before the length of the embedded document");

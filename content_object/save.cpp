@@ -17,46 +17,50 @@ SideFileSaveResult Failure(HResult result, std::string why) {
     return SideFileSaveResult{result, std::move(why)};
 }
 
-std::string WithError(const std::string& what, int error) {
-    return what + " (error " + std::to_string(error) + ")";
-}
-
 }  // namespace
 
 SideFileSaveResult SaveThroughSideFile(CZPdfContentObject& object,
                                        const std::filesystem::path& target,
-                                       const DocumentSerialiser& serialise) {
+                                       const DocumentSerialiser& serialise,
+                                       const std::optional<fs::FileIdentity>& read_from) {
     const auto started = std::chrono::steady_clock::now();
     fs::FileReplacement file(target);
-    const std::string side = file.SidePath().string();
-    if (const int error = file.Open()) {
-        return Failure(hr::kFail, WithError("Cannot create " + side, error));
-    }
+    if (read_from) file.ExpectVersion(*read_from);
+    if (file.Open() != 0) return Failure(hr::kFail, file.Problem());
     FileReplacementSink sink(file);
     try {
         serialise(sink);
     } catch (const std::bad_alloc&) {
-        return Failure(hr::kOutOfMemory, "Out of memory writing " + side);
+        return Failure(hr::kOutOfMemory, "Out of memory writing " + target.string());
     } catch (const std::exception& e) {
-        if (sink.Error() != 0) {
-            return Failure(hr::kFail, WithError("Cannot write " + side, sink.Error()));
-        }
+        if (sink.Error() != 0) return Failure(hr::kFail, file.Problem());
         return Failure(hr::kFail, e.what());
     }
-    if (const int error = file.FinishData()) {
-        return Failure(hr::kFail, WithError("Cannot flush " + side, error));
-    }
+    if (file.FinishData() != 0) return Failure(hr::kFail, file.Problem());
 
     object.CloseDocuments();
-    if (const int error = file.Replace()) {
-        return Failure(hr::kFail, WithError("Cannot replace " + target.string(), error));
-    }
+    if (file.Replace() != 0) return Failure(hr::kFail, file.Problem());
     ZPDF_LOG_INFO(diagnostics::Save(), "saved %s: %llu bytes in %lld ms", target.string().c_str(),
                   static_cast<unsigned long long>(file.BytesWritten()),
                   static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
                                              std::chrono::steady_clock::now() - started)
                                              .count()));
     return {};
+}
+
+std::optional<fs::FileIdentity> CZPdfContentObject::VersionReadFrom(
+    const std::filesystem::path& target) const {
+    // A save over the object's own file must find the file the document was read from: when
+    // another writer replaced it meanwhile, writing over it would lose that writer's work.
+    if (!HasPath() || file_ == nullptr) return std::nullopt;
+    std::error_code ec;
+    const auto own = std::filesystem::weakly_canonical(ToPath(*pdf_file_), ec);
+    if (ec) return std::nullopt;
+    const auto to = std::filesystem::weakly_canonical(target, ec);
+    if (ec || own != to) return std::nullopt;
+    fs::FileIdentity identity;
+    if (!fs::IdentifyOpenFile(file_, &identity)) return std::nullopt;
+    return identity;
 }
 
 HResult CZPdfContentObject::Save() {
@@ -69,7 +73,8 @@ HResult CZPdfContentObject::SaveTo(const std::filesystem::path& target) {
     if (!HasPath()) return Fail(hr::kUnexpected, "No document is set");
     if (const HResult opened = EnsurePdfDocument(); hr::Failed(opened)) return opened;
     const SideFileSaveResult saved = SaveThroughSideFile(
-        *this, target, [this](engine::ByteSink& sink) { engine::WriteDocument(*document_, sink); });
+        *this, target, [this](engine::ByteSink& sink) { engine::WriteDocument(*document_, sink); },
+        VersionReadFrom(target));
     if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
     return hr::kOk;
 }

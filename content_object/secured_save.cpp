@@ -4,9 +4,9 @@
 #include <vector>
 
 #include "content_object/content_object.h"
-#include "engine/security/secured_save.h"
 #include "content_object/side_file_save.h"
 #include "engine/engine.h"
+#include "engine/security/secured_save.h"
 
 namespace zpdf {
 
@@ -26,10 +26,10 @@ HResult CZPdfContentObject::SaveWithSecurityTo(const std::filesystem::path& targ
     std::optional<std::string> owner;
     if (OwnerPassword) owner = ToAnsi(*OwnerPassword);
     if (UserPassword) user = ToAnsi(*UserPassword);
-    const SideFileSaveResult saved =
-        SaveThroughSideFile(*this, target, [&](engine::ByteSink& sink) {
-            engine::SaveWithPasswords(*document_, sink, user, owner);
-        });
+    const SideFileSaveResult saved = SaveThroughSideFile(
+        *this, target,
+        [&](engine::ByteSink& sink) { engine::SaveWithPasswords(*document_, sink, user, owner); },
+        VersionReadFrom(target));
     if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
     return hr::kOk;
 }
@@ -51,10 +51,10 @@ HResult CZPdfContentObject::SaveWithPubKeySecurityTo(const std::filesystem::path
     for (const OptionalText& recipient : *recipients) {
         certificates.push_back(recipient ? ToAnsi(*recipient) : std::string());
     }
-    const SideFileSaveResult saved =
-        SaveThroughSideFile(*this, target, [&](engine::ByteSink& sink) {
-            engine::SaveWithRecipients(*document_, sink, certificates);
-        });
+    const SideFileSaveResult saved = SaveThroughSideFile(
+        *this, target,
+        [&](engine::ByteSink& sink) { engine::SaveWithRecipients(*document_, sink, certificates); },
+        VersionReadFrom(target));
     if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
     return hr::kOk;
 }

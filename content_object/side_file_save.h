@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "content_object/content_object.h"
@@ -39,9 +40,11 @@ struct SideFileSaveResult {
 // The saves of the content object: the data is made durable, the object's documents are closed
 // (the target may be their own file) and the side file replaces the target. E_FAIL when the side
 // file cannot be created, the serialiser fails, the data cannot be made durable or the move
-// fails. The object's documents stay open unless the failure came at the move.
+// fails, or when `read_from` is given and the target is no longer that file (another writer
+// replaced it). The object's documents stay open unless the failure came at the move.
 SideFileSaveResult SaveThroughSideFile(CZPdfContentObject& object,
                                        const std::filesystem::path& target,
-                                       const DocumentSerialiser& serialise);
+                                       const DocumentSerialiser& serialise,
+                                       const std::optional<fs::FileIdentity>& read_from);
 
 }  // namespace zpdf

@@ -28,10 +28,6 @@ std::filesystem::path PartPath(const std::u16string& prefix, int number,
     return ToPath(prefix + u"_" + Utf8ToUtf16(std::to_string(number)) + extension);
 }
 
-std::string ErrorSuffix(int error) {
-    return " (error " + std::to_string(error) + ")";
-}
-
 // The source's load failures are reported where the object's own are.
 void ReportLoadFailure(const std::string& text) {
     diagnostics::WriteLoadMessage("Load pdf docs unsuccessful: " + text + ".");
@@ -39,35 +35,40 @@ void ReportLoadFailure(const std::string& text) {
 
 // Writes pages first to last (0-based) of `source` as `target`. Returns the result and, on
 // failure, why.
-HResult WritePart(engine::SplitSource& source, int first, int last,
-                  const std::filesystem::path& target, std::string* why) {
+HResult WritePart(engine::SplitSource& source, const fs::FileIdentity& source_identity, int first,
+                  int last, const std::filesystem::path& target, std::string* why) {
+    // A part never takes the place of the file it is cut from, whatever name leads to it.
+    fs::FileIdentity existing;
+    if (fs::IdentifyFile(target, &existing) && existing.SameFile(source_identity)) {
+        *why = "Cannot write " + target.string() + ": it is the file being split";
+        return hr::FromWin32(fs::kErrorAccessDenied);
+    }
     // Neither a part nor its name is forced to the disk: a part can be made again from the
     // source, and two waits for the disk per part would cost more than the whole text scan.
     fs::FileReplacement file(target, fs::FileReplacement::Durability::Buffered);
-    const std::string side = file.SidePath().string();
     if (int error = file.Open()) {
         // Creating a file fails with "not found" only when its folder is missing.
         if (error == fs::kErrorFileNotFound) error = fs::kErrorPathNotFound;
-        *why = "Cannot create " + side + ErrorSuffix(error);
+        *why = file.Problem();
         return hr::FromWin32(error);
     }
     FileReplacementSink sink(file);
     try {
         source.WritePages(first, last, sink);
     } catch (const engine::EngineError& e) {
-        *why = "Cannot write " + side + ": " + e.what();
         if (sink.Error() != 0) {
-            *why += ErrorSuffix(sink.Error());
+            *why = file.Problem();
             return hr::FromWin32(sink.Error());
         }
+        *why = "Cannot write " + target.string() + ": " + e.what();
         return hr::kFail;
     }
     if (const int error = file.FinishData()) {
-        *why = "Cannot finish " + side + ErrorSuffix(error);
+        *why = file.Problem();
         return hr::FromWin32(error);
     }
     if (const int error = file.Replace()) {
-        *why = "Cannot move " + side + " to " + target.string() + ErrorSuffix(error);
+        *why = file.Problem();
         return hr::FromWin32(error);
     }
     return hr::kOk;
@@ -90,7 +91,12 @@ HResult CZPdfContentObject::SplitPdf(const OptionalText& PdfFile, const Optional
             const int error = fs::Win32ErrorFromErrno(errno != 0 ? errno : ENOENT);
             ReportLoadFailure(LoadErrorText(static_cast<long>(engine::ErrorCategory::File)));
             return Fail(hr::FromWin32(error), "Cannot open " + source_path.string() +
-                                                  " for reading" + ErrorSuffix(error));
+                                                  " for reading: " + fs::ErrorText(error));
+        }
+        fs::FileIdentity source_identity;
+        if (!fs::IdentifyOpenFile(file.get(), &source_identity)) {
+            return Fail(hr::FromWin32(fs::kErrorReadFault),
+                        "Cannot identify " + source_path.string());
         }
 
         engine::SplitSource source;
@@ -117,7 +123,7 @@ HResult CZPdfContentObject::SplitPdf(const OptionalText& PdfFile, const Optional
         const auto write_next_part = [&](int first, int last) {
             const std::filesystem::path target =
                 PartPath(*DestPrefix, *Splitted + 1, options != nullptr ? options->extension : u"");
-            const HResult result = WritePart(source, first, last, target, &why);
+            const HResult result = WritePart(source, source_identity, first, last, target, &why);
             if (hr::Failed(result)) return result;
             ++*Splitted;
             if (observer != nullptr) observer->PartWritten(*Splitted, first + 1, last + 1, target);

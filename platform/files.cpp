@@ -6,6 +6,8 @@
 #include <mutex>
 #include <utility>
 
+#include "platform/cleanup_registry.h"
+
 namespace zpdf::fs {
 namespace {
 
@@ -69,6 +71,10 @@ const char* FileOpName(FileOp op) {
             return "copy";
         case FileOp::Read:
             return "read";
+        case FileOp::Attributes:
+            return "attributes";
+        case FileOp::SyncFolder:
+            return "sync-folder";
     }
     return "?";
 }
@@ -89,17 +95,32 @@ int InjectedFault(FileOp op, const std::filesystem::path& path) {
     return hook ? (*hook)(op, path) : 0;
 }
 
+int CreateTempFile(std::filesystem::path* created) {
+    OutputFile file;
+    return CreateTempFile(created, &file);
+}
+
 int MakeTempCopy(const std::filesystem::path& source, std::filesystem::path* copy) {
+    // The source is opened first, so a missing source leaves no temporary file to remove.
+    errno = 0;
+    std::unique_ptr<FILE, int (*)(FILE*)> in(OpenFile(source, "rb"), &std::fclose);
+    if (!in) return Win32ErrorFromErrno(errno != 0 ? errno : ENOENT);
     std::filesystem::path created;
-    if (const int error = CreateTempFile(&created)) return error;
+    OutputFile out;
+    if (const int error = CreateTempFile(&created, &out)) return error;
     int error = InjectedFault(FileOp::Copy, created);
-    if (error == 0) {
-        std::error_code ec;
-        std::filesystem::copy_file(source, created,
-                                   std::filesystem::copy_options::overwrite_existing, ec);
-        if (ec) error = Win32ErrorFromErrorCode(ec);
+    char buffer[64 * 1024];
+    while (error == 0) {
+        const std::size_t got = std::fread(buffer, 1, sizeof buffer, in.get());
+        if (got == 0) {
+            if (std::ferror(in.get())) error = kErrorReadFault;
+            break;
+        }
+        error = out.Write(buffer, got);
     }
+    if (error == 0) error = out.Finish();
     if (error != 0) {
+        out.Close();
         RemoveQuietly(created);
         return error;
     }
@@ -116,6 +137,9 @@ bool FileExists(const std::filesystem::path& path) {
 void RemoveQuietly(const std::filesystem::path& path) {
     std::error_code ec;
     std::filesystem::remove(path, ec);
+    // Off the list only once it is gone: an interruption in between removes nothing that
+    // still exists.
+    UnregisterCleanup(path);
 }
 
 long long FileSize(const std::filesystem::path& path) {
@@ -128,15 +152,11 @@ OutputFile::~OutputFile() {
     Close();
 }
 
-int OutputFile::Open(const std::filesystem::path& path) {
+void OutputFile::Adopt(FILE* file, const std::filesystem::path& path) {
     Close();
+    file_ = file;
     path_ = path;
     written_ = 0;
-    if (const int error = InjectedFault(FileOp::Create, path)) return error;
-    errno = 0;
-    file_ = OpenFile(path, "wb");
-    if (file_ == nullptr) return Win32ErrorFromErrno(errno != 0 ? errno : EIO);
-    return 0;
 }
 
 int OutputFile::Write(const void* data, std::size_t size) {
@@ -150,15 +170,40 @@ int OutputFile::Write(const void* data, std::size_t size) {
     return 0;
 }
 
-int OutputFile::Finish() {
+int OutputFile::FlushBuffers() {
     if (file_ == nullptr) return kErrorGenFailure;
-    int error = InjectedFault(FileOp::Flush, path_);
-    if (error == 0 && std::fflush(file_) != 0) error = Win32ErrorFromErrno(errno);
-    if (error == 0) error = InjectedFault(FileOp::Close, path_);
+    if (const int error = InjectedFault(FileOp::Flush, path_)) return error;
+    errno = 0;
+    if (std::fflush(file_) != 0) return Win32ErrorFromErrno(errno != 0 ? errno : EIO);
+    return 0;
+}
+
+int OutputFile::CloseChecked() {
+    if (file_ == nullptr) return kErrorGenFailure;
+    int error = InjectedFault(FileOp::Close, path_);
+    errno = 0;
     const int closed = std::fclose(file_);
     file_ = nullptr;
-    if (error == 0 && closed != 0) error = Win32ErrorFromErrno(errno);
+    if (error == 0 && closed != 0) error = Win32ErrorFromErrno(errno != 0 ? errno : EIO);
     return error;
+}
+
+int OutputFile::Finish() {
+    if (const int error = FlushBuffers()) {
+        Close();
+        return error;
+    }
+    return CloseChecked();
+}
+
+int OutputFile::Commit() {
+    int error = FlushBuffers();
+    if (error == 0) error = SyncData();
+    if (error != 0) {
+        Close();
+        return error;
+    }
+    return CloseChecked();
 }
 
 void OutputFile::Close() {
@@ -168,35 +213,17 @@ void OutputFile::Close() {
     }
 }
 
-FileReplacement::FileReplacement(std::filesystem::path target, Durability durability)
-    : target_(std::move(target)), side_(target_), durability_(durability) {
-    side_ += ".part";
-}
-
-FileReplacement::~FileReplacement() {
-    file_.Close();
-    if (created_ && !replaced_) RemoveQuietly(side_);
-}
-
-int FileReplacement::Open() {
-    const int error = file_.Open(side_);
-    created_ = error == 0;
+int FileReplacement::Fail(int error, const std::string& what) {
+    problem_ = what + ": " + ErrorText(error);
     return error;
 }
 
 int FileReplacement::Write(const void* data, std::size_t size) {
-    return file_.Write(data, size);
-}
-
-int FileReplacement::FinishData() {
-    return durability_ == Durability::Synced ? file_.Commit() : file_.Finish();
-}
-
-int FileReplacement::Replace() {
-    const int error = durability_ == Durability::Synced ? MoveReplace(side_, target_)
-                                                        : MoveReplaceWithoutSync(side_, target_);
-    if (error == 0) replaced_ = true;
-    return error;
+    if (const int error = file_.Write(data, size)) {
+        return Fail(error, "Cannot write " + target_.string() + " (side file " +
+                               side_.filename().string() + ")");
+    }
+    return 0;
 }
 
 int FileReplacement::Commit() {

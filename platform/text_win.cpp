@@ -29,4 +29,12 @@ std::u16string FromAnsi(std::string_view text) {
     return out;
 }
 
+std::filesystem::path ToPath(std::u16string_view text) {
+    return std::filesystem::path(std::u16string(text));
+}
+
+std::u16string FromPath(const std::filesystem::path& path) {
+    return path.u16string();
+}
+
 }  // namespace zpdf

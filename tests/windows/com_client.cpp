@@ -253,12 +253,18 @@ void Run(const std::wstring& doc, const wchar_t* letterhead_path) {
         SafeArrayGetElement(ids, &bounds[0], &form);
         SafeArrayDestroy(ids);
     }
+    // The saved file keeps the attributes the replaced one had.
+    const DWORD kept = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_ARCHIVE;
+    SetFileAttributesW(doc.c_str(), kept);
     Check(hr == S_OK && bounds[0] == 0 && bounds[1] == 0 && type == VT_UI4 &&
               object->PlaceContent(form, 2, 10, 10, 0.5f, 0.5f, VARIANT_TRUE) == S_OK &&
               object->AppendPages(letterhead) == S_OK &&
               object->ReplacePages(3, letterhead, 1, 1) == S_OK &&
               object->get_PageCount(&pages) == S_OK && pages == 3 && object->Save() == S_OK,
           "ImportContent gives a zero-based VT_UI4 array; placed, appended, replaced, saved", hr);
+    Check((GetFileAttributesW(doc.c_str()) & kept) == kept,
+          "the saved file keeps the hidden attribute of the file it replaced");
+    SetFileAttributesW(doc.c_str(), FILE_ATTRIBUTE_NORMAL);
 
     // Bound to the object, the element hands back the same interface and draws its page through
     // a 32-bit device context handle.

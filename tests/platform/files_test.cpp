@@ -1,0 +1,394 @@
+// The one road of written files, on real files, links, modes and folders: what the replaced
+// file keeps, what the side file never touches, and what happens when two writers meet.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "platform/cleanup_registry.h"
+#include "platform/files.h"
+#include "platform/text.h"
+#include "support/test_support.h"
+
+namespace zpdf {
+namespace {
+
+namespace stdfs = std::filesystem;
+using Path = stdfs::path;
+
+// Writes `bytes` over `target` through the road; the error, 0 on success.
+int Replace(const Path& target, const std::string& bytes, std::string* problem = nullptr) {
+    fs::FileReplacement file(target);
+    int error = file.Open();
+    if (error == 0) error = file.Write(bytes.data(), bytes.size());
+    if (error == 0) error = file.Commit();
+    if (problem != nullptr) *problem = file.Problem();
+    return error;
+}
+
+// Everything in `dir`, by name, sorted.
+std::vector<std::string> Entries(const Path& dir) {
+    std::vector<std::string> names;
+    for (const auto& entry : stdfs::directory_iterator(dir))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+struct stat Stat(const Path& path) {
+    struct stat st {};
+    EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
+    return st;
+}
+
+// What lies around the target before the write, and what must hold after it. `target` is the
+// name written to; `entries` what the folder holds afterwards.
+struct PlacementCase {
+    const char* name;
+    std::function<Path(const Path& dir)> prepare;  // returns the name to write to
+    std::function<void(const Path& dir, const Path& target)> check;
+    std::vector<std::string> entries;
+};
+
+const PlacementCase kPlacements[] = {
+    {"NewFileTakesTheUsualMode",
+     [](const Path& dir) { return dir / "new.pdf"; },
+     [](const Path&, const Path& target) {
+         const mode_t mask = ::umask(0);
+         ::umask(mask);
+         EXPECT_EQ(Stat(target).st_mode & 07777, 0666 & ~mask);
+     },
+     {"new.pdf"}},
+    {"ModeOwnerAndGroupAreKept",
+     [](const Path& dir) {
+         test::WriteBytes(dir / "doc.pdf", "old");
+         EXPECT_EQ(::chmod((dir / "doc.pdf").c_str(), 0640), 0);
+         // Another user's file, as only the superuser can make it; others keep their own.
+         if (::geteuid() == 0) {
+             EXPECT_EQ(::chown((dir / "doc.pdf").c_str(), 4321, 8765), 0);
+         }
+         return dir / "doc.pdf";
+     },
+     [](const Path&, const Path& target) {
+         const struct stat st = Stat(target);
+         EXPECT_EQ(st.st_mode & 07777, 0640u);
+         EXPECT_EQ(st.st_uid, ::geteuid() == 0 ? 4321u : ::geteuid());
+         EXPECT_EQ(st.st_gid, ::geteuid() == 0 ? 8765u : ::getegid());
+     },
+     {"doc.pdf"}},
+    {"ExtendedAttributesAreKept",
+     [](const Path& dir) {
+         test::WriteBytes(dir / "doc.pdf", "old");
+         if (::setxattr((dir / "doc.pdf").c_str(), "user.origin", "scanner", 7, 0) != 0)
+             test::WriteBytes(dir / "no-xattr", "");  // the check below knows to skip
+         return dir / "doc.pdf";
+     },
+     [](const Path& dir, const Path& target) {
+         if (stdfs::exists(dir / "no-xattr")) {
+             stdfs::remove(dir / "no-xattr");
+             GTEST_SKIP() << "this file system keeps no user attributes";
+         }
+         char value[32] = {};
+         ASSERT_EQ(::getxattr(target.c_str(), "user.origin", value, sizeof value), 7);
+         EXPECT_EQ(std::string(value, 7), "scanner");
+     },
+     {"doc.pdf"}},
+    {"SymbolicLinkStaysALinkToTheNewContent",
+     [](const Path& dir) {
+         stdfs::create_directory(dir / "real");
+         test::WriteBytes(dir / "real" / "doc.pdf", "old");
+         stdfs::create_symlink("real/doc.pdf", dir / "link.pdf");
+         return dir / "link.pdf";
+     },
+     [](const Path& dir, const Path& target) {
+         EXPECT_TRUE(stdfs::is_symlink(target));
+         EXPECT_EQ(stdfs::read_symlink(target), "real/doc.pdf");
+         EXPECT_EQ(test::ReadBytes(dir / "real" / "doc.pdf"), "new");
+         EXPECT_EQ(Entries(dir / "real"), std::vector<std::string>{"doc.pdf"});
+     },
+     {"link.pdf", "real"}},
+    {"LinkToALinkIsFollowedToTheEnd",
+     [](const Path& dir) {
+         test::WriteBytes(dir / "doc.pdf", "old");
+         stdfs::create_symlink(dir / "doc.pdf", dir / "one");
+         stdfs::create_symlink("one", dir / "two");
+         return dir / "two";
+     },
+     [](const Path& dir, const Path&) {
+         EXPECT_TRUE(stdfs::is_symlink(dir / "one"));
+         EXPECT_TRUE(stdfs::is_symlink(dir / "two"));
+         EXPECT_EQ(test::ReadBytes(dir / "doc.pdf"), "new");
+     },
+     {"doc.pdf", "one", "two"}},
+    {"HardLinkKeepsTheOldContent",
+     [](const Path& dir) {
+         test::WriteBytes(dir / "doc.pdf", "old");
+         stdfs::create_hard_link(dir / "doc.pdf", dir / "other.pdf");
+         return dir / "doc.pdf";
+     },
+     [](const Path& dir, const Path& target) {
+         EXPECT_EQ(test::ReadBytes(dir / "other.pdf"), "old");
+         EXPECT_EQ(Stat(target).st_nlink, 1u);
+         EXPECT_FALSE(fs::SameFile(target, dir / "other.pdf"));
+     },
+     {"doc.pdf", "other.pdf"}},
+    {"FilesAndLinksAtOldSideFileNamesAreNotTouched",
+     [](const Path& dir) {
+         test::WriteBytes(dir / "victim", "victim");
+         test::WriteBytes(dir / "doc.pdf.part", "user");
+         test::WriteBytes(dir / ".doc.pdf.part", "user");
+         stdfs::create_symlink("victim", dir / "doc.pdf.work");
+         stdfs::create_symlink("victim", dir / ".doc.pdf.work.part");
+         return dir / "doc.pdf";
+     },
+     [](const Path& dir, const Path&) {
+         EXPECT_EQ(test::ReadBytes(dir / "victim"), "victim");
+         EXPECT_EQ(test::ReadBytes(dir / "doc.pdf.part"), "user");
+         EXPECT_EQ(test::ReadBytes(dir / ".doc.pdf.part"), "user");
+         EXPECT_TRUE(stdfs::is_symlink(dir / "doc.pdf.work"));
+     },
+     {".doc.pdf.part", ".doc.pdf.work.part", "doc.pdf", "doc.pdf.part", "doc.pdf.work", "victim"}},
+    {"StaleSideFileOfACrashedRunDoesNotBlock",
+     [](const Path& dir) {
+         test::WriteBytes(dir / "doc.pdf", "old");
+         test::WriteBytes(dir / ".doc.pdf.k3j4h5g6.part", "half");
+         return dir / "doc.pdf";
+     },
+     [](const Path&, const Path&) {},
+     {".doc.pdf.k3j4h5g6.part", "doc.pdf"}},
+    {"NameOfTheLongestLengthWorks",
+     [](const Path& dir) { return dir / (std::string(250, 'n') + ".pdf"); },
+     [](const Path&, const Path&) {},
+     {std::string(250, 'n') + ".pdf"}},
+};
+
+void PrintTo(const PlacementCase& c, std::ostream* out) {
+    *out << c.name;
+}
+
+class Placement : public ::testing::TestWithParam<PlacementCase> {};
+
+TEST_P(Placement, NewContentInPlaceAndNothingElseChanged) {
+    const PlacementCase& c = GetParam();
+    const int registered = fs::RegisteredFileCount();
+    const Path dir = test::ScratchDir();
+    const Path target = c.prepare(dir);
+    std::string problem;
+    ASSERT_EQ(Replace(target, "new", &problem), 0) << problem;
+    EXPECT_EQ(test::ReadBytes(target), "new");
+    c.check(dir, target);
+    EXPECT_EQ(Entries(dir), c.entries);
+    EXPECT_EQ(fs::RegisteredFileCount(), registered);
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, Placement, ::testing::ValuesIn(kPlacements),
+                         [](const auto& param) { return std::string(param.param.name); });
+
+// Failures leave the old file as it was, nothing beside it, and say what failed in one line.
+struct RefusalCase {
+    const char* name;
+    std::function<Path(const Path& dir)> prepare;  // the name to write to
+    int error;
+    const char* problem;  // part of the message
+};
+
+const RefusalCase kRefusals[] = {
+    {"MissingFolder", [](const Path& dir) { return dir / "none" / "doc.pdf"; },
+     fs::kErrorFileNotFound, "No such file or directory"},
+    {"TargetIsAFolder",
+     [](const Path& dir) {
+         stdfs::create_directory(dir / "folder");
+         return dir / "folder";
+     },
+     fs::kErrorAccessDenied, "not a file"},
+    {"LinkLoop",
+     [](const Path& dir) {
+         stdfs::create_symlink("b", dir / "a");
+         stdfs::create_symlink("a", dir / "b");
+         return dir / "a";
+     },
+     fs::kErrorGenFailure, "Cannot create"},
+};
+
+void PrintTo(const RefusalCase& c, std::ostream* out) {
+    *out << c.name;
+}
+
+class Refusal : public ::testing::TestWithParam<RefusalCase> {};
+
+TEST_P(Refusal, NothingIsWritten) {
+    const RefusalCase& c = GetParam();
+    const int registered = fs::RegisteredFileCount();
+    const Path dir = test::ScratchDir();
+    const Path target = c.prepare(dir);
+    const std::vector<std::string> before = Entries(dir);
+    std::string problem;
+    EXPECT_EQ(Replace(target, "new", &problem), c.error);
+    EXPECT_NE(problem.find(c.problem), std::string::npos) << problem;
+    EXPECT_EQ(problem.find('\n'), std::string::npos);
+    EXPECT_EQ(Entries(dir), before);
+    EXPECT_EQ(fs::RegisteredFileCount(), registered);
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, Refusal, ::testing::ValuesIn(kRefusals),
+                         [](const auto& param) { return std::string(param.param.name); });
+
+// A small file system of its own, mounted for the test: full, then read-only. The superuser can
+// write into a folder whose mode forbids it, so only a mount shows a refusal to write.
+class SmallFileSystem : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir_ = test::ScratchDir() / "mnt";
+        stdfs::create_directory(dir_);
+        if (test::Run("mount -t tmpfs -o size=64k tmpfs " + test::Quote(dir_)).exit_code != 0)
+            GTEST_SKIP() << "cannot mount a small file system here";
+        mounted_ = true;
+    }
+    void TearDown() override {
+        if (mounted_) test::Run("umount " + test::Quote(dir_));
+    }
+    Path dir_;
+    bool mounted_ = false;
+};
+
+TEST_F(SmallFileSystem, FullOrReadOnlyLeavesTheOldFile) {
+    const int registered = fs::RegisteredFileCount();
+    const Path target = dir_ / "doc.pdf";
+    ASSERT_EQ(Replace(target, "old"), 0);
+    std::string problem;
+    EXPECT_EQ(Replace(target, std::string(200 * 1024, 'x'), &problem), fs::kErrorDiskFull);
+    EXPECT_NE(problem.find("No space left on device"), std::string::npos) << problem;
+    EXPECT_EQ(test::ReadBytes(target), "old");
+    EXPECT_EQ(Entries(dir_), std::vector<std::string>{"doc.pdf"});
+
+    ASSERT_EQ(test::Run("mount -o remount,ro " + test::Quote(dir_)).exit_code, 0);
+    EXPECT_EQ(Replace(target, "new", &problem), fs::kErrorWriteProtect);
+    EXPECT_NE(problem.find("Read-only file system"), std::string::npos) << problem;
+    EXPECT_EQ(test::ReadBytes(target), "old");
+    EXPECT_EQ(fs::RegisteredFileCount(), registered);
+}
+
+// Two writers of one file in one process: the second cannot start while the first writes, and
+// a writer whose file was replaced or created under it fails at the move instead of winning.
+TEST(Files, TwoWritersNeverBothSucceed) {
+    const Path dir = test::ScratchDir();
+    const Path target = dir / "doc.pdf";
+    test::WriteBytes(target, "old");
+
+    fs::FileReplacement first(target);
+    ASSERT_EQ(first.Open(), 0);
+    fs::FileReplacement second(target);
+    EXPECT_EQ(second.Open(), fs::kErrorSharingViolation);
+    EXPECT_NE(second.Problem().find("another writer"), std::string::npos) << second.Problem();
+    ASSERT_EQ(first.Write("one", 3), 0);
+    ASSERT_EQ(first.Commit(), 0);
+    EXPECT_EQ(test::ReadBytes(target), "one");
+
+    // Read before the first writer's save, written after it.
+    fs::FileIdentity read_from;
+    ASSERT_TRUE(fs::IdentifyFile(target, &read_from));
+    ASSERT_EQ(Replace(target, "two"), 0);
+    fs::FileReplacement late(target);
+    late.ExpectVersion(read_from);
+    EXPECT_EQ(late.Open(), fs::kErrorSharingViolation);
+    EXPECT_EQ(test::ReadBytes(target), "two");
+
+    // Changed in place, by a writer that takes no lock, between open and move.
+    fs::FileReplacement third(target);
+    ASSERT_EQ(third.Open(), 0);
+    ASSERT_EQ(third.Write("three", 5), 0);
+    ASSERT_EQ(third.FinishData(), 0);
+    test::WriteBytes(target, "outside");
+    EXPECT_EQ(third.Replace(), fs::kErrorSharingViolation);
+    EXPECT_EQ(test::ReadBytes(target), "outside");
+
+    // Both start on a missing file; the one that comes second to the move fails.
+    const Path fresh = dir / "fresh.pdf";
+    fs::FileReplacement a(fresh), b(fresh);
+    ASSERT_EQ(a.Open(), 0);
+    ASSERT_EQ(b.Open(), 0);
+    ASSERT_EQ(a.Write("a", 1), 0);
+    ASSERT_EQ(b.Write("b", 1), 0);
+    ASSERT_EQ(b.Commit(), 0);
+    EXPECT_EQ(a.Commit(), fs::kErrorSharingViolation);
+    EXPECT_NE(a.Problem().find("created it meanwhile"), std::string::npos) << a.Problem();
+    EXPECT_EQ(test::ReadBytes(fresh), "b");
+}
+
+TEST(Files, SameFileComparesIdentityNotNames) {
+    const Path dir = test::ScratchDir();
+    test::WriteBytes(dir / "a.pdf", "x");
+    test::WriteBytes(dir / "b.pdf", "x");
+    stdfs::create_hard_link(dir / "a.pdf", dir / "hard.pdf");
+    stdfs::create_symlink("a.pdf", dir / "soft.pdf");
+    stdfs::create_directory(dir / "sub");
+    const std::tuple<Path, Path, bool> cases[] = {
+        {dir / "a.pdf", dir / "a.pdf", true},
+        {dir / "a.pdf", dir / "sub" / ".." / "a.pdf", true},
+        {dir / "a.pdf", dir / "hard.pdf", true},
+        {dir / "soft.pdf", dir / "a.pdf", true},
+        {dir / "a.pdf", dir / "b.pdf", false},  // same content, another file
+        {dir / "a.pdf", dir / "missing.pdf", false},
+        {dir / "missing.pdf", dir / "missing.pdf", false},
+    };
+    for (const auto& [a, b, same] : cases) EXPECT_EQ(fs::SameFile(a, b), same) << a << " " << b;
+}
+
+// Files on the list are removed by the handler's call, and only those.
+TEST(Files, RegisteredFilesAreRemovedOnRequest) {
+    const int registered = fs::RegisteredFileCount();
+    const Path dir = test::ScratchDir();
+    for (const char* name : {"side", "copy", "kept"}) test::WriteBytes(dir / name, name);
+    ASSERT_TRUE(fs::RegisterForCleanup(dir / "side"));
+    ASSERT_TRUE(fs::RegisterForCleanup(dir / "copy"));
+    ASSERT_TRUE(fs::RegisterForCleanup(dir / "kept"));
+    fs::UnregisterCleanup(dir / "kept");
+    EXPECT_EQ(fs::RegisteredFileCount(), registered + 2);
+    fs::RemoveRegisteredFiles();
+    EXPECT_EQ(Entries(dir), std::vector<std::string>{"kept"});
+    fs::RemoveQuietly(dir / "side");  // what the owners do afterwards
+    fs::RemoveQuietly(dir / "copy");
+    EXPECT_EQ(fs::RegisteredFileCount(), registered);
+
+    // A private copy is on the list while it exists.
+    Path copy;
+    ASSERT_EQ(fs::MakeTempCopy(dir / "kept", &copy), 0);
+    EXPECT_EQ(fs::RegisteredFileCount(), registered + 1);
+    EXPECT_EQ(Stat(copy).st_mode & 0077, 0u) << "readable by its owner only";
+    fs::RemoveQuietly(copy);
+    EXPECT_EQ(fs::RegisteredFileCount(), registered);
+}
+
+// Any byte sequence is a name: it survives the trip through the interface's UTF-16 strings.
+TEST(Text, NamesThatAreNotUtf8SurviveUtf16) {
+    const std::string names[] = {
+        "plain.pdf",
+        "gr\xC3\xBC\xC3\x9F.pdf",  // valid UTF-8
+        "latin1-\xE9.pdf",
+        "\xFF\xFE",               // invalid bytes
+        "over\xC0\x80long",       // an overlong NUL
+        "sur\xED\xB2\x80rogate",  // an encoded low surrogate
+        "cut\xE2\x82",            // a sequence that ends early
+        "\xF4\x90\x80\x80",       // past the last code point
+        "emoji\xF0\x9F\x98\x80",
+    };
+    for (const std::string& name : names) {
+        EXPECT_EQ(Utf16ToBytes(BytesToUtf16(name)), name) << name;
+        EXPECT_EQ(ToPath(FromPath(Path(name))).native(), name) << name;
+        EXPECT_EQ(ToPath(FromAnsi(name)).native(), name) << name;
+    }
+    // Valid text is plain UTF-16, without escapes.
+    EXPECT_EQ(BytesToUtf16("gr\xC3\xBC\xC3\x9F"), u"gr\u00fc\u00df");
+    EXPECT_EQ(BytesToUtf16("a\xFF"), std::u16string(u"a") + char16_t(0xDCFF));
+}
+
+}  // namespace
+}  // namespace zpdf

@@ -353,7 +353,7 @@ void MergeFields(fz_context* ctx, PageCopy* pc) {
 
     if (pdf_to_bool(ctx, pdf_dict_gets(ctx, from, "NeedAppearances")))
         pdf_dict_puts(ctx, form, "NeedAppearances", PDF_TRUE);
-    pdf_obj* da = pdf_dict_get(ctx, from, PDF_NAME(DA));
+    pdf_obj* da = pdf_resolve_indirect(ctx, pdf_dict_get(ctx, from, PDF_NAME(DA)));
     if (pdf_dict_get(ctx, form, PDF_NAME(DA)) == nullptr && pdf_is_string(ctx, da))
         pdf_dict_put(ctx, form, PDF_NAME(DA), da);
     pdf_obj* dr = pdf_dict_get(ctx, from, PDF_NAME(DR));

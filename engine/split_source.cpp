@@ -438,7 +438,8 @@ bool CopyOutlineEntry(fz_context* ctx, PageCopy* copy, pdf_document* dst, pdf_ob
         kept = target != nullptr || other != nullptr || below.entries > 0;
         if (kept) {
             entry = pdf_new_dict(ctx, dst, 10);
-            pdf_obj* title = pdf_dict_get(ctx, item, PDF_NAME(Title));
+            // Resolved: a title kept as an object of its own belongs to the source.
+            pdf_obj* title = pdf_resolve_indirect(ctx, pdf_dict_get(ctx, item, PDF_NAME(Title)));
             if (pdf_is_string(ctx, title)) {
                 pdf_dict_put(ctx, entry, PDF_NAME(Title), title);
             } else {

@@ -189,7 +189,7 @@ std::string InteractivePdf(const std::string& tag, const std::string& dest, int 
          " /Names << /Dests << /Names [(" +
              dest +
              ") [5 0 R /XYZ 0 842 0]] >> >>"
-             " /AcroForm << /Fields [12 0 R 13 0 R 14 0 R 23 0 R] /DA (/Helv 0 Tf 0 g)"
+             " /AcroForm << /Fields [12 0 R 13 0 R 14 0 R 23 0 R] /DA 34 0 R"
              " /DR << /Font << /Helv 3 0 R >> >> /NeedAppearances true /SigFlags 3 >>"
              " /PageLabels << /Nums [0 << /S /r >> 1 << /S /D /P (A-) /St 5 >>] >>"
              " /OutputIntents [<< /Type /OutputIntent /S /GTS_PDFX"
@@ -245,13 +245,16 @@ std::string InteractivePdf(const std::string& tag, const std::string& dest, int 
          " /Count 1 /Dest [4 0 R /Fit] >>"},
         {28, "<< /Title (Section A.1) /Parent 27 0 R /Dest (" + dest + ") >>"},
         {29,
-         "<< /Title (Chapter B) /Parent 20 0 R /Prev 27 0 R /First 30 0 R /Last 30 0 R"
+         "<< /Title 33 0 R /Parent 20 0 R /Prev 27 0 R /First 30 0 R /Last 30 0 R"
          " /Count 1 /A << /S /GoTo /D [6 0 R /Fit] >> >>"},
         {30, "<< /Title (Section B.1) /Parent 29 0 R /Dest [7 0 R /Fit] >>"},
         {31,
          "<< /Type /Sig /Filter /Adobe.PPKLite /SubFilter /adbe.pkcs7.detached"
          " /ByteRange [0 0 0 0] /Contents <00> >>"},
         {32, "<< /Type /StructElem /S /Document /P 25 0 R /Pg 4 0 R /K [0] >>"},
+        // Strings kept as objects of their own, as some writers keep them.
+        {33, "(Chapter B)"},
+        {34, "(/Helv 0 Tf 0 g)"},
     };
     std::string out = "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n", xref;
     for (const auto& [num, text] : objects) {

@@ -44,9 +44,10 @@ qpdf "$work/letterhead-raw.pdf" "$work/letterhead.pdf" 2>/dev/null || [ $? -eq 3
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=0}
 
-# Per page of FILE, one line "ANNOTS FIELDS": the entries of the page's /Annots, and the form
-# fields whose widgets are on it. Nothing when qpdf cannot read the file. The fields are asked
-# for apart: qpdf gives up on the whole output for a form it cannot read.
+# Per page of FILE, one line "ANNOTS FIELDS": the annotations the page's /Annots holds (a null
+# or missing entry is none), and the form fields whose widgets are on it. Nothing when qpdf
+# cannot read the file. The fields are asked for apart: qpdf gives up on the whole output for a
+# form it cannot read.
 annotations_and_fields() {
     local fields
     fields=$(qpdf --json=2 --json-key=acroform "$1" 2>/dev/null |
@@ -58,7 +59,7 @@ annotations_and_fields() {
             .pages[]
             | .pageposfrom1 as $n
             | ((val($o["obj:" + .object].value["/Annots"]) // []) | if type == "array"
-                   then length else 0 end) as $annots
+                   then map(val(.) | select(type == "object")) | length else 0 end) as $annots
             | ([$fields[] | select(. == $n)] | length) as $f
             | "\($annots) \($f)"' 2>/dev/null || true
 }

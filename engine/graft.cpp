@@ -355,13 +355,14 @@ int PrepareRecordedAppend(fz_context* ctx, pdf_document* doc) {
 }
 
 // 1 when the document has what our writer does not carry when it appends pages: annotations on
-// a page, form fields, named destinations. Such a document is imported at once instead, which
-// keeps them working. Throws an engine error.
+// a page, form fields, named destinations, optional content. Such a document is imported at once
+// instead, which keeps them working. Throws an engine error.
 int HoldsInteractiveParts(fz_context* ctx, Document::Impl& impl) {
     pdf_obj* root = pdf_dict_get(ctx, pdf_trailer(ctx, impl.doc), PDF_NAME(Root));
     if (pdf_array_len(ctx, pdf_dict_getp(ctx, root, "AcroForm/Fields")) > 0 ||
         pdf_dict_get(ctx, root, PDF_NAME(Dests)) != nullptr ||
-        pdf_dict_getp(ctx, root, "Names/Dests") != nullptr)
+        pdf_dict_getp(ctx, root, "Names/Dests") != nullptr ||
+        pdf_dict_get(ctx, root, PDF_NAME(OCProperties)) != nullptr)
         return 1;
     for (const int num : impl.page_numbers) {
         pdf_obj* page = pdf_load_object(ctx, impl.doc, num);

@@ -416,6 +416,72 @@ void AddNamedDestinations(fz_context* ctx, PageCopy* pc) {
     pdf_dict_del(ctx, tree, PDF_NAME(Limits));
 }
 
+// True when `list` (an array) holds a reference to object `num`.
+bool ListsNumber(fz_context* ctx, pdf_obj* list, int num) {
+    for (int i = 0; i < pdf_array_len(ctx, list); ++i)
+        if (pdf_to_num(ctx, pdf_array_get(ctx, list, i)) == num) return true;
+    return false;
+}
+
+// True when the source's default configuration `config` hides the group `group`.
+bool HiddenByDefault(fz_context* ctx, pdf_obj* config, pdf_obj* group) {
+    const int num = pdf_to_num(ctx, group);
+    if (pdf_name_eq(ctx, pdf_dict_get(ctx, config, PDF_NAME(BaseState)), PDF_NAME(OFF)))
+        return !ListsNumber(ctx, pdf_dict_get(ctx, config, PDF_NAME(ON)), num);
+    return ListsNumber(ctx, pdf_dict_get(ctx, config, PDF_NAME(OFF)), num);
+}
+
+// The optional content groups the copied pages use become groups of the result, shown or hidden
+// as the source showed them: a group the result does not list is always drawn, so content the
+// source hid would appear.
+void MergeOptionalContent(fz_context* ctx, PageCopy* pc) {
+    if (pc->same) return;
+    pdf_obj* from = pdf_dict_getp(ctx, pdf_trailer(ctx, pc->src), "Root/OCProperties");
+    pdf_obj* groups = pdf_dict_get(ctx, from, PDF_NAME(OCGs));
+    pdf_obj* config = pdf_dict_get(ctx, from, PDF_NAME(D));
+    pdf_obj* root = pdf_dict_get(ctx, pdf_trailer(ctx, pc->dst), PDF_NAME(Root));
+    pdf_obj* to = nullptr;
+    for (int i = 0; i < pdf_array_len(ctx, groups); ++i) {
+        pdf_obj* group = pdf_array_get(ctx, groups, i);
+        const int num = pdf_to_num(ctx, group);
+        if (num <= 0 || num >= pc->length || pc->map[num] <= 0) continue;
+        if (to == nullptr) {
+            to = pdf_dict_get(ctx, root, PDF_NAME(OCProperties));
+            if (!pdf_is_dict(ctx, to)) to = pdf_dict_put_dict(ctx, root, PDF_NAME(OCProperties), 2);
+            if (!pdf_is_array(ctx, pdf_dict_get(ctx, to, PDF_NAME(OCGs))))
+                pdf_dict_put_array(ctx, to, PDF_NAME(OCGs), 4);
+            if (!pdf_is_dict(ctx, pdf_dict_get(ctx, to, PDF_NAME(D))))
+                pdf_dict_put_dict(ctx, to, PDF_NAME(D), 2);
+        }
+        pdf_obj* listed = pdf_dict_get(ctx, to, PDF_NAME(OCGs));
+        if (ListsNumber(ctx, listed, pc->map[num])) continue;
+        pdf_obj* ref = pdf_new_indirect(ctx, pc->dst, pc->map[num], 0);
+        fz_try(ctx) {
+            pdf_array_push(ctx, listed, ref);
+            // The result's own default decides for groups it does not name: name the copy where
+            // the two defaults would disagree.
+            pdf_obj* own = pdf_dict_get(ctx, to, PDF_NAME(D));
+            const bool hidden = HiddenByDefault(ctx, config, group);
+            const bool own_off =
+                pdf_name_eq(ctx, pdf_dict_get(ctx, own, PDF_NAME(BaseState)), PDF_NAME(OFF));
+            if (hidden != own_off) {
+                pdf_obj* key = hidden ? PDF_NAME(OFF) : PDF_NAME(ON);
+                pdf_obj* list = pdf_dict_get(ctx, own, key);
+                if (!pdf_is_array(ctx, list)) list = pdf_dict_put_array(ctx, own, key, 4);
+                pdf_array_push(ctx, list, ref);
+            }
+            pdf_obj* order = pdf_dict_get(ctx, own, PDF_NAME(Order));
+            if (pdf_is_array(ctx, order)) pdf_array_push(ctx, order, ref);
+        }
+        fz_always(ctx) {
+            pdf_drop_obj(ctx, ref);
+        }
+        fz_catch(ctx) {
+            fz_rethrow(ctx);
+        }
+    }
+}
+
 }  // namespace
 
 bool IsDocumentStructure(fz_context* ctx, pdf_obj* obj) {
@@ -521,6 +587,7 @@ void FinishPageCopy(fz_context* ctx, PageCopy* pc) {
     }
     MergeFields(ctx, pc);
     AddNamedDestinations(ctx, pc);
+    MergeOptionalContent(ctx, pc);
 }
 
 pdf_obj* CopySourceObject(fz_context* ctx, PageCopy* pc, pdf_obj* obj) {

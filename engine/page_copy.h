@@ -32,8 +32,9 @@ int ReservePageCopy(fz_context* ctx, PageCopy* copy, int source);
 // annotations' /P pointing at it.
 void FillPageCopy(fz_context* ctx, PageCopy* copy, pdf_obj* page, int num);
 // Once every page is filled: links whose destination the result does not hold lose it, named
-// destinations the links use are carried into the destination's /Names tree, and the fields of
-// the copied widgets join the destination's /AcroForm.
+// destinations the links use are carried into the destination's /Names tree, the fields of
+// the copied widgets join the destination's /AcroForm, and the optional content groups the
+// pages use join its /OCProperties, hidden or shown as the source had them.
 void FinishPageCopy(fz_context* ctx, PageCopy* copy);
 
 // The copy of the source's object `obj` in the destination (a reference of the caller's; null

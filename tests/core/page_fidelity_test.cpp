@@ -287,6 +287,76 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
     }
 }
 
+// A page drawn with an optional content group that its document hides: `own` more entries for
+// the catalog, and a second page marked with the split marker.
+std::string OptionalContentPdf(const std::string& own = "") {
+    return samples::PdfFromObjects({
+        "<< /Type /Catalog /Pages 2 0 R /OCProperties << /OCGs [5 0 R 7 0 R]"
+        " /D << /OFF [5 0 R] >> >> " +
+            own + " >>",
+        "<< /Type /Pages /Kids [3 0 R 8 0 R] /Count 2 /MediaBox [0 0 300 300] >>",
+        "<< /Type /Page /Parent 2 0 R /Contents 4 0 R /Resources << /Font << /F1 6 0 R >>"
+        " /Properties << /H 5 0 R /S 7 0 R >> >> >>",
+        PdfStream("",
+                  "/OC /H BDC BT /F1 12 Tf 10 250 Td (secret) Tj ET EMC"
+                  " /OC /S BDC BT /F1 12 Tf 10 200 Td (shown) Tj ET EMC"
+                  " BT /F1 12 Tf 10 150 Td (@@nd@@) Tj ET"),
+        "<< /Type /OCG /Name (Hidden) >>",
+        "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
+        "<< /Type /OCG /Name (Shown) >>",
+        "<< /Type /Page /Parent 2 0 R /Contents 9 0 R /Resources << /Font << /F1 6 0 R >> >> >>",
+        PdfStream("", "BT /F1 12 Tf 10 250 Td (last) Tj ET"),
+    });
+}
+
+// Content that the source hides stays hidden wherever its page goes, and what it shows stays
+// shown, also in a result whose own optional content hides everything it does not name.
+TEST(PageFidelity, HiddenContentStaysHidden) {
+    const struct {
+        const char* name;
+        std::string target;  // the destination's own catalog entries; none for a split
+        const char* file;
+        const char* texts;
+    } cases[] = {
+        {"into a plain document", "", "out.pdf", "d1|shown@@nd@@|last"},
+        {"into one that hides by default",
+         "/OCProperties << /OCGs [] /D << /BaseState /OFF /Order [] >> >>", "out.pdf",
+         "d1|shown@@nd@@|last"},
+        {"split", "-", "part_1", "shown@@nd@@"},
+    };
+    const Path root = ScratchDir();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Path dir = root / c.name;
+        std::filesystem::create_directories(dir);
+        WriteBytes(dir / "src.pdf", OptionalContentPdf());
+        Obj dst, src;
+        if (c.target == "-") {
+            std::int32_t written = 0;
+            ASSERT_EQ(Quiet([&] {
+                          return dst.SplitPdf(FromPath(dir / "src.pdf"), FromPath(dir / "part"),
+                                              &written);
+                      }),
+                      hr::kOk);
+        } else {
+            if (c.target.empty()) {
+                LabelledPdf(dir / "dst.pdf", {"d1"});
+            } else {
+                std::string bytes = LabelledBytes({"d1"});
+                const std::size_t at = bytes.find("/Type /Catalog");
+                ASSERT_NE(at, std::string::npos);
+                bytes.insert(at, c.target + " ");
+                WriteBytes(dir / "dst.pdf", bytes);
+            }
+            OpenQuietly(dst, dir / "dst.pdf");
+            OpenQuietly(src, dir / "src.pdf");
+            ASSERT_EQ(dst.AppendPages(&src), hr::kOk) << dst.LastErrorText();
+            ASSERT_EQ(dst.SaveTo(dir / "out.pdf"), hr::kOk);
+        }
+        EXPECT_EQ(PageTexts(dir / c.file), c.texts);
+    }
+}
+
 // Appending keeps every key of a page but its links into the source's trees, whether the pages
 // are written from the source when the document is saved (a source without annotations) or
 // copied at once; a page action reaches the copy of its page, and the source's catalog and page

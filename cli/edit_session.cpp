@@ -1,5 +1,6 @@
 #include "cli/edit_session.h"
 
+#include <cstdint>
 #include <cstdio>
 #if defined(_WIN32)
 #include <io.h>
@@ -16,6 +17,7 @@ namespace zpdf::cli {
 int EditSession::Begin(const std::string& file, const std::optional<std::string>& output,
                        const std::optional<std::string>& password) {
     std::filesystem::path source = ToPath(FromAnsi(file));
+    input_name_ = IsStandardStream(file) ? "standard input" : file;
     if (IsStandardStream(file)) {
         if (!output) return UsageError(command_, "reading FILE from standard input needs -o OUT");
         if (const int error = input_.ReadStandardInput())
@@ -47,8 +49,18 @@ int EditSession::Commit() {
     }
     const HResult result = to_output_ ? object_.SaveTo(destination_) : object_.Save();
     if (shown) std::fputs("\r\033[K", stderr);
-    if (hr::Failed(result))
+    if (hr::Failed(result)) {
+        // A system error is the output's; anything else is the document's own data, read from
+        // FILE while the result is written.
+        const bool output_fault = (static_cast<std::uint32_t>(result) & 0xFFFF0000u) == 0x80070000u;
+        if (!output_fault && to_output_) {
+            return Failure(
+                command_, input_name_,
+                object_.LastErrorText() + " (found while writing " + DestinationName() + ")",
+                result);
+        }
         return Failure(command_, DestinationName(), object_.LastErrorText(), result);
+    }
     if (!output_.Path().empty()) {
         if (const int error = output_.WriteStandardOutput())
             return Failure(command_, "standard output", "cannot write it", hr::FromWin32(error));

@@ -36,6 +36,7 @@ class EditSession {
     const Command& command_;
     CZPdfContentObject object_;
     std::filesystem::path destination_;
+    std::string input_name_;  // FILE as the user named it
     bool to_output_ = false;
     StreamFile input_;
     StreamFile output_;

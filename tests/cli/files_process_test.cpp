@@ -303,12 +303,21 @@ TEST(FilesProcess, MessagesNameTheFileAtFault) {
     const Path dir = test::ScratchDir();
     test::WriteBytes(dir / "doc.pdf", Document(1));
     test::WriteBytes(dir / "lh.pdf", Letterhead());
+    // Opens, but one of its objects cannot be read once the whole document is written.
+    test::WriteBytes(dir / "damaged.pdf",
+                     samples::PdfFromObjects({"<< /Type /Catalog /Pages 2 0 R /Extra 4 0 R >>",
+                                              "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+                                              "<< /Type /Page /Parent 2 0 R"
+                                              " /MediaBox [0 0 200 200] >>",
+                                              "<< /Broken (unterminated >>"}));
     const auto q = [&](const std::string& name) { return Quote(dir / name); };
     const std::tuple<std::string, std::string, std::string> cases[] = {
         {"stamp " + q("none.pdf") + " " + q("lh.pdf"), "none.pdf", "does not exist"},
         {"stamp " + q("doc.pdf") + " " + q("none.pdf"), "none.pdf", "does not exist"},
         {"stamp " + q("doc.pdf") + " " + q("lh.pdf") + " -o " + q("no/out.pdf"), "no/out.pdf",
          "No such file or directory"},
+        {"stamp " + q("damaged.pdf") + " " + q("lh.pdf") + " -o " + q("out.pdf"),
+         "damaged.pdf: cannot read object 4", "found while writing"},
         {"render " + q("doc.pdf") + " 1 " + q("no/out.png"), "no/out.png",
          "No such file or directory"},
         {"protect-pubkey " + q("doc.pdf") + " " + q("none.pem"), "none.pem", "does not exist"},

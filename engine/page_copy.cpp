@@ -9,10 +9,16 @@ namespace zpdf::engine {
 struct PageCopy {
     pdf_document* src = nullptr;
     pdf_document* dst = nullptr;
-    bool same = false;     // copying within one document
-    int length = 0;        // the source's table length when the copy began
-    int first_new = 0;     // objects of the destination from this number on were made by it
-    int* map = nullptr;    // by source number: 0 not met, > 0 the copy, -1 left out
+    bool same = false;  // copying within one document
+    int length = 0;     // the source's table length when the copy began
+    int first_new = 0;  // objects of the destination from this number on were made by it
+    // By source number: 0 not met, > 0 the copy, -1 left out. An open-addressing table holding
+    // only the objects met, so that a copy costs what it copies, not the source's size: a split
+    // makes one copy per part.
+    int* keys = nullptr;  // 0: free slot
+    int* values = nullptr;
+    int capacity = 0;  // a power of two
+    int used = 0;
     int* queue = nullptr;  // source objects whose copy is made but not filled yet
     int queued = 0;
     int queue_capacity = 0;
@@ -22,6 +28,52 @@ struct PageCopy {
 };
 
 namespace {
+
+// The slot of `num` in the table: the one holding it, or the free one where it would go.
+int MapSlot(const PageCopy* pc, int num) {
+    int slot = static_cast<int>((static_cast<unsigned>(num) * 2654435761u) &
+                                static_cast<unsigned>(pc->capacity - 1));
+    while (pc->keys[slot] != 0 && pc->keys[slot] != num) slot = (slot + 1) & (pc->capacity - 1);
+    return slot;
+}
+
+int MapGet(const PageCopy* pc, int num) {
+    if (num <= 0 || num >= pc->length) return 0;
+    const int slot = MapSlot(pc, num);
+    return pc->keys[slot] == num ? pc->values[slot] : 0;
+}
+
+// Throws when the table cannot grow.
+void MapSet(fz_context* ctx, PageCopy* pc, int num, int value) {
+    if (2 * (pc->used + 1) > pc->capacity) {
+        const int capacity = 2 * pc->capacity;
+        int* keys = static_cast<int*>(fz_calloc(ctx, static_cast<size_t>(capacity), sizeof(int)));
+        int* values =
+            static_cast<int*>(fz_calloc_no_throw(ctx, static_cast<size_t>(capacity), sizeof(int)));
+        if (values == nullptr) {
+            fz_free(ctx, keys);
+            fz_throw(ctx, FZ_ERROR_MEMORY, "cannot grow the table of copied objects");
+        }
+        int* old_keys = pc->keys;
+        int* old_values = pc->values;
+        const int old_capacity = pc->capacity;
+        pc->keys = keys;
+        pc->values = values;
+        pc->capacity = capacity;
+        for (int i = 0; i < old_capacity; ++i) {
+            if (old_keys[i] == 0) continue;
+            const int slot = MapSlot(pc, old_keys[i]);
+            pc->keys[slot] = old_keys[i];
+            pc->values[slot] = old_values[i];
+        }
+        fz_free(ctx, old_keys);
+        fz_free(ctx, old_values);
+    }
+    const int slot = MapSlot(pc, num);
+    if (pc->keys[slot] == 0) ++pc->used;
+    pc->keys[slot] = num;
+    pc->values[slot] = value;
+}
 
 // Nested direct objects this deep are broken or hostile.
 constexpr int kMaxDirectDepth = 100;
@@ -64,7 +116,7 @@ bool LeftOut(fz_context* ctx, PageCopy* pc, pdf_obj* obj) {
     pdf_obj* page = pdf_dict_get(ctx, obj, PDF_NAME(P));
     if (!pdf_is_indirect(ctx, page)) return false;
     const int num = pdf_to_num(ctx, page);
-    return num <= 0 || num >= pc->length || pc->map[num] <= 0;
+    return MapGet(pc, num) <= 0;
 }
 
 pdf_obj* CopyValue(fz_context* ctx, PageCopy* pc, pdf_obj* obj, bool annots, int depth);
@@ -74,16 +126,17 @@ pdf_obj* CopyValue(fz_context* ctx, PageCopy* pc, pdf_obj* obj, bool annots, int
 pdf_obj* CopyIndirect(fz_context* ctx, PageCopy* pc, pdf_obj* ref, bool annots) {
     const int num = pdf_to_num(ctx, ref);
     if (num <= 0 || num >= pc->length) return nullptr;
-    if (pc->map[num] > 0) return pdf_new_indirect(ctx, pc->dst, pc->map[num], 0);
-    if (pc->map[num] < 0) return nullptr;
+    const int known = MapGet(pc, num);
+    if (known > 0) return pdf_new_indirect(ctx, pc->dst, known, 0);
+    if (known < 0) return nullptr;
     // Within one document only what belongs to the annotations is copied; the rest is shared.
     if (pc->same && !annots) return pdf_keep_obj(ctx, ref);
     if (LeftOut(ctx, pc, pdf_resolve_indirect(ctx, ref))) {
-        pc->map[num] = -1;
+        MapSet(ctx, pc, num, -1);
         return nullptr;
     }
     const int copy = pdf_create_object(ctx, pc->dst);
-    pc->map[num] = copy;
+    MapSet(ctx, pc, num, copy);
     Enqueue(ctx, pc, num);
     return pdf_new_indirect(ctx, pc->dst, copy, 0);
 }
@@ -183,10 +236,10 @@ void FillQueued(fz_context* ctx, PageCopy* pc) {
             const int num = pc->queue[--pc->queued];
             obj = LoadSourceObject(ctx, pc->src, num);
             copy = CopyValue(ctx, pc, obj, true, 0);
-            pdf_update_object(ctx, pc->dst, pc->map[num], copy != nullptr ? copy : PDF_NULL);
+            pdf_update_object(ctx, pc->dst, MapGet(pc, num), copy != nullptr ? copy : PDF_NULL);
             if (pdf_obj_num_is_stream(ctx, pc->src, num)) {
                 data = pdf_load_raw_stream_number(ctx, pc->src, num);
-                ref = pdf_new_indirect(ctx, pc->dst, pc->map[num], 0);
+                ref = pdf_new_indirect(ctx, pc->dst, MapGet(pc, num), 0);
                 pdf_update_stream(ctx, pc->dst, ref, data, 1);
             }
             fz_drop_buffer(ctx, data);
@@ -444,7 +497,8 @@ void MergeOptionalContent(fz_context* ctx, PageCopy* pc) {
     for (int i = 0; i < pdf_array_len(ctx, groups); ++i) {
         pdf_obj* group = pdf_array_get(ctx, groups, i);
         const int num = pdf_to_num(ctx, group);
-        if (num <= 0 || num >= pc->length || pc->map[num] <= 0) continue;
+        const int copied = MapGet(pc, num);
+        if (copied <= 0) continue;
         if (to == nullptr) {
             to = pdf_dict_get(ctx, root, PDF_NAME(OCProperties));
             if (!pdf_is_dict(ctx, to)) to = pdf_dict_put_dict(ctx, root, PDF_NAME(OCProperties), 2);
@@ -454,8 +508,8 @@ void MergeOptionalContent(fz_context* ctx, PageCopy* pc) {
                 pdf_dict_put_dict(ctx, to, PDF_NAME(D), 2);
         }
         pdf_obj* listed = pdf_dict_get(ctx, to, PDF_NAME(OCGs));
-        if (ListsNumber(ctx, listed, pc->map[num])) continue;
-        pdf_obj* ref = pdf_new_indirect(ctx, pc->dst, pc->map[num], 0);
+        if (ListsNumber(ctx, listed, copied)) continue;
+        pdf_obj* ref = pdf_new_indirect(ctx, pc->dst, copied, 0);
         fz_try(ctx) {
             pdf_array_push(ctx, listed, ref);
             // The result's own default decides for groups it does not name: name the copy where
@@ -502,8 +556,9 @@ PageCopy* NewPageCopy(fz_context* ctx, pdf_document* src, pdf_document* dst) {
         pc->same = src == dst;
         pc->length = pdf_xref_len(ctx, src);
         pc->first_new = pdf_xref_len(ctx, dst);
-        pc->map = fz_malloc_array(ctx, pc->length > 0 ? pc->length : 1, int);
-        std::memset(pc->map, 0, sizeof(int) * static_cast<size_t>(pc->length > 0 ? pc->length : 1));
+        pc->capacity = 64;
+        pc->keys = static_cast<int*>(fz_calloc(ctx, pc->capacity, sizeof(int)));
+        pc->values = static_cast<int*>(fz_calloc(ctx, pc->capacity, sizeof(int)));
         pc->pages = pdf_new_array(ctx, dst, 16);
         pc->dests = pdf_new_dict(ctx, dst, 4);
         pc->fields = pdf_new_array(ctx, dst, 4);
@@ -521,13 +576,14 @@ void DropPageCopy(fz_context* ctx, PageCopy* pc) {
     pdf_drop_obj(ctx, pc->dests);
     pdf_drop_obj(ctx, pc->pages);
     fz_free(ctx, pc->queue);
-    fz_free(ctx, pc->map);
+    fz_free(ctx, pc->values);
+    fz_free(ctx, pc->keys);
     fz_free(ctx, pc);
 }
 
 int ReservePageCopy(fz_context* ctx, PageCopy* pc, int source) {
     const int num = pdf_create_object(ctx, pc->dst);
-    if (source > 0 && source < pc->length && pc->map[source] == 0) pc->map[source] = num;
+    if (source > 0 && source < pc->length && MapGet(pc, source) == 0) MapSet(ctx, pc, source, num);
     return num;
 }
 
@@ -545,9 +601,9 @@ void FillPageCopy(fz_context* ctx, PageCopy* pc, pdf_obj* page, int num) {
             pdf_obj* annot = pdf_array_get(ctx, own, i);
             const int source = pdf_to_num(ctx, annot);
             if (!pdf_is_indirect(ctx, annot) || source <= 0 || source >= pc->length ||
-                pc->map[source] != 0 || IsDocumentStructure(ctx, annot))
+                MapGet(pc, source) != 0 || IsDocumentStructure(ctx, annot))
                 continue;
-            pc->map[source] = pdf_create_object(ctx, pc->dst);
+            MapSet(ctx, pc, source, pdf_create_object(ctx, pc->dst));
             Enqueue(ctx, pc, source);
         }
         dict = CopiedPageDictionary(ctx, page);

@@ -34,7 +34,7 @@ int RunDecrypt(const std::vector<std::string>& args) {
             return Failure(kDecryptCommand, shown, saved.why, saved.result);
         }
     }
-    std::printf("%s: written\n", shown.c_str());
+    Say("%s: written\n", shown.c_str());
     return kExitOk;
 }
 

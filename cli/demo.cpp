@@ -117,7 +117,7 @@ int RunDemo(const std::vector<std::string>& args) {
         !why.empty()) {
         return Failure(kDemoCommand, invoice.string(), why, hr::kFail);
     }
-    std::printf("made the sample document %s\n", invoice.string().c_str());
+    Say("made the sample document %s\n", invoice.string().c_str());
 
     // 2. The engine's first questions: how many pages, how large.
     CZPdfContentObject object;
@@ -129,8 +129,8 @@ int RunDemo(const std::vector<std::string>& args) {
     double width = 0;
     double height = 0;
     if (int rc = Step("measure page 1", object.GetPageSize(1, &width, &height), object)) return rc;
-    std::printf("%d pages, page 1 is %s x %s pt\n", pages, FormatPoints(width).c_str(),
-                FormatPoints(height).c_str());
+    Say("%d pages, page 1 is %s x %s pt\n", pages, FormatPoints(width).c_str(),
+        FormatPoints(height).c_str());
 
     // 3. A letterhead stamped beneath every page, as vector content stored once.
     const std::filesystem::path letterhead_path = dir / "letterhead.pdf";
@@ -152,7 +152,7 @@ int RunDemo(const std::vector<std::string>& args) {
                 Step("stamp a page", object.PlaceContent(forms[0], page, 0, 0, 1, 1, -1), object))
             return rc;
     }
-    std::printf("stamped %s beneath all %d pages\n", letterhead_path.string().c_str(), pages);
+    Say("stamped %s beneath all %d pages\n", letterhead_path.string().c_str(), pages);
 
     // 4. The terms appended at the end.
     CZPdfContentObject terms;
@@ -160,7 +160,7 @@ int RunDemo(const std::vector<std::string>& args) {
         return rc;
     if (int rc = Step("append the terms", object.AppendPages(&terms), object)) return rc;
     if (int rc = Step("count the pages", object.PageCount(&pages), object)) return rc;
-    std::printf("appended %s: now %d pages\n", terms_path.string().c_str(), pages);
+    Say("appended %s: now %d pages\n", terms_path.string().c_str(), pages);
 
     // 5. Drawing a page, as the layout does for a placed element.
     const std::filesystem::path png_path = dir / "invoice-page1.png";
@@ -178,12 +178,12 @@ int RunDemo(const std::vector<std::string>& args) {
         return Failure(kDemoCommand, png_path.string(),
                        "cannot write the file: " + fs::ErrorText(error), hr::FromWin32(error));
     }
-    std::printf("drew page 1 at 100 dpi into %s\n", png_path.string().c_str());
+    Say("drew page 1 at 100 dpi into %s\n", png_path.string().c_str());
 
     // 6. Saving: the document is rewritten through a side file that replaces it when whole.
     if (int rc = Step("save", object.Save(), object)) return rc;
-    std::printf("saved %s (%lld bytes)\n", invoice.string().c_str(),
-                static_cast<long long>(std::filesystem::file_size(invoice, ec)));
+    Say("saved %s (%lld bytes)\n", invoice.string().c_str(),
+        static_cast<long long>(std::filesystem::file_size(invoice, ec)));
 
     // 5. Splitting a print file after its marker pages, one file per letter.
     const std::filesystem::path letters = dir / "letters.pdf";
@@ -197,11 +197,10 @@ int RunDemo(const std::vector<std::string>& args) {
             Step("split", splitter.SplitPdf(FromPath(letters), FromPath(dir / "letter"), &parts),
                  splitter))
         return rc;
-    std::printf("split %s after its marker pages into %d parts: %s_1 to %s_%d\n",
-                letters.string().c_str(), parts, (dir / "letter").string().c_str(),
-                (dir / "letter").string().c_str(), parts);
+    Say("split %s after its marker pages into %d parts: %s_1 to %s_%d\n", letters.string().c_str(),
+        parts, (dir / "letter").string().c_str(), (dir / "letter").string().c_str(), parts);
 
-    std::printf("demo finished: outputs are in %s\n", dir.string().c_str());
+    Say("demo finished: outputs are in %s\n", dir.string().c_str());
     return kExitOk;
 }
 

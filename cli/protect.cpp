@@ -118,7 +118,7 @@ int WriteSecured(const Command& command, OpenedDocument& opened, const std::stri
                                                          opened.Object().VersionReadFrom(target));
     const std::string shown = parsed.Value("-o").value_or(file);
     if (hr::Failed(saved.result)) return Failure(command, shown, saved.why, saved.result);
-    std::printf("%s: written\n", shown.c_str());
+    Say("%s: written\n", shown.c_str());
     return kExitOk;
 }
 

@@ -326,6 +326,12 @@ TEST(Cli, VersionVerbosityAndJsonErrors) {
         EXPECT_EQ(Contains(output, "-> " + (dir / "o.pdf").string()), confirmation) << args;
     }
     EXPECT_EQ(Zpdf("-q info " + doc).output.substr(0, 6), "file: ") << "results are not silenced";
+    for (const std::string& args :
+         {"-q protect " + doc + " --user u --owner o -o " + Quote(dir / "p.pdf"),
+          "-q decrypt " + Quote(dir / "p.pdf") + " --password u -o " + Quote(dir / "d.pdf"),
+          "-q demo " + Quote(dir / "demo")}) {
+        EXPECT_EQ(Ok(args), "") << args;
+    }
 
     const std::tuple<std::string, int, std::string> failures[] = {
         {"info --json " + Quote(dir / "none.pdf"), 1,

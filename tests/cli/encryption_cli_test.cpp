@@ -301,19 +301,37 @@ TEST(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
         " --key " + Quote(f.dir / "bob-key.pem") + " --cert " + Quote(f.dir / "bob-cert.pem");
     const std::string ann =
         " --key " + Quote(f.dir / "ann-key.pem") + " --cert " + Quote(f.dir / "ann-cert.pem");
-    const std::vector<std::pair<stdfs::path, std::string>> sources = {
-        {test::QpdfEncrypt(f.plain, f.dir / "aes256.pdf", "u", "o", 256), " --password u"},
-        {test::QpdfEncrypt(f.plain, f.dir / "aes128.pdf", "u", "o", 128), " --password o"},
-        {test::QpdfEncrypt(f.plain, f.dir / "rc4.pdf", "u", "o", 40), " --password u"},
-        {f.plain, ""},
-        {ours, ann},
-        {ours, bob},
-        {f.dir / "box40.pdf", bob},
-        {f.dir / "box128.pdf", bob},
-        {f.dir / "box128-aes.pdf", bob},
-        {f.dir / "box256.pdf", bob},
+    const stdfs::path single = f.dir / "single.pdf";
+    ASSERT_EQ(Zpdf("protect-pubkey " + Quote(f.plain) + " " + Quote(f.dir / "cy-cert.pem") +
+                   " -o " + Quote(single))
+                  .exit_code,
+              0);
+    const std::string cy =
+        " --key " + Quote(f.dir / "cy-key.pem") + " --cert " + Quote(f.dir / "cy-cert.pem");
+    // Each source, how it opens, and the encryption info reports of it: a holder's key opens a
+    // plain copy, but the method and the recipients are those of the file itself.
+    struct Source {
+        stdfs::path file;
+        std::string opener;
+        std::string encryption;
     };
-    for (const auto& [source, opener] : sources) {
+    const std::vector<Source> sources = {
+        {test::QpdfEncrypt(f.plain, f.dir / "aes256.pdf", "u", "o", 256), " --password u",
+         "AES-256 (Standard, V5, R6)"},
+        {test::QpdfEncrypt(f.plain, f.dir / "aes128.pdf", "u", "o", 128), " --password o",
+         "AES-128 (Standard, V4, R4)"},
+        {test::QpdfEncrypt(f.plain, f.dir / "rc4.pdf", "u", "o", 40), " --password u",
+         "RC4-40 (Standard, V1, R2)"},
+        {f.plain, "", "none"},
+        {ours, ann, "AES-256 (Adobe.PubSec, V5, 2 recipient(s))"},
+        {ours, bob, "AES-256 (Adobe.PubSec, V5, 2 recipient(s))"},
+        {single, cy, "AES-256 (Adobe.PubSec, V5, 1 recipient(s))"},
+        {f.dir / "box40.pdf", bob, "RC4-40 (Adobe.PubSec, V1, 2 recipient(s))"},
+        {f.dir / "box128.pdf", bob, "RC4-128 (Adobe.PubSec, V2, 2 recipient(s))"},
+        {f.dir / "box128-aes.pdf", bob, "AES-128 (Adobe.PubSec, V4, 2 recipient(s))"},
+        {f.dir / "box256.pdf", bob, "AES-256 (Adobe.PubSec, V5, 2 recipient(s))"},
+    };
+    for (const auto& [source, opener, encryption] : sources) {
         SCOPED_TRACE(source.filename().string() + opener);
         const stdfs::path out = f.dir / "plain-copy.pdf";
         const auto result = Zpdf("decrypt " + Quote(source) + opener + " -o " + Quote(out));
@@ -321,7 +339,8 @@ TEST(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
         EXPECT_TRUE(Contains(ShowEncryption(out, ""), "File is not encrypted"));
         EXPECT_EQ(test::Run("qpdf --check " + Quote(out)).exit_code, 0);
         EXPECT_TRUE(Contains(Text(out), "secret words"));
-        EXPECT_TRUE(Contains(Zpdf("info " + Quote(source) + opener).output, "pages: 1\n"));
+        const std::string info = Zpdf("info " + Quote(source) + opener).output;
+        EXPECT_TRUE(Contains(info, "\nencryption: " + encryption + "\npages: 1\n")) << info;
     }
     const auto drawn =
         Zpdf("render " + Quote(ours) + " 1 " + Quote(f.dir / "p.png") + " --dpi 36" + bob);

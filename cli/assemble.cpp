@@ -4,6 +4,7 @@
 
 #include "cli/command.h"
 #include "cli/edit_session.h"
+#include "cli/open_options.h"
 #include "cli/outputs.h"
 #include "cli/page_selection.h"
 
@@ -26,12 +27,18 @@ bool ParsePair(const std::string& text, bool allow_single, float* a, float* b) {
 }
 
 int RunStamp(const std::vector<std::string>& args) {
-    Arguments parsed({"--page", "--at", "--scale", "--letterhead-page", "-o", "--password",
-                      "--letterhead-password"},
-                     {"--all", "--background"});
+    Arguments parsed(
+        WithOpenOptions(WithOpenOptions({"--page", "--at", "--scale", "--letterhead-page", "-o"}),
+                        "--letterhead-"),
+        {"--all", "--background"});
     if (!parsed.Parse(args)) return UsageError(kStampCommand, parsed.Error());
     if (parsed.Positional().size() != 2)
         return UsageError(kStampCommand, "expected FILE LETTERHEAD");
+    OpenOptions file_open;
+    if (auto error = ReadOpenOptions(parsed, &file_open)) return UsageError(kStampCommand, *error);
+    OpenOptions letterhead_open;
+    if (auto error = ReadOpenOptions(parsed, &letterhead_open, "--letterhead-"))
+        return UsageError(kStampCommand, *error);
     if (parsed.Has("--page") && parsed.Has("--all"))
         return UsageError(kStampCommand, "--page and --all exclude each other");
     float x = 0;
@@ -57,16 +64,13 @@ int RunStamp(const std::vector<std::string>& args) {
     }
 
     EditSession session(kStampCommand);
-    if (int rc =
-            session.Begin(parsed.Positional()[0], parsed.Value("-o"), parsed.Value("--password")))
-        return rc;
+    if (int rc = session.Begin(parsed.Positional()[0], parsed.Value("-o"), file_open)) return rc;
     if (int rc =
             RefuseOutputOverInputs(kStampCommand, session.Destination(), {parsed.Positional()[1]}))
         return rc;
-    CZPdfContentObject letterhead;
-    if (int rc = OpenSource(kStampCommand, letterhead, parsed.Positional()[1],
-                            parsed.Value("--letterhead-password")))
-        return rc;
+    OpenedDocument opened_letterhead(kStampCommand);
+    if (int rc = opened_letterhead.Open(parsed.Positional()[1], letterhead_open)) return rc;
+    CZPdfContentObject& letterhead = opened_letterhead.Object();
 
     CZPdfContentObject& object = session.Object();
     std::vector<std::uint32_t> forms;
@@ -124,11 +128,12 @@ int RunStamp(const std::vector<std::string>& args) {
 struct AppendSource {
     std::string file;
     std::optional<std::string> pages;
-    std::optional<std::string> password;
+    OpenOptions open;
 };
 
-// FILE [--password PW] SOURCE [--pages R] [--password PW] [SOURCE ...] [-o OUT]: an option
-// belongs to the file named before it. False and an error text when the arguments do not parse.
+// FILE [--password PW] SOURCE [--pages R] [--password PW | --key K --cert C] [SOURCE ...]
+// [-o OUT]: an option belongs to the file named before it. False and an error text when the
+// arguments do not parse.
 bool ParseAppend(const std::vector<std::string>& args, std::vector<AppendSource>* files,
                  std::optional<std::string>* output, std::string* error) {
     for (std::size_t i = 0; i < args.size(); ++i) {
@@ -139,7 +144,7 @@ bool ParseAppend(const std::vector<std::string>& args, std::vector<AppendSource>
             continue;
         }
         if (name == "-" || name.empty() || name[0] != '-') {
-            files->push_back({name, std::nullopt, std::nullopt});
+            files->push_back({name, std::nullopt, {}});
             continue;
         }
         std::optional<std::string> value;
@@ -147,7 +152,8 @@ bool ParseAppend(const std::vector<std::string>& args, std::vector<AppendSource>
             value = name.substr(eq + 1);
             name.resize(eq);
         }
-        if (name != "-o" && name != "--pages" && name != "--password") {
+        if (name != "-o" && name != "--pages" && name != "--password" && name != "--key" &&
+            name != "--cert") {
             *error = "unknown option " + args[i];
             return false;
         }
@@ -169,12 +175,30 @@ bool ParseAppend(const std::vector<std::string>& args, std::vector<AppendSource>
                 return false;
             }
             files->back().pages = *value;
+        } else if (name == "--password") {
+            files->back().open.password = *value;
+        } else if (name == "--key") {
+            files->back().open.key = *value;
         } else {
-            files->back().password = *value;
+            files->back().open.cert = *value;
         }
     }
     if (files->size() < 2) {
         *error = "expected FILE and at least one SOURCE";
+        return false;
+    }
+    for (const AppendSource& file : *files) {
+        if (file.open.key.has_value() != file.open.cert.has_value()) {
+            *error = file.file + ": --key and --cert go together";
+            return false;
+        }
+        if (file.open.key && file.open.password) {
+            *error = file.file + ": --password and --key open different kinds of files; give one";
+            return false;
+        }
+    }
+    if (const auto refused = RefuseRecipientInPlace(files->front().open, *output)) {
+        *error = *refused;
         return false;
     }
     return true;
@@ -194,7 +218,7 @@ int RunAppend(const std::vector<std::string>& args) {
     }
 
     EditSession session(kAppendCommand);
-    if (int rc = session.Begin(files[0].file, output, files[0].password)) return rc;
+    if (int rc = session.Begin(files[0].file, output, files[0].open)) return rc;
     {
         // None of the sources is the output, under any name.
         std::vector<std::string> sources;
@@ -207,20 +231,23 @@ int RunAppend(const std::vector<std::string>& args) {
     Progress progress("appending source", static_cast<long>(count));
     for (std::size_t i = 1; i < files.size(); ++i) {
         const AppendSource& source = files[i];
+        // A certificate holder's source is read from a plain temporary copy of it.
+        ReadableFile readable(kAppendCommand);
+        if (int rc = readable.Make(source.file, source.open)) return rc;
         CZPdfContentObject document;
         HResult result = hr::kOk;
         if (!source.pages) {
             // A whole source is taken in when the result is written, read from a private copy
             // of its file alone.
-            const OptionalText password =
-                source.password ? OptionalText(FromAnsi(*source.password)) : std::u16string();
-            result = document.SetPdfDocument(FromAnsi(source.file), 0, password);
+            result = document.SetPdfDocument(readable.Path(), 0, readable.Password());
             if (hr::Failed(result))
                 return Failure(kAppendCommand, source.file, document.LastErrorText(), result);
             result = object.AppendPages(&document);
         } else {
-            if (int rc = OpenSource(kAppendCommand, document, source.file, source.password))
-                return rc;
+            result = document.SetPdfDocument(readable.Path(), 0, readable.Password());
+            if (hr::Succeeded(result)) result = document.EnsurePdfDocument();
+            if (hr::Failed(result))
+                return Failure(kAppendCommand, source.file, document.LastErrorText(), result);
             std::int32_t pages = 0;
             result = document.PageCount(&pages);
             if (hr::Failed(result))
@@ -248,8 +275,14 @@ int RunAppend(const std::vector<std::string>& args) {
 }
 
 int RunReplace(const std::vector<std::string>& args) {
-    Arguments parsed({"-o", "--password", "--pages", "--source-password"}, {});
+    Arguments parsed(WithOpenOptions(WithOpenOptions({"-o", "--pages"}), "--source-"), {});
     if (!parsed.Parse(args)) return UsageError(kReplaceCommand, parsed.Error());
+    OpenOptions file_open;
+    if (auto error = ReadOpenOptions(parsed, &file_open))
+        return UsageError(kReplaceCommand, *error);
+    OpenOptions source_open;
+    if (auto error = ReadOpenOptions(parsed, &source_open, "--source-"))
+        return UsageError(kReplaceCommand, *error);
     const auto& pos = parsed.Positional();
     const bool by_numbers = pos.size() == 5;
     if (!(by_numbers || pos.size() == 3))
@@ -267,12 +300,12 @@ int RunReplace(const std::vector<std::string>& args) {
         return UsageError(kReplaceCommand, "--pages: " + check.error);
 
     EditSession session(kReplaceCommand);
-    if (int rc = session.Begin(pos[0], parsed.Value("-o"), parsed.Value("--password"))) return rc;
+    if (int rc = session.Begin(pos[0], parsed.Value("-o"), file_open)) return rc;
     if (int rc = RefuseOutputOverInputs(kReplaceCommand, session.Destination(), {pos[2]}))
         return rc;
-    CZPdfContentObject source;
-    if (int rc = OpenSource(kReplaceCommand, source, pos[2], parsed.Value("--source-password")))
-        return rc;
+    OpenedDocument opened_source(kReplaceCommand);
+    if (int rc = opened_source.Open(pos[2], source_open)) return rc;
+    CZPdfContentObject& source = opened_source.Object();
     CZPdfContentObject& object = session.Object();
     HResult result = hr::kOk;
     std::string what;
@@ -308,8 +341,10 @@ int RunReplace(const std::vector<std::string>& args) {
 const Command kStampCommand{
     "stamp", "stamp a letterhead page onto pages, as vector content",
     "Usage: zpdf stamp FILE LETTERHEAD [--page N | --all] [--at X,Y] [--scale SX[,SY]]\n"
-    "                  [--background] [--letterhead-page K] [--password PW]\n"
-    "                  [--letterhead-password PW] [-o OUT]\n"
+    "                  [--background] [--letterhead-page K]\n"
+    "                  [--password PW | --key KEY.pem --cert CERT.pem]\n"
+    "                  [--letterhead-password PW |\n"
+    "                   --letterhead-key KEY.pem --letterhead-cert CERT.pem] [-o OUT]\n"
     "\n"
     "Draws page K (default 1) of LETTERHEAD onto every page of FILE (--all, the\n"
     "default) or onto page N only, as a form XObject: vector content, stored once.\n"
@@ -323,7 +358,15 @@ const Command kStampCommand{
     "  --background         draw beneath the page's content (default: above it)\n"
     "  --letterhead-page K  which page of LETTERHEAD to stamp\n"
     "  --password PW        password of FILE\n"
+    "  --key KEY.pem --cert CERT.pem\n"
+    "                       open FILE, secured for certificate holders, as the\n"
+    "                       holder of CERT.pem with its private key KEY.pem (PEM,\n"
+    "                       unencrypted); with -o only: the result is written to OUT\n"
+    "                       without encryption\n"
     "  --letterhead-password PW  password of LETTERHEAD\n"
+    "  --letterhead-key KEY.pem --letterhead-cert CERT.pem\n"
+    "                       open LETTERHEAD, secured for certificate holders, as the\n"
+    "                       holder of CERT.pem with its private key KEY.pem\n"
     "  -o OUT               write the result to OUT and leave FILE as it is; without it\n"
     "                       FILE is replaced, safely, only once the result is complete.\n"
     "                       '-o -' writes it to standard output; FILE '-' reads standard\n"
@@ -332,11 +375,15 @@ const Command kStampCommand{
 
 const Command kAppendCommand{
     "append", "append pages of other PDFs",
-    "Usage: zpdf append FILE [--password PW] SOURCE [--pages RANGE] [--password PW]\n"
-    "                   [SOURCE [--pages RANGE] [--password PW]]... [-o OUT]\n"
+    "Usage: zpdf append FILE [--password PW | --key KEY.pem --cert CERT.pem]\n"
+    "                   SOURCE [--pages RANGE]\n"
+    "                   [--password PW | --key KEY.pem --cert CERT.pem]\n"
+    "                   [SOURCE [--pages RANGE] [--password PW | --key K --cert C]]...\n"
+    "                   [-o OUT]\n"
     "\n"
     "Appends the pages of each SOURCE, in the order given, at the end of FILE. The\n"
-    "options --pages and --password belong to the file named just before them.\n"
+    "options --pages, --password, --key and --cert belong to the file named just\n"
+    "before them.\n"
     "\n"
     "Options:\n"
     "  --pages RANGE  the SOURCE's pages to take, in the order written (default: all):\n"
@@ -344,6 +391,11 @@ const Command kAppendCommand{
     "                 is after B: 5-1, z-1), items separated by commas, and :odd or\n"
     "                 :even after an item for every other page of it; e.g. 1-3,5,z,r2\n"
     "  --password PW  password of FILE, or of the SOURCE it follows\n"
+    "  --key KEY.pem --cert CERT.pem\n"
+    "                 open the file they follow, secured for certificate holders, as\n"
+    "                 the holder of CERT.pem with its private key KEY.pem (PEM,\n"
+    "                 unencrypted); after FILE with -o only: the result is written to\n"
+    "                 OUT without encryption\n"
     "  -o OUT         write the result to OUT and leave FILE as it is ('-o -':\n"
     "                 standard output; FILE '-' reads standard input, with -o only)\n",
     RunAppend};
@@ -351,7 +403,9 @@ const Command kAppendCommand{
 const Command kReplaceCommand{
     "replace", "put pages of another PDF in place of pages",
     "Usage: zpdf replace FILE DESTPAGE SOURCE [START END | --pages RANGE]\n"
-    "                    [--password PW] [--source-password PW] [-o OUT]\n"
+    "                    [--password PW | --key KEY.pem --cert CERT.pem]\n"
+    "                    [--source-password PW |\n"
+    "                     --source-key KEY.pem --source-cert CERT.pem] [-o OUT]\n"
     "\n"
     "Inserts pages of SOURCE before page DESTPAGE of FILE, then removes as many\n"
     "pages as were inserted, from the ones that followed. When fewer pages follow,\n"
@@ -361,7 +415,14 @@ const Command kReplaceCommand{
     "Options:\n"
     "  --pages RANGE         as for append: 1-3,5,z,r1, 5-1 (backwards), 2-z:even\n"
     "  --password PW         password of FILE\n"
+    "  --key KEY.pem --cert CERT.pem\n"
+    "                        open FILE, secured for certificate holders, as the\n"
+    "                        holder of CERT.pem with its private key KEY.pem (PEM,\n"
+    "                        unencrypted); with -o only: the result is written to OUT\n"
+    "                        without encryption\n"
     "  --source-password PW  password of SOURCE\n"
+    "  --source-key KEY.pem --source-cert CERT.pem\n"
+    "                        open SOURCE, secured for certificate holders, likewise\n"
     "  -o OUT                write the result to OUT and leave FILE as it is\n"
     "                        ('-o -': standard output)\n",
     RunReplace};

@@ -15,7 +15,9 @@
 namespace zpdf::cli {
 
 int EditSession::Begin(const std::string& file, const std::optional<std::string>& output,
-                       const std::optional<std::string>& password) {
+                       const OpenOptions& options) {
+    if (const auto refused = RefuseRecipientInPlace(options, output))
+        return UsageError(command_, *refused);
     std::filesystem::path source = ToPath(FromAnsi(file));
     input_name_ = IsStandardStream(file) ? "standard input" : file;
     if (IsStandardStream(file)) {
@@ -32,9 +34,15 @@ int EditSession::Begin(const std::string& file, const std::optional<std::string>
         destination_ = output_.Path();
     }
     to_output_ = output.has_value();
-    OptionalText pw = std::u16string();
-    if (password) pw = FromAnsi(*password);
-    HResult result = object_.SetPdfDocument(FromPath(source), 0, pw);
+    std::u16string path = FromPath(source);
+    OptionalText password = std::u16string();
+    if (options.password) password = FromAnsi(*options.password);
+    if (options.ForRecipient()) {
+        if (const int rc = readable_.Make(ToAnsi(path), options)) return rc;
+        path = readable_.Path();
+        password = readable_.Password();
+    }
+    HResult result = object_.SetPdfDocument(path, 0, password);
     if (hr::Succeeded(result)) result = object_.EnsurePdfDocument();
     if (hr::Failed(result)) return Failure(command_, file, object_.LastErrorText(), result);
     return 0;
@@ -70,16 +78,6 @@ int EditSession::Commit() {
 
 std::string EditSession::DestinationName() const {
     return output_.Path().empty() ? destination_.string() : "standard output";
-}
-
-int OpenSource(const Command& command, CZPdfContentObject& object, const std::string& file,
-               const std::optional<std::string>& password) {
-    OptionalText pw = std::u16string();
-    if (password) pw = FromAnsi(*password);
-    HResult result = object.SetPdfDocument(FromAnsi(file), 0, pw);
-    if (hr::Succeeded(result)) result = object.EnsurePdfDocument();
-    if (hr::Failed(result)) return Failure(command, file, object.LastErrorText(), result);
-    return 0;
 }
 
 bool ProgressWanted() {

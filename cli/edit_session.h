@@ -8,6 +8,7 @@
 #include <string>
 
 #include "cli/command.h"
+#include "cli/open_options.h"
 #include "cli/streams.h"
 #include "content_object/content_object.h"
 
@@ -18,12 +19,13 @@ class EditSession {
     explicit EditSession(const Command& command) : command_(command) {}
     EditSession(const EditSession&) = delete;
     EditSession& operator=(const EditSession&) = delete;
-    ~EditSession() = default;
+    ~EditSession() { object_.ResetDocument(); }
 
     // Returns 0, or the exit code after printing why the document cannot be edited. A FILE of
     // "-" is standard input (an output is needed then); an output of "-" is standard output.
+    // With a key and a certificate FILE is read as a plain copy, so an output is needed too.
     int Begin(const std::string& file, const std::optional<std::string>& output,
-              const std::optional<std::string>& password);
+              const OpenOptions& options);
     CZPdfContentObject& Object() { return object_; }
     // Saves the document and puts it in place. Returns 0 or the exit code after the message.
     int Commit();
@@ -34,6 +36,7 @@ class EditSession {
 
   private:
     const Command& command_;
+    ReadableFile readable_{command_};
     CZPdfContentObject object_;
     std::filesystem::path destination_;
     std::string input_name_;  // FILE as the user named it
@@ -41,10 +44,6 @@ class EditSession {
     StreamFile input_;
     StreamFile output_;
 };
-
-// Opens another document that a job reads from (a letterhead, a source of pages).
-int OpenSource(const Command& command, CZPdfContentObject& object, const std::string& file,
-               const std::optional<std::string>& password);
 
 // Progress may be shown: standard error is a terminal and zpdf is not quiet.
 bool ProgressWanted();

@@ -40,22 +40,32 @@ class ClosingFile {
 
 }  // namespace
 
-std::set<std::string> WithOpenOptions(std::set<std::string> valued) {
-    valued.insert({"--password", "--key", "--cert"});
+std::set<std::string> WithOpenOptions(std::set<std::string> valued, const std::string& prefix) {
+    valued.insert({prefix + "password", prefix + "key", prefix + "cert"});
     return valued;
 }
 
-std::optional<std::string> ReadOpenOptions(const Arguments& parsed, OpenOptions* options) {
-    options->password = parsed.Value("--password");
-    options->key = parsed.Value("--key");
-    options->cert = parsed.Value("--cert");
+std::optional<std::string> ReadOpenOptions(const Arguments& parsed, OpenOptions* options,
+                                           const std::string& prefix) {
+    options->password = parsed.Value(prefix + "password");
+    options->key = parsed.Value(prefix + "key");
+    options->cert = parsed.Value(prefix + "cert");
     if (options->key.has_value() != options->cert.has_value()) {
-        return std::string("--key and --cert go together");
+        return prefix + "key and " + prefix + "cert go together";
     }
     if (options->key && options->password) {
-        return std::string("--password and --key open different kinds of files; give one");
+        return prefix + "password and " + prefix + "key open different kinds of files; give one";
     }
     return std::nullopt;
+}
+
+std::optional<std::string> RefuseRecipientInPlace(const OpenOptions& options,
+                                                  const std::optional<std::string>& output,
+                                                  const std::string& key_option) {
+    if (!options.ForRecipient() || output) return std::nullopt;
+    return key_option +
+           " needs -o OUT: FILE is read as a plain copy, and writing the result over FILE would "
+           "drop its certificate security";
 }
 
 int WriteRecipientPlainCopy(const Command& command, const std::string& file,
@@ -98,25 +108,34 @@ int WriteRecipientPlainCopy(const Command& command, const std::string& file,
     return kExitOk;
 }
 
-OpenedDocument::~OpenedDocument() {
-    object_.ResetDocument();
+ReadableFile::~ReadableFile() {
     if (!plain_copy_.empty()) fs::RemoveQuietly(plain_copy_);
 }
 
-int OpenedDocument::Open(const std::string& file, const OpenOptions& options) {
-    std::u16string path = FromAnsi(file);
-    if (options.ForRecipient()) {
-        fs::OutputFile created;  // replaced as a whole by the plain copy below
-        if (const int error = fs::CreateTempFile(&plain_copy_, &created)) {
-            return Failure(command_, file, "cannot create a temporary file", hr::FromWin32(error));
-        }
-        created.Close();
-        if (const int rc = WriteRecipientPlainCopy(command_, file, options, plain_copy_)) return rc;
-        path = FromPath(plain_copy_);
+int ReadableFile::Make(const std::string& file, const OpenOptions& options) {
+    path_ = FromAnsi(file);
+    password_ = std::u16string();
+    if (options.password) password_ = FromAnsi(*options.password);
+    if (!options.ForRecipient()) return kExitOk;
+    fs::OutputFile created;  // replaced as a whole by the plain copy below
+    if (const int error = fs::CreateTempFile(&plain_copy_, &created)) {
+        plain_copy_.clear();
+        return Failure(command_, file, "cannot create a temporary file", hr::FromWin32(error));
     }
-    OptionalText password = std::u16string();
-    if (options.password) password = FromAnsi(*options.password);
-    HResult result = object_.SetPdfDocument(path, 0, password);
+    created.Close();
+    if (const int rc = WriteRecipientPlainCopy(command_, file, options, plain_copy_)) return rc;
+    path_ = FromPath(plain_copy_);
+    password_ = std::u16string();
+    return kExitOk;
+}
+
+OpenedDocument::~OpenedDocument() {
+    object_.ResetDocument();
+}
+
+int OpenedDocument::Open(const std::string& file, const OpenOptions& options) {
+    if (const int rc = readable_.Make(file, options)) return rc;
+    HResult result = object_.SetPdfDocument(readable_.Path(), 0, readable_.Password());
     if (hr::Succeeded(result)) result = object_.EnsurePdfDocument();
     if (hr::Failed(result)) {
         std::string why = object_.LastErrorText();

@@ -12,6 +12,7 @@
 
 #include "cli/command.h"
 #include "cli/edit_session.h"
+#include "cli/open_options.h"
 #include "cli/page_selection.h"
 #include "cli/streams.h"
 #include "content_object/content_object.h"
@@ -66,9 +67,11 @@ class SplitReport final : public CZPdfContentObject::SplitObserver {
 };
 
 int RunSplit(const std::vector<std::string>& args) {
-    Arguments parsed({"--password", "--ext", "--outdir", "--pages"}, {});
+    Arguments parsed(WithOpenOptions({"--ext", "--outdir", "--pages"}), {});
     if (!parsed.Parse(args)) return UsageError(kSplitCommand, parsed.Error());
     if (parsed.Positional().size() != 2) return UsageError(kSplitCommand, "expected FILE PREFIX");
+    OpenOptions open;
+    if (auto error = ReadOpenOptions(parsed, &open)) return UsageError(kSplitCommand, *error);
     const std::string& file = parsed.Positional()[0];
     std::u16string prefix = FromAnsi(parsed.Positional()[1]);
 
@@ -97,12 +100,18 @@ int RunSplit(const std::vector<std::string>& args) {
             return UsageError(kSplitCommand, "--pages: " + check.error);
     }
 
+    // A certificate holder's FILE is split from a plain temporary copy of it.
+    ReadableFile readable(kSplitCommand);
+    if (int rc = readable.Make(file, open)) return rc;
+    std::u16string source = readable.Path();
+    if (open.ForRecipient()) options.password.reset();
     // A selection is split as a document of its own, made in a temporary file.
-    std::string source = file;
     StreamFile selected;
     if (auto text = parsed.Value("--pages")) {
         CZPdfContentObject whole;
-        if (int rc = OpenSource(kSplitCommand, whole, file, options.password)) return rc;
+        HResult opened = whole.SetPdfDocument(source, 0, readable.Password());
+        if (hr::Succeeded(opened)) opened = whole.EnsurePdfDocument();
+        if (hr::Failed(opened)) return Failure(kSplitCommand, file, whole.LastErrorText(), opened);
         std::int32_t count = 0;
         HResult result = whole.PageCount(&count);
         if (hr::Failed(result)) return Failure(kSplitCommand, file, whole.LastErrorText(), result);
@@ -115,13 +124,13 @@ int RunSplit(const std::vector<std::string>& args) {
         result = whole.KeepSelectedPages(selection.pages);
         if (hr::Succeeded(result)) result = whole.SaveTo(selected.Path());
         if (hr::Failed(result)) return Failure(kSplitCommand, file, whole.LastErrorText(), result);
-        source = selected.Name();
+        source = FromPath(selected.Path());
     }
 
     CZPdfContentObject object;
     SplitReport report(ProgressWanted(), ZPDF_ISATTY(stdout) != 0);
     std::int32_t parts = 0;
-    const HResult result = object.SplitPdf(FromAnsi(source), prefix, &parts, &report, &options);
+    const HResult result = object.SplitPdf(source, prefix, &parts, &report, &options);
     report.EraseProgress();
     if (hr::Failed(result)) {
         std::string reason = object.LastErrorText();
@@ -141,7 +150,7 @@ int RunSplit(const std::vector<std::string>& args) {
 const Command kSplitCommand{
     "split", "cut a PDF after every page that carries the marker @@nd@@",
     "Usage: zpdf split FILE PREFIX [--pages RANGE] [--ext .pdf] [--outdir DIR]\n"
-    "                  [--password PW]\n"
+    "                  [--password PW | --key KEY.pem --cert CERT.pem]\n"
     "\n"
     "Cuts FILE into parts: a part ends after every page whose text holds \"@@nd@@\"\n"
     "(case-sensitive, anywhere in the page's text); the last page always ends the\n"
@@ -162,7 +171,11 @@ const Command kSplitCommand{
     "                 count within the selection\n"
     "  --ext EXT      add EXT to every part's name (\".pdf\" or \"pdf\": PREFIX_1.pdf)\n"
     "  --outdir DIR   write the parts into DIR (made when missing): DIR/PREFIX_1...\n"
-    "  --password PW  password of FILE; the parts are written without encryption\n",
+    "  --password PW  password of FILE; the parts are written without encryption\n"
+    "  --key KEY.pem --cert CERT.pem\n"
+    "                 open FILE, secured for certificate holders, as the holder of\n"
+    "                 CERT.pem with its private key KEY.pem (PEM, unencrypted); the\n"
+    "                 parts are written without encryption\n",
     RunSplit};
 
 }  // namespace zpdf::cli

@@ -34,6 +34,11 @@ fz_context* NewDocumentContext();
 // an fz_catch block.
 [[noreturn]] void ThrowCaught(fz_context* ctx, ErrorCategory category, const char* doing);
 
+// The facts of the encryption dictionary `encrypt` (nothing encrypted when it is not a
+// dictionary). Throws engine errors; call it inside fz_try.
+struct EncryptionFacts;
+EncryptionFacts EncryptionFactsOf(fz_context* ctx, pdf_obj* encrypt);
+
 // Engine stream over a C stdio file the caller owns; remembers read failures.
 struct FileStreamState;
 fz_stream* OpenFileStream(fz_context* ctx, std::FILE* file);

@@ -321,20 +321,25 @@ std::string PdfVersion(Document& document) {
     return std::to_string(version / 10) + "." + std::to_string(version % 10);
 }
 
+EncryptionFacts EncryptionFactsOf(fz_context* ctx, pdf_obj* encrypt) {
+    EncryptionFacts facts;
+    if (!pdf_is_dict(ctx, encrypt)) return facts;
+    facts.encrypted = true;
+    facts.filter = pdf_to_name(ctx, pdf_dict_get(ctx, encrypt, PDF_NAME(Filter)));
+    facts.version = pdf_dict_get_int(ctx, encrypt, PDF_NAME(V));
+    facts.revision = pdf_dict_get_int(ctx, encrypt, PDF_NAME(R));
+    facts.method = MethodName(ctx, encrypt, facts.version);
+    if (facts.filter != "Standard") facts.recipients = CountRecipients(ctx, encrypt);
+    return facts;
+}
+
 EncryptionFacts ReadEncryption(Document& document) {
     Document::Impl& impl = document.Internals();
     fz_context* ctx = impl.ctx;
     EncryptionFacts facts;
     fz_try(ctx) {
-        pdf_obj* encrypt = pdf_dict_get(ctx, pdf_trailer(ctx, impl.doc), PDF_NAME(Encrypt));
-        if (pdf_is_dict(ctx, encrypt)) {
-            facts.encrypted = true;
-            facts.filter = pdf_to_name(ctx, pdf_dict_get(ctx, encrypt, PDF_NAME(Filter)));
-            facts.version = pdf_dict_get_int(ctx, encrypt, PDF_NAME(V));
-            facts.revision = pdf_dict_get_int(ctx, encrypt, PDF_NAME(R));
-            facts.method = MethodName(ctx, encrypt, facts.version);
-            if (facts.filter != "Standard") facts.recipients = CountRecipients(ctx, encrypt);
-        }
+        facts = EncryptionFactsOf(ctx,
+                                  pdf_dict_get(ctx, pdf_trailer(ctx, impl.doc), PDF_NAME(Encrypt)));
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, ErrorCategory::Other, "cannot read the encryption dictionary");

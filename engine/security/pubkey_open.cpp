@@ -614,4 +614,25 @@ void SaveDecryptedForRecipient(std::FILE* file, const std::string& key_pem,
     WritePlainDocument(impl, sink);
 }
 
+EncryptionFacts ReadRecipientEncryption(std::FILE* file) {
+    std::vector<unsigned char> bytes = ReadWholeFile(file);
+    HideEncryptEntries(bytes);
+    Document document;  // declared after the bytes it reads, so it is closed first
+    Document::Impl& impl = document.Internals();
+    OpenHiddenSecurity(impl, bytes);
+    fz_context* ctx = impl.ctx;
+    EncryptionFacts facts;
+    fz_try(ctx) {
+        // Under its hidden name the dictionary reads as it is written: the strings of an
+        // encryption dictionary, the envelopes among them, are never encrypted.
+        facts = EncryptionFactsOf(
+            ctx, pdf_dict_gets(ctx, pdf_trailer(ctx, impl.doc), kHiddenEncryptKey));
+    }
+    fz_catch(ctx) {
+        ThrowCaught(ctx, ErrorCategory::NotPdf, "cannot read the document's encryption dictionary");
+    }
+    if (!facts.encrypted) throw RecipientKeyError(Subject::Document, "it is not encrypted");
+    return facts;
+}
+
 }  // namespace zpdf::engine

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "engine/engine.h"
+#include "engine/page_info.h"
 
 namespace zpdf::engine {
 
@@ -33,5 +34,11 @@ class RecipientKeyError : public std::runtime_error {
 // for a file that is not a readable PDF.
 void SaveDecryptedForRecipient(std::FILE* file, const std::string& key_pem,
                                const std::string& cert_pem, ByteSink& sink);
+
+// The encryption of the certificate-secured document read from `file`, as ReadEncryption tells
+// it for documents the engine opens: filter, method, version and the recipients counted in the
+// envelopes. Throws RecipientKeyError when it is not encrypted, or EngineError for a file that
+// is not a readable PDF.
+EncryptionFacts ReadRecipientEncryption(std::FILE* file);
 
 }  // namespace zpdf::engine

@@ -108,7 +108,8 @@ TEST(Cli, InfoPrintsVersionEncryptionSizesRotationAndBoxes) {
                          "\"version\": 4, \"revision\": 4}"));
 }
 
-// A file secured for certificate holders is read with a holder's key, and said to be one.
+// A file secured for certificate holders is read with a holder's key; its encryption is that
+// of the file itself, with the recipients it names.
 TEST(Cli, InfoReadsCertificateSecuredFilesWithAKey) {
     const stdfs::path dir = test::ScratchDir();
     const stdfs::path plain = test::TextPdf(dir / "plain.pdf", {"secret"});
@@ -120,10 +121,10 @@ TEST(Cli, InfoReadsCertificateSecuredFilesWithAKey) {
        Quote(dir / "pub.pdf"));
     const std::string key = " --key " + Quote(dir / "a.key") + " --cert " + Quote(dir / "a.pem");
     EXPECT_TRUE(Contains(Ok("info " + Quote(dir / "pub.pdf") + key),
-                         "encryption: certificate\npages: 1\n"));
+                         "encryption: AES-256 (Adobe.PubSec, V5, 1 recipient(s))\npages: 1\n"));
     EXPECT_TRUE(Contains(Ok("info --json " + Quote(dir / "pub.pdf") + key),
-                         "\"encryption\": {\"filter\": \"certificate\", \"method\": null, "
-                         "\"recipients\": null}"));
+                         "\"encryption\": {\"filter\": \"Adobe.PubSec\", \"method\": "
+                         "\"AES-256\", \"version\": 5, \"recipients\": 1}"));
 }
 
 // Refusals and usage errors: exit status 1 with the reason and the result code, or 2; nothing

@@ -301,19 +301,37 @@ TEST(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
         " --key " + Quote(f.dir / "bob-key.pem") + " --cert " + Quote(f.dir / "bob-cert.pem");
     const std::string ann =
         " --key " + Quote(f.dir / "ann-key.pem") + " --cert " + Quote(f.dir / "ann-cert.pem");
-    const std::vector<std::pair<stdfs::path, std::string>> sources = {
-        {test::QpdfEncrypt(f.plain, f.dir / "aes256.pdf", "u", "o", 256), " --password u"},
-        {test::QpdfEncrypt(f.plain, f.dir / "aes128.pdf", "u", "o", 128), " --password o"},
-        {test::QpdfEncrypt(f.plain, f.dir / "rc4.pdf", "u", "o", 40), " --password u"},
-        {f.plain, ""},
-        {ours, ann},
-        {ours, bob},
-        {f.dir / "box40.pdf", bob},
-        {f.dir / "box128.pdf", bob},
-        {f.dir / "box128-aes.pdf", bob},
-        {f.dir / "box256.pdf", bob},
+    const stdfs::path single = f.dir / "single.pdf";
+    ASSERT_EQ(Zpdf("protect-pubkey " + Quote(f.plain) + " " + Quote(f.dir / "cy-cert.pem") +
+                   " -o " + Quote(single))
+                  .exit_code,
+              0);
+    const std::string cy =
+        " --key " + Quote(f.dir / "cy-key.pem") + " --cert " + Quote(f.dir / "cy-cert.pem");
+    // Each source, how it opens, and the encryption info reports of it: a holder's key opens a
+    // plain copy, but the method and the recipients are those of the file itself.
+    struct Source {
+        stdfs::path file;
+        std::string opener;
+        std::string encryption;
     };
-    for (const auto& [source, opener] : sources) {
+    const std::vector<Source> sources = {
+        {test::QpdfEncrypt(f.plain, f.dir / "aes256.pdf", "u", "o", 256), " --password u",
+         "AES-256 (Standard, V5, R6)"},
+        {test::QpdfEncrypt(f.plain, f.dir / "aes128.pdf", "u", "o", 128), " --password o",
+         "AES-128 (Standard, V4, R4)"},
+        {test::QpdfEncrypt(f.plain, f.dir / "rc4.pdf", "u", "o", 40), " --password u",
+         "RC4-40 (Standard, V1, R2)"},
+        {f.plain, "", "none"},
+        {ours, ann, "AES-256 (Adobe.PubSec, V5, 2 recipient(s))"},
+        {ours, bob, "AES-256 (Adobe.PubSec, V5, 2 recipient(s))"},
+        {single, cy, "AES-256 (Adobe.PubSec, V5, 1 recipient(s))"},
+        {f.dir / "box40.pdf", bob, "RC4-40 (Adobe.PubSec, V1, 2 recipient(s))"},
+        {f.dir / "box128.pdf", bob, "RC4-128 (Adobe.PubSec, V2, 2 recipient(s))"},
+        {f.dir / "box128-aes.pdf", bob, "AES-128 (Adobe.PubSec, V4, 2 recipient(s))"},
+        {f.dir / "box256.pdf", bob, "AES-256 (Adobe.PubSec, V5, 2 recipient(s))"},
+    };
+    for (const auto& [source, opener, encryption] : sources) {
         SCOPED_TRACE(source.filename().string() + opener);
         const stdfs::path out = f.dir / "plain-copy.pdf";
         const auto result = Zpdf("decrypt " + Quote(source) + opener + " -o " + Quote(out));
@@ -321,7 +339,8 @@ TEST(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
         EXPECT_TRUE(Contains(ShowEncryption(out, ""), "File is not encrypted"));
         EXPECT_EQ(test::Run("qpdf --check " + Quote(out)).exit_code, 0);
         EXPECT_TRUE(Contains(Text(out), "secret words"));
-        EXPECT_TRUE(Contains(Zpdf("info " + Quote(source) + opener).output, "pages: 1\n"));
+        const std::string info = Zpdf("info " + Quote(source) + opener).output;
+        EXPECT_TRUE(Contains(info, "\nencryption: " + encryption + "\npages: 1\n")) << info;
     }
     const auto drawn =
         Zpdf("render " + Quote(ours) + " 1 " + Quote(f.dir / "p.png") + " --dpi 36" + bob);
@@ -419,6 +438,140 @@ TEST(EncryptionCli, DecryptReadsObjectStreamsAndClearMetadata) {
         EXPECT_TRUE(
             Contains(test::Run("qpdf --show-object=9 --raw-stream-data " + Quote(out)).output,
                      "<x:xmpmeta>described in clear</x:xmpmeta>"));
+    }
+}
+
+// Every command that reads a file secured for certificate holders opens it with a holder's key
+// and certificate, whether it is the file edited (to -o only), a letterhead or a source of
+// pages; the result is written plain, with the pages of both files.
+TEST(EncryptionCli, EditingCommandsReadCertificateFilesWithAKey) {
+    const Fixture f;
+    MakeCertificate(f.dir, "ann");
+    const stdfs::path extra =
+        test::TextPdf(f.dir / "extra.pdf", {"extra one @@nd@@", "extra two", "extra three"});
+    const stdfs::path main = f.dir / "main.pdf", source = f.dir / "source.pdf";
+    for (const auto& [from, to] : {std::pair{f.plain, main}, std::pair{extra, source}}) {
+        ASSERT_EQ(Zpdf("protect-pubkey " + Quote(from) + " " + Quote(f.dir / "ann-cert.pem") +
+                       " -o " + Quote(to))
+                      .exit_code,
+                  0);
+    }
+    const std::string key = Quote(f.dir / "ann-key.pem"), cert = Quote(f.dir / "ann-cert.pem");
+    const auto as = [&](const std::string& prefix) {
+        return " --" + prefix + "key " + key + " --" + prefix + "cert " + cert;
+    };
+    const std::string main_before = test::ReadBytes(main), source_before = test::ReadBytes(source);
+    const stdfs::path out = f.dir / "out.pdf";
+    const std::string to_out = " -o " + Quote(out);
+    struct Case {
+        std::string args;
+        stdfs::path result;
+        std::vector<std::string> present;
+        std::vector<std::string> absent;
+    };
+    const std::vector<Case> cases = {
+        {"stamp " + Quote(f.plain) + " " + Quote(source) + " --at 0,-400" + as("letterhead-") +
+             to_out,
+         out,
+         {"secret words", "extra one"},
+         {"extra two"}},
+        {"stamp " + Quote(f.plain) + " " + Quote(source) + " --letterhead-page 3 --at 0,-400" +
+             as("letterhead-") + to_out,
+         out,
+         {"secret words", "extra three"},
+         {"extra one"}},
+        {"stamp " + Quote(main) + as("") + " " + Quote(extra) + " --at 0,-400" + to_out,
+         out,
+         {"secret words", "extra one"},
+         {}},
+        {"append " + Quote(f.plain) + " " + Quote(source) + as("") + to_out,
+         out,
+         {"secret words", "extra one", "extra three"},
+         {}},
+        {"append " + Quote(f.plain) + " " + Quote(source) + " --pages 2" + as("") + " " +
+             Quote(source) + as("") + " --pages 3" + to_out,
+         out,
+         {"secret words", "extra two", "extra three"},
+         {"extra one"}},
+        {"append " + Quote(main) + as("") + " " + Quote(extra) + " --pages 1" + to_out,
+         out,
+         {"secret words", "extra one"},
+         {"extra two"}},
+        {"replace " + Quote(f.plain) + " 1 " + Quote(source) + " --pages 2" + as("source-") +
+             to_out,
+         out,
+         {"extra two"},
+         {"secret words", "extra one"}},
+        {"replace " + Quote(main) + as("") + " 1 " + Quote(extra) + " 3 3" + to_out,
+         out,
+         {"extra three"},
+         {"secret words"}},
+        {"split " + Quote(source) + as("") + " " + Quote(f.dir / "part"),
+         f.dir / "part_2",
+         {"extra two", "extra three"},
+         {"extra one"}},
+        {"split " + Quote(source) + " --pages z,1,2" + as("") + " " + Quote(f.dir / "pick"),
+         f.dir / "pick_1",
+         {"extra three", "extra one"},
+         {"extra two"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args);
+        stdfs::remove(c.result);
+        const auto result = Zpdf(c.args);
+        ASSERT_EQ(result.exit_code, 0) << result.output;
+        EXPECT_TRUE(Contains(ShowEncryption(c.result, ""), "File is not encrypted"));
+        const std::string text = Text(c.result);
+        for (const std::string& words : c.present) EXPECT_TRUE(Contains(text, words)) << text;
+        for (const std::string& words : c.absent) EXPECT_FALSE(Contains(text, words)) << text;
+    }
+    // The secured inputs are as they were.
+    EXPECT_EQ(test::ReadBytes(main), main_before);
+    EXPECT_EQ(test::ReadBytes(source), source_before);
+}
+
+// A certificate-secured FILE is not edited in place, which would leave it without its security,
+// and a key goes with a certificate; nothing is written then.
+TEST(EncryptionCli, KeysThatCannotBeUsedAreUsageErrors) {
+    const Fixture f;
+    MakeCertificate(f.dir, "ann");
+    const stdfs::path main = f.dir / "main.pdf";
+    ASSERT_EQ(Zpdf("protect-pubkey " + Quote(f.plain) + " " + Quote(f.dir / "ann-cert.pem") +
+                   " -o " + Quote(main))
+                  .exit_code,
+              0);
+    const std::string before = test::ReadBytes(main);
+    const std::string key = " --key " + Quote(f.dir / "ann-key.pem");
+    const std::string cert = " --cert " + Quote(f.dir / "ann-cert.pem");
+    const std::string out = " -o " + Quote(f.dir / "out.pdf");
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"stamp " + Quote(main) + " " + Quote(f.plain) + key + cert,
+         "drop its certificate security"},
+        {"append " + Quote(main) + key + cert + " " + Quote(f.plain),
+         "drop its certificate security"},
+        {"replace " + Quote(main) + " 1 " + Quote(f.plain) + key + cert,
+         "drop its certificate security"},
+        {"stamp " + Quote(f.plain) + " " + Quote(main) + " --letterhead-key " +
+             Quote(f.dir / "ann-key.pem") + out,
+         "--letterhead-key and --letterhead-cert go together"},
+        {"replace " + Quote(f.plain) + " 1 " + Quote(main) + " --source-cert " +
+             Quote(f.dir / "ann-cert.pem") + " --source-password x" + out,
+         "--source-key and --source-cert go together"},
+        {"append " + Quote(f.plain) + " " + Quote(main) + key + out,
+         "--key and --cert go together"},
+        {"append " + Quote(f.plain) + " " + Quote(main) + key + cert + " --password x" + out,
+         "--password and --key open different kinds of files"},
+        {"split " + Quote(main) + cert + " " + Quote(f.dir / "part"),
+         "--key and --cert go together"},
+    };
+    for (const auto& [args, message] : cases) {
+        SCOPED_TRACE(args);
+        const auto result = Zpdf(args);
+        EXPECT_EQ(result.exit_code, 2) << result.output;
+        EXPECT_TRUE(Contains(result.output, message)) << result.output;
+        EXPECT_TRUE(test::FilesStartingWith(f.dir, "out.pdf").empty());
+        EXPECT_TRUE(test::FilesStartingWith(f.dir, "part").empty());
+        EXPECT_EQ(test::ReadBytes(main), before);
     }
 }
 

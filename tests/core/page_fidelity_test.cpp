@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <functional>
 
 #include "core/open_object.h"
@@ -14,17 +15,20 @@ namespace {
 
 using namespace test;  // NOLINT: the helpers of these tests
 
-// What qpdf reads in a file, one line each: every page's annotations in order (subtype; a link's
+// What qpdf reads in a file, one line each: every page's keys but those every page has and its
+// annotations, the page its open action goes to, then its annotations in order (subtype; a link's
 // target as the page it reaches, "name=page" for a named destination, its web address, "-" for
 // none; "!P" where /P is not the page), the form's fields by full name with their values, the
 // outline (title>page, children in brackets), the page labels (prefix, style, number), the
-// output intent and language, and how many catalogs and structure-tree keys the file holds.
+// output intent and language, and how many catalogs, page tree nodes holding pages and
+// structure-tree keys the file holds.
 constexpr const char* kSummary = R"jq(
 def v($o; r): if (r|type) == "string" and (r|test("^[0-9]+ [0-9]+ R$"))
   then ($o["obj:" + r] | (.value // .stream.dict)) else r end;
 def text: if type == "string" then ltrimstr("u:") elif . == null then "-" else tostring end;
 def ol: [.[] | .title + ">" + (if .destpageposfrom1 then "p" + (.destpageposfrom1|tostring)
   else "-" end) + (if (.kids|length) > 0 then "(" + (.kids|ol) + ")" else "" end)] | join(" ");
+def count(f): [.qpdf[1][] | (.value // .stream.dict)? | objects | select(f)] | length;
 .qpdf[1] as $o
 | (.pages | map({key: .object, value: .pageposfrom1}) | from_entries) as $pos
 | v($o; $o.trailer.value["/Root"]) as $root
@@ -38,7 +42,9 @@ def ol: [.[] | .title + ">" + (if .destpageposfrom1 then "p" + (.destpageposfrom
     elif a["/A"] != null then (v($o; a["/A"])) as $a | (if $a["/S"] == "/URI"
       then ($a["/URI"]|text) elif $a["/S"] == "/GoTo" then target($a["/D"]) else "?" end)
     else "-" end;
-(.pages[] | .object as $page | v($o; $page) as $p | "p\(.pageposfrom1):"
+(.pages[] | .object as $page | v($o; $page) as $p | "p\(.pageposfrom1):" + ([$p | keys[]
+  | select(IN("/Parent", "/Contents", "/Resources", "/MediaBox", "/Type", "/Annots") | not)
+  | " " + .] | join("")) + (if $p["/AA"] then " open>" + page(v($o; $p["/AA"])["/O"]) else "" end)
   + ([(v($o; $p["/Annots"]) // [])[] | v($o; .) as $a | " " + ($a["/Subtype"]|ltrimstr("/"))
   + (if $a["/Subtype"] == "/Link" then ">" + link($a) else "" end)
   + (if $a["/P"] == $page then "" else "!P" end)] | join(""))),
@@ -49,31 +55,15 @@ def ol: [.[] | .title + ">" + (if .destpageposfrom1 then "p" + (.destpageposfrom
   + (.label["/S"] // "" | ltrimstr("/")) + (.label["/St"] // 1 | tostring)] | join(""))),
 ("intent: " + (v($o; v($o; $root["/OutputIntents"])[0]?)["/OutputConditionIdentifier"]? | text)
   + " lang: " + ($root["/Lang"] | text)),
-("catalogs: \([$o[] | (.value // .stream.dict)? | objects | select(.["/Type"] == "/Catalog")]
-  | length) structure keys: \([$o[] | (.value // .stream.dict)? | objects
-  | select(has("/StructParents") or has("/StructParent"))] | length)")
+("catalogs: \(count(.["/Type"] == "/Catalog")) nodes: \(count(.["/Type"] == "/Pages" and
+  (.["/Kids"] | length) > 0))"
+  + " structure keys: \(count(has("/StructParents") or has("/StructParent")))")
 )jq";
 
-// Each page's keys but those every page has, the page its open action goes to, and how many
-// catalogs and page tree nodes the file holds.
-constexpr const char* kPageKeys = R"jq(
-def v($o; r): if (r|type) == "string" and (r|test("^[0-9]+ [0-9]+ R$"))
-  then ($o["obj:" + r] | (.value // .stream.dict)) else r end;
-.qpdf[1] as $o
-| (.pages | map({key: .object, value: .pageposfrom1}) | from_entries) as $pos
-| (.pages[] | v($o; .object) as $p | "p\(.pageposfrom1):" + ([$p | keys[]
-  | select(IN("/Parent", "/Contents", "/Resources", "/MediaBox", "/Type") | not) | " " + .]
-  | join("")) + (if $p["/AA"] then " open>p" + ($pos[v($o; v($o; v($o; $p["/AA"])["/O"])["/D"])[0]]
-  | tostring) else "" end)),
-("catalogs: \([$o[] | (.value // .stream.dict)? | objects | select(.["/Type"] == "/Catalog")]
-  | length) nodes: \([$o[] | (.value // .stream.dict)? | objects | select(.["/Type"] == "/Pages")]
-  | length)")
-)jq";
-
-// What the jq `program` makes of qpdf's description of `file`.
-std::string Summary(const Path& file, const char* program = kSummary) {
+// What kSummary makes of qpdf's description of `file`, which qpdf must find sound.
+std::string Summary(const Path& file) {
     const Path program_file = file.parent_path() / "summary.jq";
-    WriteBytes(program_file, program);
+    WriteBytes(program_file, kSummary);
     EXPECT_TRUE(QpdfCheckPasses(file)) << file;
     const ToolResult result =
         Run("qpdf --json=2 --json-key=pages --json-key=acroform --json-key=outlines "
@@ -90,210 +80,37 @@ std::string PageTexts(const Path& file) {
     return texts;
 }
 
-// The source "Src" and what each operation makes of it, by the summary of every file written.
-TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
-    struct Docs {
-        Path dir;
-        Obj dst, src;
-    };
-    const std::string kAllPages =
-        "p1: Link>p3 Link>https://example.com/Src!P Link>chap2=p2\n"
-        "p2: Widget Widget Widget Link>p4\n"
-        "p3: Text Popup\n"
-        "p4: Widget Link>p1\n";
-    // What poppler draws of page 2's filled fields after the name: the check mark, the choice.
-    const std::string kFilled = "\u2713Blue";
-    const std::string kNoDocumentParts =
-        "outline: \nlabels:\nintent: - lang: -\ncatalogs: 1 structure keys: 0\n";
-    const struct {
-        const char* name;
-        // "plain": a labelled page each; "interactive": InteractivePdf("Dst"); else
-        // InteractivePdf("Dst") with that name for its named destination
-        std::string target;
-        std::function<HResult(Docs&)> run;
-        std::vector<std::string> files;  // written, by name in the case's folder
-        std::vector<std::string> heads;
-        std::vector<std::string> summaries;
-    } cases[] = {
-        // Appended to a document like it: links reach the copies; the taken name "chap2" is
-        // made explicit; same-named fields stay apart, renamed; the copied signature is unsigned.
-        {"append",
-         "interactive",
-         [](Docs& d) { return d.dst.AppendPages(&d.src); },
-         {"out.pdf"},
-         {"Dst one|Dst two@@nd@@Dst" + kFilled + "|Dst three|Dst four|Src one|Src two@@nd@@Src" +
-          kFilled + "|Src three|Src four"},
-         {"p1: Link>p3 Link>https://example.com/Dst!P Link>chap2=p2\n"
-          "p2: Widget Widget Widget Link>p4\n"
-          "p3: Text Popup\n"
-          "p4: Widget Link>p1\n"
-          "p5: Link>p7 Link>https://example.com/Src Link>p6\n"
-          "p6: Widget Widget Widget Link>p8\n"
-          "p7: Text Popup\n"
-          "p8: Widget Link>p5\n"
-          "fields: name=Dst agree=/Yes colour=Blue sign=ref name_2=Src agree_2=/Yes "
-          "colour_2=Blue sign_2=-\n"
-          "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3(Section B.1>p4)\n"
-          "labels: r1 A-D5 A-D6 A-D7 A-D8 A-D9 A-D10 A-D11\n"
-          "intent: FOGRA39 lang: en-GB\n"
-          "catalogs: 1 structure keys: 2\n"}},
-        // The source's named destination joins the target's tree of them.
-        {"append other names",
-         "appendix",
-         [](Docs& d) { return d.dst.AppendPages(&d.src); },
-         {"out.pdf"},
-         {"Dst one|Dst two@@nd@@Dst" + kFilled + "|Dst three|Dst four|Src one|Src two@@nd@@Src" +
-          kFilled + "|Src three|Src four"},
-         {"p1: Link>p3 Link>https://example.com/Dst!P Link>appendix=p2\n"
-          "p2: Widget Widget Widget Link>p4\n"
-          "p3: Text Popup\n"
-          "p4: Widget Link>p1\n"
-          "p5: Link>p7 Link>https://example.com/Src Link>chap2=p6\n"
-          "p6: Widget Widget Widget Link>p8\n"
-          "p7: Text Popup\n"
-          "p8: Widget Link>p5\n"
-          "fields: name=Dst agree=/Yes colour=Blue sign=ref name_2=Src agree_2=/Yes "
-          "colour_2=Blue sign_2=-\n"
-          "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3(Section B.1>p4)\n"
-          "labels: r1 A-D5 A-D6 A-D7 A-D8 A-D9 A-D10 A-D11\n"
-          "intent: FOGRA39 lang: en-GB\n"
-          "catalogs: 1 structure keys: 2\n"}},
-        // Appended to itself: the copies' annotations and fields are objects of their own.
-        {"append itself",
-         "interactive",
-         [](Docs& d) { return d.dst.AppendPages(&d.dst); },
-         {"out.pdf"},
-         {"Dst one|Dst two@@nd@@Dst" + kFilled + "|Dst three|Dst four|Dst one|Dst two@@nd@@Dst" +
-          kFilled + "|Dst three|Dst four"},
-         {"p1: Link>p3 Link>https://example.com/Dst!P Link>chap2=p2\n"
-          "p2: Widget Widget Widget Link>p4\n"
-          "p3: Text Popup\n"
-          "p4: Widget Link>p1\n"
-          "p5: Link>p7 Link>https://example.com/Dst Link>p6\n"
-          "p6: Widget Widget Widget Link>p8\n"
-          "p7: Text Popup\n"
-          "p8: Widget Link>p5\n"
-          "fields: name=Dst agree=/Yes colour=Blue sign=ref name_2=Dst agree_2=/Yes "
-          "colour_2=Blue sign_2=-\n"
-          "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3(Section B.1>p4)\n"
-          "labels: r1 A-D5 A-D6 A-D7 A-D8 A-D9 A-D10 A-D11\n"
-          "intent: FOGRA39 lang: en-GB\n"
-          "catalogs: 1 structure keys: 2\n"}},
-        // Two pages in place of pages 2 and 3 of a plain document: links to pages left behind
-        // lose their target, the named one comes along with its name, the form is made.
-        {"replace",
-         "plain",
-         [](Docs& d) { return d.dst.ReplacePages(2, &d.src, 1, 2); },
-         {"out.pdf"},
-         {"d1|Src one|Src two@@nd@@Src" + kFilled},
-         {"p1:\n"
-          "p2: Link>- Link>https://example.com/Src Link>chap2=p3\n"
-          "p3: Widget Widget Widget Link>-\n"
-          "fields: name=Src agree=/Yes colour=Blue\n" +
-          kNoDocumentParts}},
-        // The whole source into a plain document.
-        {"append to plain",
-         "plain",
-         [](Docs& d) { return d.dst.AppendPages(&d.src); },
-         {"out.pdf"},
-         {"d1|d2|d3|Src one|Src two@@nd@@Src" + kFilled + "|Src three|Src four"},
-         {"p1:\np2:\np3:\n"
-          "p4: Link>p6 Link>https://example.com/Src Link>chap2=p5\n"
-          "p5: Widget Widget Widget Link>p7\n"
-          "p6: Text Popup\n"
-          "p7: Widget Link>p4\n"
-          "fields: name=Src agree=/Yes colour=Blue sign=-\n" +
-          kNoDocumentParts}},
-        // Parts after the marker on page 2: each keeps its own pages' annotations, fields,
-        // outline entries (hierarchy kept) and restarted labels, and the document's entries.
-        {"split",
-         "",
-         [](Docs& d) {
-             std::int32_t written = 0;
-             return d.dst.SplitPdf(FromPath(d.dir / "src.pdf"), FromPath(d.dir / "part"), &written);
-         },
-         {"part_1", "part_2"},
-         {"Src one|Src two@@nd@@Src" + kFilled, "Src three|Src four"},
-         {"p1: Link>- Link>https://example.com/Src Link>chap2=p2\n"
-          "p2: Widget Widget Widget Link>-\n"
-          "fields: name=Src agree=/Yes colour=Blue\n"
-          "outline: Chapter A>p1(Section A.1>p2)\n"
-          "labels: r1 A-D5\n"
-          "intent: FOGRA39 lang: en-GB\n"
-          "catalogs: 1 structure keys: 0\n",
-          "p1: Text Popup\n"
-          "p2: Widget Link>-\n"
-          "fields: sign=-\n"
-          "outline: Chapter B>p1(Section B.1>p2)\n"
-          "labels: A-D6 A-D7\n"
-          "intent: FOGRA39 lang: en-GB\n"
-          "catalogs: 1 structure keys: 0\n"}},
-        // Parts after page 3: an outline entry pointing out of the part stays as the heading
-        // of the entries below it that point into it.
-        {"split after page 3",
-         "",
-         [](Docs& d) {
-             WriteBytes(d.dir / "late.pdf", InteractivePdf("Src", "chap2", 3));
-             std::int32_t written = 0;
-             return d.dst.SplitPdf(FromPath(d.dir / "late.pdf"), FromPath(d.dir / "part"),
-                                   &written);
-         },
-         {"part_1", "part_2"},
-         {"Src one|Src twoSrc" + kFilled + "|Src three@@nd@@", "Src four"},
-         {"p1: Link>p3 Link>https://example.com/Src Link>chap2=p2\n"
-          "p2: Widget Widget Widget Link>-\n"
-          "p3: Text Popup\n"
-          "fields: name=Src agree=/Yes colour=Blue\n"
-          "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3\n"
-          "labels: r1 A-D5 A-D6\n"
-          "intent: FOGRA39 lang: en-GB\n"
-          "catalogs: 1 structure keys: 0\n",
-          "p1: Widget Link>-\n"
-          "fields: sign=-\n"
-          "outline: Chapter B>-(Section B.1>p1)\n"
-          "labels: A-D7\n"
-          "intent: FOGRA39 lang: en-GB\n"
-          "catalogs: 1 structure keys: 0\n"}},
-    };
-    const Path root = ScratchDir();
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Docs d{root / c.name, {}, {}};
-        std::filesystem::create_directories(d.dir);
-        WriteBytes(d.dir / "src.pdf", InteractivePdf("Src"));
-        EXPECT_EQ(Summary(d.dir / "src.pdf"),
-                  kAllPages +
-                      "fields: name=Src agree=/Yes colour=Blue sign=ref\n"
-                      "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3(Section B.1>p4)\n"
-                      "labels: r1 A-D5 A-D6 A-D7\nintent: FOGRA39 lang: en-GB\n"
-                      "catalogs: 1 structure keys: 2\n");
-        if (!c.target.empty()) {
-            WriteBytes(d.dir / "dst.pdf", c.target == "plain" ? LabelledBytes({"d1", "d2", "d3"})
-                                          : c.target == "interactive"
-                                              ? InteractivePdf("Dst")
-                                              : InteractivePdf("Dst", c.target));
-            OpenQuietly(d.dst, d.dir / "dst.pdf");
-            OpenQuietly(d.src, d.dir / "src.pdf");
-        }
-        ASSERT_EQ(Quiet([&] { return c.run(d); }), hr::kOk) << d.dst.LastErrorText();
-        if (!c.target.empty()) {
-            ASSERT_EQ(d.dst.SaveTo(d.dir / "out.pdf"), hr::kOk);
-        }
-        for (std::size_t f = 0; f < c.files.size(); ++f) {
-            SCOPED_TRACE(c.files[f]);
-            EXPECT_EQ(PageTexts(d.dir / c.files[f]), c.heads[f]);
-            EXPECT_EQ(Summary(d.dir / c.files[f]), c.summaries[f]);
-        }
-    }
+// The page texts of InteractivePdf(tag), with what poppler draws of page 2's filled fields after
+// the name: the check mark, the choice.
+std::string Texts(const std::string& tag) {
+    return tag + " one|" + tag + " two@@nd@@" + tag + "\u2713Blue|" + tag + " three|" + tag +
+           " four";
 }
 
-// A page drawn with an optional content group that its document hides: `own` more entries for
-// the catalog, and a second page marked with the split marker.
-std::string OptionalContentPdf(const std::string& own = "") {
+// The summary lines of the pages of InteractivePdf(tag): its page i at `at[i - 1]` (0: not in the
+// file), `named` what its link to the named destination reaches. Copied pages lose their
+// structure key, and their web link's /P names its page.
+std::string Annots(const std::string& tag, std::array<int, 4> at, const std::string& named,
+                   bool copied = true) {
+    const auto to = [&at](int page) {
+        return at[page - 1] ? "p" + std::to_string(at[page - 1]) : "-";
+    };
+    const std::string lines[] = {
+        std::string(copied ? "" : " /StructParents") + " Link>" + to(3) +
+            " Link>https://example.com/" + tag + (copied ? "" : "!P") + " Link>" + named,
+        " Widget Widget Widget Link>" + to(4), " Text Popup", " Widget Link>" + to(1)};
+    std::string out;
+    for (int i = 0; i < 4; ++i)
+        if (at[i] != 0) out += "p" + std::to_string(at[i]) + ":" + lines[i] + "\n";
+    return out;
+}
+
+// A page drawn with an optional content group that its document hides, and a second page; the
+// first ends a part for the split.
+std::string OptionalContentPdf() {
     return samples::PdfFromObjects({
         "<< /Type /Catalog /Pages 2 0 R /OCProperties << /OCGs [5 0 R 7 0 R]"
-        " /D << /OFF [5 0 R] >> >> " +
-            own + " >>",
+        " /D << /OFF [5 0 R] >> >> >>",
         "<< /Type /Pages /Kids [3 0 R 8 0 R] /Count 2 /MediaBox [0 0 300 300] >>",
         "<< /Type /Page /Parent 2 0 R /Contents 4 0 R /Resources << /Font << /F1 6 0 R >>"
         " /Properties << /H 5 0 R /S 7 0 R >> >> >>",
@@ -309,121 +126,139 @@ std::string OptionalContentPdf(const std::string& own = "") {
     });
 }
 
-// Content that the source hides stays hidden wherever its page goes, and what it shows stays
-// shown, also in a result whose own optional content hides everything it does not name.
-TEST(PageFidelity, HiddenContentStaysHidden) {
-    const struct {
-        const char* name;
-        std::string target;  // the destination's own catalog entries; none for a split
-        const char* file;
-        const char* texts;
-    } cases[] = {
-        {"into a plain document", "", "out.pdf", "d1|shown@@nd@@|last"},
-        {"into one that hides by default",
-         "/OCProperties << /OCGs [] /D << /BaseState /OFF /Order [] >> >>", "out.pdf",
-         "d1|shown@@nd@@|last"},
-        {"split", "-", "part_1", "shown@@nd@@"},
-    };
-    const Path root = ScratchDir();
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const Path dir = root / c.name;
-        std::filesystem::create_directories(dir);
-        WriteBytes(dir / "src.pdf", OptionalContentPdf());
-        Obj dst, src;
-        if (c.target == "-") {
-            std::int32_t written = 0;
-            ASSERT_EQ(Quiet([&] {
-                          return dst.SplitPdf(FromPath(dir / "src.pdf"), FromPath(dir / "part"),
-                                              &written);
-                      }),
-                      hr::kOk);
-        } else {
-            if (c.target.empty()) {
-                LabelledPdf(dir / "dst.pdf", {"d1"});
-            } else {
-                std::string bytes = LabelledBytes({"d1"});
-                const std::size_t at = bytes.find("/Type /Catalog");
-                ASSERT_NE(at, std::string::npos);
-                bytes.insert(at, c.target + " ");
-                WriteBytes(dir / "dst.pdf", bytes);
-            }
-            OpenQuietly(dst, dir / "dst.pdf");
-            OpenQuietly(src, dir / "src.pdf");
-            ASSERT_EQ(dst.AppendPages(&src), hr::kOk) << dst.LastErrorText();
-            ASSERT_EQ(dst.SaveTo(dir / "out.pdf"), hr::kOk);
-        }
-        EXPECT_EQ(PageTexts(dir / c.file), c.texts);
-    }
-}
-
-// Appending keeps every key of a page but its links into the source's trees, whether the pages
-// are written from the source when the document is saved (a source without annotations) or
-// copied at once; a page action reaches the copy of its page, and the source's catalog and page
-// tree stay behind.
-TEST(PageFidelity, AppendedPagesKeepTheirKeys) {
-    const std::string first =
+// Two pages "s1" "s2" with keys beyond the usual ones: `second` more entries of the second.
+std::string KeysPdf(const std::string& second) {
+    std::vector<samples::SamplePage> pages;
+    for (const char* label : {"s1", "s2"})
+        pages.push_back({595, 842, 0, samples::TextContent({label}, 842), ""});
+    pages[0].extra_entries =
         "/AA << /O << /S /GoTo /D [6 0 R /Fit] >> >> /Tabs /S /StructParents 3 /Dur 5"
         " /PieceInfo << /Z << /LastModified (D:20200101) >> >>";
+    pages[1].extra_entries = "/Trans << /S /Dissolve >>" + second;
+    return samples::BuildPdf(pages);
+}
+
+// Source "Src" and target "Dst" go through an operation; every file written is read back. Links
+// reach the pages the result holds and lose the others; named destinations come along, renamed
+// where the name is taken; fields keep their values (two of one name stay two, renamed); a copied
+// signature is unsigned; split parts keep their pages' outline entries (an entry pointing out of
+// the part stays as the heading of those pointing in), restarted labels and the document's
+// entries. Hidden content stays hidden, also in a result whose optional content hides everything
+// it does not name. Appended pages keep every key but links into the source's trees, whether
+// written from the source at the save (no annotations) or copied at once; a page action reaches
+// the copy of its page. A stamped page keeps everything, and the letterhead's own annotations and
+// fields stay behind.
+TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
+    const std::string src = InteractivePdf("Src"), dst = InteractivePdf("Dst"),
+                      plain = LabelledBytes({"d1", "d2", "d3"});
+    std::string hiding = LabelledBytes({"d1"});
+    hiding.insert(hiding.find("/Type /Catalog"),
+                  "/OCProperties << /OCGs [] /D << /BaseState /OFF /Order [] >> >> ");
+    const std::string kAppendedParts =
+        "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3(Section B.1>p4)\n"
+        "labels: r1 A-D5 A-D6 A-D7 A-D8 A-D9 A-D10 A-D11\n"
+        "intent: FOGRA39 lang: en-GB\ncatalogs: 1 nodes: 2 structure keys: 2\n";
+    const std::string kFields = "fields: name=Dst agree=/Yes colour=Blue sign=ref name_2=";
+    const std::string kNoParts =
+        "outline: \nlabels:\nintent: - lang: -\ncatalogs: 1 nodes: 2 structure keys: 0\n";
+    const std::string kSplitParts =
+        "intent: FOGRA39 lang: en-GB\ncatalogs: 1 nodes: 1 structure keys: 0\n";
+    using Run = std::function<HResult(Obj & dst, Obj & src, const Path& dir)>;
+    const Run append = [](Obj& d, Obj& s, const Path&) { return d.AppendPages(&s); };
+    const Run split = [](Obj& d, Obj&, const Path& dir) {
+        std::int32_t written = 0;
+        return d.SplitPdf(FromPath(dir / "src.pdf"), FromPath(dir / "part"), &written);
+    };
     const struct {
         const char* name;
-        std::string second;  // more entries of the source's second page
-        std::string second_keys;
+        std::string source, target;  // no target: the run splits the source
+        Run run;
+        // Of out.pdf, or of each part: texts separated by " / ", summaries by "--"; no summary:
+        // not read.
+        std::string texts, summary = "";
     } cases[] = {
-        {"written at save", "/Trans << /S /Dissolve >>", " /Trans"},
-        {"copied at once",
-         "/Trans << /S /Dissolve >> /Annots [<< /Type /Annot /Subtype /Text /Rect [0 0 9 9] >>]",
-         " /Annots /Trans"},
+        {"append", src, dst, append, Texts("Dst") + "|" + Texts("Src"),
+         Annots("Dst", {1, 2, 3, 4}, "chap2=p2", false) + Annots("Src", {5, 6, 7, 8}, "p6") +
+             kFields + "Src agree_2=/Yes colour_2=Blue sign_2=-\n" + kAppendedParts},
+        {"append other names", src, InteractivePdf("Dst", "appendix"), append,
+         Texts("Dst") + "|" + Texts("Src"),
+         Annots("Dst", {1, 2, 3, 4}, "appendix=p2", false) +
+             Annots("Src", {5, 6, 7, 8}, "chap2=p6") + kFields +
+             "Src agree_2=/Yes colour_2=Blue sign_2=-\n" + kAppendedParts},
+        {"append itself", dst, dst, [](Obj& d, Obj&, const Path&) { return d.AppendPages(&d); },
+         Texts("Dst") + "|" + Texts("Dst"),
+         Annots("Dst", {1, 2, 3, 4}, "chap2=p2", false) + Annots("Dst", {5, 6, 7, 8}, "p6") +
+             kFields + "Dst agree_2=/Yes colour_2=Blue sign_2=-\n" + kAppendedParts},
+        {"replace", src, plain,
+         [](Obj& d, Obj& s, const Path&) { return d.ReplacePages(2, &s, 1, 2); },
+         "d1|Src one|Src two@@nd@@Src\u2713Blue",
+         "p1:\n" + Annots("Src", {2, 3, 0, 0}, "chap2=p3") +
+             "fields: name=Src agree=/Yes colour=Blue\n" + kNoParts},
+        {"append to plain", src, plain, append, "d1|d2|d3|" + Texts("Src"),
+         "p1:\np2:\np3:\n" + Annots("Src", {4, 5, 6, 7}, "chap2=p5") +
+             "fields: name=Src agree=/Yes colour=Blue sign=-\n" + kNoParts},
+        {"split", src, "", split, "Src one|Src two@@nd@@Src\u2713Blue / Src three|Src four",
+         Annots("Src", {1, 2, 0, 0}, "chap2=p2") + "fields: name=Src agree=/Yes colour=Blue\n" +
+             "outline: Chapter A>p1(Section A.1>p2)\nlabels: r1 A-D5\n" + kSplitParts + "--\n" +
+             Annots("Src", {0, 0, 1, 2}, "") + "fields: sign=-\n" +
+             "outline: Chapter B>p1(Section B.1>p2)\nlabels: A-D6 A-D7\n" + kSplitParts},
+        {"split after page 3", InteractivePdf("Src", "chap2", 3), "", split,
+         "Src one|Src twoSrc\u2713Blue|Src three@@nd@@ / Src four",
+         Annots("Src", {1, 2, 3, 0}, "chap2=p2") + "fields: name=Src agree=/Yes colour=Blue\n" +
+             "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3\nlabels: r1 A-D5 A-D6\n" +
+             kSplitParts + "--\n" + Annots("Src", {0, 0, 0, 1}, "") + "fields: sign=-\n" +
+             "outline: Chapter B>-(Section B.1>p1)\nlabels: A-D7\n" + kSplitParts},
+        {"stamped", InteractivePdf("Head"), dst,
+         [](Obj& d, Obj& s, const Path&) {
+             std::vector<std::uint32_t> forms;
+             HResult result = d.ImportContent(&s, &forms);
+             for (std::int32_t page = 1; page <= 4 && result == hr::kOk; ++page)
+                 result = d.PlaceContent(forms.at(0), page, 0, -400, 1, 1, false);
+             return result;
+         },
+         "Dst oneHead one|Dst two@@nd@@Dst\u2713BlueHead one|Dst threeHead one|Dst fourHead one",
+         Annots("Dst", {1, 2, 3, 4}, "chap2=p2", false) +
+             "fields: name=Dst agree=/Yes colour=Blue sign=ref\n"
+             "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3(Section B.1>p4)\n"
+             "labels: r1 A-D5 A-D6 A-D7\nintent: FOGRA39 lang: en-GB\n"
+             "catalogs: 1 nodes: 1 structure keys: 2\n"},
+        {"hidden content into a plain document", OptionalContentPdf(), LabelledBytes({"d1"}),
+         append, "d1|shown@@nd@@|last"},
+        {"hidden content into one that hides by default", OptionalContentPdf(), hiding, append,
+         "d1|shown@@nd@@|last"},
+        {"hidden content split", OptionalContentPdf(), "", split, "shown@@nd@@ / last"},
+        {"keys written at save", KeysPdf(""), LabelledBytes({"d1"}), append, "d1|s1|s2",
+         "p1:\np2: /AA /Dur /PieceInfo /Tabs open>p3\np3: /Trans\nfields:\n" + kNoParts},
+        {"keys copied at once",
+         KeysPdf(" /Annots [<< /Type /Annot /Subtype /Text /Rect [0 0 9 9] >>]"),
+         LabelledBytes({"d1"}), append, "d1|s1|s2",
+         "p1:\np2: /AA /Dur /PieceInfo /Tabs open>p3\np3: /Trans Text\nfields:\n" + kNoParts},
     };
     const Path root = ScratchDir();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const Path dir = root / c.name;
         std::filesystem::create_directories(dir);
-        std::vector<samples::SamplePage> pages;
-        for (const char* label : {"s1", "s2"})
-            pages.push_back({595, 842, 0, samples::TextContent({label}, 842), ""});
-        pages[0].extra_entries = first;
-        pages[1].extra_entries = c.second;
-        WriteBytes(dir / "src.pdf", samples::BuildPdf(pages));
-        Obj dst, src;
-        OpenQuietly(dst, LabelledPdf(dir / "dst.pdf", {"d1"}));
-        OpenQuietly(src, dir / "src.pdf");
-        ASSERT_EQ(dst.AppendPages(&src), hr::kOk);
-        ASSERT_EQ(dst.SaveTo(dir / "out.pdf"), hr::kOk);
-        EXPECT_EQ(PageTexts(dir / "out.pdf"), "d1|s1|s2");
-        EXPECT_EQ(Summary(dir / "out.pdf", kPageKeys),
-                  "p1:\np2: /AA /Dur /PieceInfo /Tabs open>p3\np3:" + c.second_keys +
-                      "\ncatalogs: 1 nodes: 2\n");
+        WriteBytes(dir / "src.pdf", c.source);
+        Obj d, s;
+        if (!c.target.empty()) {
+            WriteBytes(dir / "dst.pdf", c.target);
+            OpenQuietly(d, dir / "dst.pdf");
+            OpenQuietly(s, dir / "src.pdf");
+        }
+        ASSERT_EQ(Quiet([&] { return c.run(d, s, dir); }), hr::kOk) << d.LastErrorText();
+        ASSERT_EQ(c.target.empty() ? hr::kOk : d.SaveTo(dir / "out.pdf"), hr::kOk);
+        std::vector<Path> files = {dir / "out.pdf"};
+        if (c.target.empty()) files = FilesStartingWith(dir, "part_");
+        std::sort(files.begin(), files.end());
+        std::string texts, summaries;
+        for (const Path& file : files) {
+            texts += (texts.empty() ? "" : " / ") + PageTexts(file);
+            if (!c.summary.empty()) summaries += (summaries.empty() ? "" : "--\n") + Summary(file);
+        }
+        EXPECT_EQ(texts, c.texts);
+        EXPECT_EQ(summaries, c.summary);
     }
-}
-
-// A stamped page keeps all its annotations, fields and keys, and the document its parts; the
-// letterhead's own annotations and fields do not come along with its content.
-TEST(PageFidelity, StampedPagesKeepTheirAnnotations) {
-    const Path dir = ScratchDir();
-    WriteBytes(dir / "dst.pdf", InteractivePdf("Dst"));
-    WriteBytes(dir / "head.pdf", InteractivePdf("Head"));
-    const std::string before = Summary(dir / "dst.pdf");
-    Obj dst, head;
-    OpenQuietly(dst, dir / "dst.pdf");
-    OpenQuietly(head, dir / "head.pdf");
-    std::vector<std::uint32_t> forms;
-    ASSERT_EQ(dst.ImportContent(&head, &forms), hr::kOk) << dst.LastErrorText();
-    ASSERT_EQ(forms.size(), 4u);
-    for (std::int32_t page = 1; page <= 4; ++page)
-        ASSERT_EQ(dst.PlaceContent(forms[0], page, 0, -400, 1, 1, false), hr::kOk);
-    ASSERT_EQ(dst.SaveTo(dir / "out.pdf"), hr::kOk);
-    EXPECT_EQ(Summary(dir / "out.pdf"), before);
-    const std::string texts = PageTexts(dir / "out.pdf");
-    for (const char* text : {"Dst one", "Dst two", "Dst three", "Dst four"})
-        EXPECT_NE(texts.find(text), std::string::npos) << texts;
-    EXPECT_EQ(std::count(texts.begin(), texts.end(), '|'), 3);
-    std::size_t heads = 0;
-    for (std::size_t at = texts.find("Head one"); at != std::string::npos;
-         at = texts.find("Head one", at + 1))
-        ++heads;
-    EXPECT_EQ(heads, 4u) << texts;
 }
 
 }  // namespace

@@ -2,11 +2,6 @@
 // and parent links hold and whose nodes stay narrow; a failed run leaves nothing behind.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <functional>
-#include <iterator>
-#include <map>
-#include <set>
 #include <sstream>
 
 #include "core/open_object.h"
@@ -18,54 +13,33 @@ namespace {
 
 using namespace test;  // NOLINT: the helpers of these tests
 
-// The page tree of a saved file (plain objects, no object streams), read without the engine:
-// `problem` names every node whose /Count is not the number of pages below it and every kid
-// whose /Parent is not its node.
+// The page tree of a saved file as qpdf lists its objects: how many pages, the longest Kids
+// array, and `problem` naming every node whose /Count is not the number of pages below it, every
+// kid whose /Parent is not its node and every kid that is neither page nor node.
 struct PageTree {
-    int pages = 0, widest = 0;  // widest: the longest Kids array
+    int pages = 0, widest = 0;
     std::string problem;
 };
+constexpr const char* kPageTree = R"jq(
+.qpdf[1] as $o | def d($r): $o["obj:" + $r].value;
+def walk($r): d($r) as $n | if $n["/Type"] == "/Page" then [1, 0, ""]
+  elif $n["/Type"] != "/Pages" then [0, 0, "\($r) is no node; "] else
+  reduce ($n["/Kids"][] as $k | walk($k) + [$k, d($k)["/Parent"] == $r]) as $w
+    ([0, ($n["/Kids"] | length), ""]; [.[0] + $w[0], ([.[1], $w[1]] | max),
+      .[2] + $w[2] + if $w[4] then "" else "\($w[3]) has the wrong parent; " end])
+  | if .[0] == $n["/Count"] then . else .[2] += "\($r) counts wrong; " end end;
+walk(d($o.trailer.value["/Root"])["/Pages"]) | "\(.[0]) \(.[1]) \(.[2])"
+)jq";
 
 PageTree ReadPageTree(const Path& file) {
-    const std::string pdf = ReadBytes(file);
-    std::map<int, std::vector<std::string>> objects;  // the words of each, up to its stream
-    for (std::size_t at = pdf.find(" 0 obj"); at != std::string::npos;
-         at = pdf.find(" 0 obj", at + 1)) {
-        const std::size_t end = std::min(pdf.find("endobj", at), pdf.find("stream", at));
-        std::string dict;  // names written without spaces between them come apart too
-        for (const char c : pdf.substr(at + 6, end - at - 6))
-            dict += std::string(c == '/' ? " " : "") +
-                    (std::string("[]<>").find(c) == std::string::npos ? c : ' ');
-        std::istringstream words(dict);
-        objects[std::atoi(pdf.c_str() + pdf.rfind('\n', at) + 1)] = {
-            std::istream_iterator<std::string>(words), {}};
-    }
-    const auto value = [&objects](int object, const std::string& key) {
-        const std::vector<std::string>& words = objects[object];
-        const auto at = std::find(words.begin(), words.end(), key);
-        return at == words.end() || at + 1 == words.end() ? std::string() : at[1];
-    };
+    const Path program = file.parent_path() / "tree.jq";
+    WriteBytes(program, kPageTree);
+    std::istringstream read(
+        Run("qpdf --json=2 --json-key=qpdf " + Quote(file) + " | jq -r -f " + Quote(program))
+            .output);
     PageTree tree;
-    std::set<int> nodes;
-    std::function<int(int)> walk = [&](int node) -> int {
-        if (value(node, "/Type") == "/Page") return ++tree.pages, 1;
-        if (value(node, "/Type") != "/Pages" || !nodes.insert(node).second)
-            return tree.problem += "object " + std::to_string(node) + " is no node; ", 0;
-        const std::vector<std::string>& words = objects[node];
-        std::size_t k = std::find(words.begin(), words.end(), "/Kids") - words.begin() + 1;
-        int below = 0;
-        for (int kids = 1; k + 2 < words.size() && words[k + 2] == "R"; k += 3, ++kids) {
-            if (value(std::stoi(words[k]), "/Parent") != std::to_string(node))
-                tree.problem += "object " + words[k] + " has the wrong parent; ";
-            below += walk(std::stoi(words[k]));
-            tree.widest = std::max(tree.widest, kids);
-        }
-        if (value(node, "/Count") != std::to_string(below))
-            tree.problem += "node " + std::to_string(node) + " counts wrong; ";
-        return below;
-    };
-    const int catalog = std::atoi(pdf.c_str() + pdf.find("/Root", pdf.rfind("trailer")) + 5);
-    walk(std::stoi(value(catalog, "/Pages")));
+    read >> tree.pages >> tree.widest;
+    std::getline(read >> std::ws, tree.problem);
     return tree;
 }
 

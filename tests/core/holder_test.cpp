@@ -1,4 +1,5 @@
-// The document holder: setting a document, opening it with passwords, load diagnostics, closing.
+// The document holder: setting a document, opening it with passwords, load diagnostics, closing,
+// and saving only what was opened.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -91,6 +92,25 @@ TEST(Holder, LoadingTable) {
     EXPECT_EQ(LoadErrorText(0), "Success");
     EXPECT_EQ(LoadErrorText(6), "Page not found or content error");
     EXPECT_EQ(LoadErrorText(42), "Unknown error 42");
+}
+
+// Only an open document is written: one never opened, or closed by the last save, is not.
+TEST(Save, NothingOpenedMeansNothingWritten) {
+    Obj object;
+    EXPECT_EQ(object.Save(), hr::kUnexpected) << "no document";
+    const Path file = TextPdf(ScratchDir() / "doc.pdf", {"x"});
+    ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
+    for (const bool opened : {false, true}) {
+        if (opened) {
+            OpenQuietly(object, file);
+            ASSERT_EQ(object.Save(), hr::kOk);
+        }
+        const std::string bytes = ReadBytes(file);
+        const auto written = std::filesystem::last_write_time(file);
+        EXPECT_EQ(object.Save(), hr::kOk);
+        EXPECT_EQ(ReadBytes(file), bytes);
+        EXPECT_EQ(std::filesystem::last_write_time(file), written);
+    }
 }
 
 }  // namespace

@@ -107,9 +107,12 @@ TEST(Split, PartsEndAfterMarkerPages) {
     }
 }
 
-// Sources made by another program and stored in other ways split alike, and the parts are plain
-// documents. The font change makes Ghostscript show the marker's halves with two operators.
-TEST(Split, SourceFormsSplitAlike) {
+// Sources made by another program and stored in other ways split alike, the parts plain
+// documents, and save to documents other tools read, the one with security of its own keeping
+// it. The font change makes Ghostscript show the marker's halves with two operators. A file
+// beside the source with the name ".part" added, as an older side file had, is the user's and
+// stays; the next page method opens the saved file.
+TEST(Split, SourceFormsSplitAndSaveAlike) {
     const Path dir = ScratchDir();
     const auto page = [](const char* label, const std::string& more) {
         return "/Helvetica findfont 14 scalefont setfont 72 700 moveto (" + std::string(label) +
@@ -131,10 +134,23 @@ TEST(Split, SourceFormsSplitAlike) {
             << object.LastErrorText();
         EXPECT_EQ(written, 2);
         EXPECT_EQ(Parts(dir, prefix), "Alpha Bravo|Charlie");
-        for (const char* part : {"_1", "_2"})
-            EXPECT_NE(test::Run("qpdf --show-encryption " + Quote(dir / (prefix + part)))
-                          .output.find("File is not encrypted"),
-                      std::string::npos);
+        const Path side = source.string() + ".part";
+        WriteBytes(side, "the user's own file");
+        OpenQuietly(object, source);
+        ASSERT_EQ(object.Save(), hr::kOk) << object.LastErrorText();
+        EXPECT_FALSE(object.IsDocumentOpen()) << "a save closes the document";
+        EXPECT_EQ(ReadBytes(side), "the user's own file");
+        EXPECT_TRUE(QpdfCheckPasses(source));
+        EXPECT_EQ(PdfPageTexts(source),
+                  (std::vector<std::string>{"Alpha", "Bravo@@nd@@", "Charlie"}));
+        for (const Path& file : {dir / (prefix + "_1"), dir / (prefix + "_2"), source})
+            EXPECT_NE(
+                test::Run("qpdf --show-encryption " + Quote(file))
+                    .output.find(file == source && prefix == "owner" ? "R = 6"
+                                                                     : "File is not encrypted"),
+                std::string::npos)
+                << file;
+        EXPECT_EQ(Pages(object), 3);
     }
 }
 

@@ -1,17 +1,24 @@
 // The document holder: setting a document, opening it with passwords, load diagnostics, closing,
-// and saving only what was opened.
+// saving only what was opened; page count, page sizes and drawing, checked by pixels; and the
+// file handles it holds while a document is open, every one given back by every road that
+// closes the documents (the failing ones too).
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "core/open_object.h"
 #include "engine/engine.h"
+#include "platform/files.h"
+#include "platform/raster.h"
 
 namespace zpdf {
 namespace {
 
+namespace stdfs = std::filesystem;
 using namespace test;  // NOLINT: the helpers of these tests
 
 TEST(Holder, RejectedPathKeepsTheEarlierDocument) {
@@ -106,11 +113,199 @@ TEST(Save, NothingOpenedMeansNothingWritten) {
             ASSERT_EQ(object.Save(), hr::kOk);
         }
         const std::string bytes = ReadBytes(file);
-        const auto written = std::filesystem::last_write_time(file);
+        const auto written = stdfs::last_write_time(file);
         EXPECT_EQ(object.Save(), hr::kOk);
         EXPECT_EQ(ReadBytes(file), bytes);
-        EXPECT_EQ(std::filesystem::last_write_time(file), written);
+        EXPECT_EQ(stdfs::last_write_time(file), written);
     }
+}
+
+constexpr std::int32_t kWholePage = CZPdfContentObject::kDrawWholePage;
+
+// A 200 x 300 pt page with a black square from (50,100) to (100,150) in page space (y up), so at
+// 72 dpi its pixels are x 50..99 and y 150..199 (y down); and that page rotated, and cropped.
+Path SquarePages() {
+    const std::string square = samples::FilledRect(50, 100, 50, 50);
+    const Path file = ScratchDir() / "square.pdf";
+    EXPECT_TRUE(samples::WriteFile(
+        file, samples::BuildPdf({{200, 300, 0, square, ""},
+                                 {200, 300, 90, square, ""},
+                                 {200, 300, 0, square, "/CropBox [10 20 110 70]"}})));
+    return file;
+}
+
+// Without a document the answers are neutral; pages the document does not have are refused.
+TEST(Geometry, NeutralAnswersAndRefusals) {
+    Obj none, object;
+    OpenQuietly(object, SquarePages());
+    EXPECT_EQ(Pages(none), 0);
+    EXPECT_EQ(PageSize(none, 1), Size(0, 0));
+    EXPECT_EQ(none.PageCount(nullptr), hr::kPointer);
+    double width = 5;
+    EXPECT_EQ(object.GetPageSize(1, nullptr, &width), hr::kPointer);
+    EXPECT_EQ(object.GetPageSize(1, &width, nullptr), hr::kPointer);
+    EXPECT_EQ(object.GetPageSize(4, &width, &width), hr::kInvalidArg);
+    EXPECT_EQ(width, 0.0);
+    EXPECT_EQ(PageSize(object, 0), Size(-1, -1));
+    RasterDeviceContext dc(20, 20);
+    EXPECT_EQ(none.DrawPageToDC(dc, 1, 0, 0, 20, 20, 0, 0, 0, 0, 0), hr::kFalse);
+    EXPECT_EQ(object.DrawPageToDC(dc, 4, 0, 0, 20, 20, 0, 0, 0, 0, 0), hr::kInvalidArg);
+    EXPECT_EQ(object.DrawPageToDC(dc, 0, 0, 0, 20, 20, 0, 0, 0, 0, kWholePage), hr::kUnexpected);
+    EXPECT_EQ(dc.DrawCalls(), 0u);
+    EXPECT_EQ(none.OverlayPrepare(u"whatever.pdf"), hr::kNotImpl);  // overlays are not offered
+    EXPECT_EQ(none.OverlayPage(1, 1, 0, 0, 10, 10), hr::kNotImpl);
+    EXPECT_EQ(none.OverlayPage2(1, 1, 0, 0, 10, 10, 1), hr::kNotImpl);
+    EXPECT_EQ(none.OverlayFinish(), hr::kNotImpl);
+    // Sizes as the page shows: turned, and cut to the crop box.
+    EXPECT_EQ(PageSize(object, 1), Size(200, 300));
+    EXPECT_EQ(PageSize(object, 2), Size(300, 200));
+    EXPECT_EQ(PageSize(object, 3), Size(100, 50));
+}
+
+// Large drawings are cut into bands of bounded size: at 8 pixels per point a band holds 1310 rows
+// of the page, and the second starts inside the square.
+TEST(Drawing, SquareLandsWhereThePageSaysAndTheDrawRectangleClips) {
+    // `scale` device pixels per point; the page rectangle at `left`, `top` on the device; the
+    // draw rectangle `draw_width` wide at the device's origin (0: none); `right_half` of the
+    // square drawn.
+    const struct {
+        const char* name;
+        int scale, left, top, draw_width;
+        std::int32_t options;
+        bool right_half;
+    } cases[] = {
+        {"72 dpi", 1, 0, 0, 0, 0, true},
+        {"144 dpi, moved", 2, 30, 17, 0, 0, true},
+        {"576 dpi, in bands", 8, 0, 0, 0, 0, true},
+        {"whole-page option", 2, 0, 0, 0, kWholePage, true},
+        {"draw rectangle on the left half", 1, 0, 0, 75, 0, false},
+        {"whole-page option, draw rectangle ignored", 1, 0, 0, 75, kWholePage, true},
+        {"negative draw rectangle, ignored", 1, 0, 0, -5, 0, true},
+    };
+    Obj object;
+    OpenQuietly(object, SquarePages());
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        RasterDeviceContext dc(200 * c.scale + c.left + 10, 300 * c.scale + c.top + 10);
+        ASSERT_EQ(object.DrawPageToDC(dc, 1, c.left, c.top, 200 * c.scale, 300 * c.scale, 0, 0,
+                                      c.draw_width, c.draw_width == 0 ? 0 : 300, c.options),
+                  hr::kOk)
+            << object.LastErrorText();
+        EXPECT_LE(static_cast<std::size_t>(dc.TallestBand()) * 800 * c.scale,
+                  CZPdfContentObject::kBandBytes);
+        // Dark everywhere inside the square (its left half when clipped), nowhere outside it.
+        const int x0 = c.left + 50 * c.scale, y0 = c.top + 150 * c.scale, side = 50 * c.scale;
+        const int right = c.right_half ? x0 + side - 1 : 74;
+        int missing = 0, outside = 0;
+        for (int y = 0; y < dc.Height(); ++y)
+            for (int x = 0; x < dc.Width(); ++x) {
+                const bool dark = dc.Pixel(x, y)[1] < 64;
+                if (x > x0 && x < right && y > y0 && y < y0 + side - 1) missing += !dark;
+                if (x < x0 - 1 || x > x0 + side || y < y0 - 1 || y > y0 + side) outside += dark;
+            }
+        EXPECT_EQ(missing, 0);
+        EXPECT_EQ(outside, 0);
+        EXPECT_EQ(dc.Pixel(x0 + side - 2, y0 + side / 2)[1] < 64, c.right_half);
+    }
+}
+
+// Open descriptors of this process (the listing's own one included, every time alike).
+int OpenDescriptors() {
+    int count = 0;
+    for ([[maybe_unused]] const auto& entry : stdfs::directory_iterator("/proc/self/fd")) ++count;
+    return count;
+}
+
+// Opens `file`, and with `draw` draws and measures it too.
+void Open(Obj& object, const Path& file, const OptionalText& password = u"", bool draw = false) {
+    ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, password), hr::kOk);
+    ASSERT_GT(Pages(object), 0) << object.LastErrorText();
+    RasterDeviceContext dc(100, 140);
+    if (!draw) return;
+    ASSERT_EQ(object.DrawPageToDC(dc, 1, 0, 0, 100, 140, 0, 0, 0, 0, 0), hr::kOk);
+    ASSERT_EQ(PageSize(object, 2), Size(595, 842));
+}
+
+// `call` with the first step of kind `op` failing.
+HResult Failing(fs::FileOp op, const std::function<HResult()>& call) {
+    fs::SetFaultHook(
+        [op](fs::FileOp seen, const stdfs::path&) { return seen == op ? fs::kErrorDiskFull : 0; });
+    const HResult result = call();
+    fs::SetFaultHook(nullptr);
+    return result;
+}
+
+TEST(OpenHandles, EveryRoadThatClosesGivesTheHandlesBack) {
+    // Three pages that each end a part for the split, that document encrypted, and one page.
+    const Path dir = ScratchDir();
+    const Path document =
+        LabelledPdf(dir / "document.pdf", {"one @@nd@@", "two @@nd@@", "three @@nd@@"});
+    const Path extra = LabelledPdf(dir / "extra.pdf", {"extra"});
+    const Path encrypted = QpdfEncrypt(document, dir / "encrypted.pdf", "user", "owner", 256);
+    std::unique_ptr<Obj> object;
+    Obj source;
+    std::int32_t parts = 0;
+    const auto split = [&] {
+        return object->SplitPdf(FromPath(document), FromPath(dir / "part"), &parts);
+    };
+    const auto save = [&] { return object->Save(); };
+    const auto close = [&](HResult result) { return object->CloseDocuments(), result; };
+    // `open` leaves documents open, holding `held` handles (-1: not checked); `close` closes
+    // them and gives `result`.
+    const struct {
+        const char* name;
+        std::function<void()> open;
+        int held;
+        std::function<HResult()> close;
+        HResult result = hr::kOk;
+    } cases[] = {
+        {"drawn, CloseDocuments", [&] { Open(*object, document, u"", true); }, 1,
+         [&] { return close(hr::kOk); }},
+        {"drawn, Save", [&] { Open(*object, document, u"", true); }, 1, save},
+        // The appended pages are read from a private copy of the source until the save.
+        {"appended pages, Save, CloseDocuments of the source",
+         [&] {
+             Open(*object, document);
+             Open(source, extra);
+             ASSERT_EQ(object->AppendPages(&source), hr::kOk);
+         },
+         3, [&] { return save() == hr::kOk ? (source.CloseDocuments(), hr::kOk) : hr::kFail; }},
+        {"SaveWithSecurity", [&] { Open(*object, encrypted, u"user"); }, 1,
+         [&] { return object->SaveWithSecurity(u"user", u"owner"); }},
+        {"Save failing at a write, CloseDocuments", [&] { Open(*object, document); }, 1,
+         [&] { return close(Failing(fs::FileOp::Write, save)); }, hr::kFail},
+        {"Save failing at the move", [&] { Open(*object, document); }, 1,
+         [&] { return Failing(fs::FileOp::Move, save); }, hr::kFail},
+        {"wrong password, CloseDocuments",
+         [&] {
+             ASSERT_EQ(object->SetPdfDocument(FromPath(encrypted), 0, u"wrong"), hr::kOk);
+             EXPECT_EQ(Pages(*object), -1);
+         },
+         -1, [&] { return close(hr::kOk); }},
+        {"another document set", [&] { Open(*object, document); }, 1,
+         [&] { return object->SetPdfDocument(FromPath(extra), 0, u""); }},
+        {"the object destroyed", [&] { Open(*object, document, u"", true); }, 1,
+         [&] { return object.reset(), hr::kOk; }},
+        {"SplitPdf", [] {}, 0, split},
+        {"SplitPdf failing at a write", [] {}, 0, [&] { return Failing(fs::FileOp::Write, split); },
+         hr::FromWin32(fs::kErrorDiskFull)},
+    };
+
+    ::testing::internal::CaptureStderr();
+    // Whatever the engine opens once per process (and keeps) is opened before counting.
+    object = std::make_unique<Obj>();
+    Open(*object, document, u"", true);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        object = std::make_unique<Obj>();
+        const int before = OpenDescriptors();
+        c.open();
+        EXPECT_TRUE(c.held < 0 || OpenDescriptors() == before + c.held) << "while open";
+        EXPECT_EQ(c.close(), c.result);
+        EXPECT_EQ(OpenDescriptors(), before) << "after closing";
+    }
+    object.reset();
+    ::testing::internal::GetCapturedStderr();
 }
 
 }  // namespace

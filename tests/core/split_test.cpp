@@ -108,7 +108,7 @@ TEST(Split, PartsEndAfterMarkerPages) {
 }
 
 // Sources made by another program and stored in other ways split alike, the parts plain
-// documents, and save to documents other tools read, the one with security of its own keeping
+// documents, and save to documents other tools read, those with security of their own keeping
 // it. The font change makes Ghostscript show the marker's halves with two operators. A file
 // beside the source with the name ".part" added, as an older side file had, is the user's and
 // stays; the next page method opens the saved file.
@@ -152,6 +152,16 @@ TEST(Split, SourceFormsSplitAndSaveAlike) {
                 << file;
         EXPECT_EQ(Pages(object), 3);
     }
+    // A user password is kept too, and the object opens the saved file with it again.
+    const Path secured = QpdfEncrypt(plain, dir / "aes.pdf", "user", "owner", 256);
+    Obj object;
+    OpenQuietly(object, secured, u"user");
+    ASSERT_EQ(object.Save(), hr::kOk) << object.LastErrorText();
+    EXPECT_EQ(test::Run("qpdf --password=user --check " + Quote(secured)).exit_code, 0);
+    EXPECT_NE(
+        test::Run("qpdf --password=user --show-encryption " + Quote(secured)).output.find("R = 6"),
+        std::string::npos);
+    EXPECT_EQ(Pages(object), 3);
 }
 
 TEST(Split, UnusableSourcesAndFoldersSayWhy) {

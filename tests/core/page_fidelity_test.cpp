@@ -60,7 +60,7 @@ def count(f): [.qpdf[1][] | (.value // .stream.dict)? | objects | select(f)] | l
   + " structure keys: \(count(has("/StructParents") or has("/StructParent")))")
 )jq";
 
-// What kSummary makes of qpdf's description of `file`, which qpdf must find sound.
+// What kSummary makes of qpdf's JSON listing of `file`, which qpdf must find sound.
 std::string Summary(const Path& file) {
     const Path program_file = file.parent_path() / "summary.jq";
     WriteBytes(program_file, kSummary);

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -76,9 +75,6 @@ struct Scenario {
     std::function<void(Attempt&)> succeeded;
     std::size_t private_copies, copies_while_open = 0;
 };
-void PrintTo(const Scenario& scenario, std::ostream* out) {
-    *out << scenario.name;
-}
 
 // A save of `source` with a page appended, so that it has a change to carry. A failure leaves
 // the documents open unless it came at the move, which closes them first: the file then opens

@@ -84,14 +84,11 @@ struct Scenario {
 Scenario SaveScenario(const char* name, Path Inputs::*source, const char16_t* password,
                       std::function<HResult(Attempt&)> call,
                       std::function<void(Attempt&)> succeeded, std::size_t copies_while_open) {
+    const std::map<fs::FileOp, int> steps = {{Create, 1},     {Write, 2}, {Flush, 1},
+                                             {Attributes, 1}, {Close, 1}, {Move, 1},
+                                             {SyncFolder, 1}};
     return {name,
-            {{Create, 1},
-             {Write, 2},
-             {Flush, 1},
-             {Attributes, 1},
-             {Close, 1},
-             {Move, 1},
-             {SyncFolder, 1}},
+            steps,
             [source, password](Attempt& a) {
                 stdfs::copy_file(a.in.*source, a.user_file = a.dir / "doc.pdf");
                 ASSERT_EQ(a.object.SetPdfDocument(FromPath(a.user_file), 0, password), hr::kOk);

@@ -42,6 +42,26 @@ std::string PopplerPages(const Path& file) {
     return test::Run("pdfinfo " + Quote(file) + " 2>/dev/null | sed -n 's/^Pages: *//p'").output;
 }
 
+// What a document goes through, with a one-page letterhead; `into_head`: the letterhead's
+// document is the result.
+struct Operation {
+    const char* name;
+    std::function<HResult(Obj& doc, Obj& head)> run;
+    bool into_head = false;
+};
+const Operation kOperations[] = {
+    {"stamp",
+     [](Obj& doc, Obj& head) {
+         std::vector<std::uint32_t> ids;
+         const HResult imported = doc.ImportContent(&head, &ids);
+         return imported != hr::kOk ? imported : doc.PlaceContent(ids.at(0), 1, 0, 0, 1, 1, 0);
+     }},
+    {"append to it", [](Obj& doc, Obj& head) { return doc.AppendPages(&head); }},
+    {"append it", [](Obj& doc, Obj& head) { return head.AppendPages(&doc); }, true},
+    {"append to itself", [](Obj& doc, Obj&) { return doc.AppendPages(&doc); }},
+    {"replace its page", [](Obj& doc, Obj&) { return doc.ReplacePages(1, &doc, 1, 1); }},
+};
+
 // Pages other readers find where the catalog's /Pages is the one page of the document, or
 // where the last trailer of a file whose table must be rebuilt names as its catalog an object
 // that is none, while the file's own catalog is still there.
@@ -77,37 +97,11 @@ TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
     };
     const Path letterhead = dir / "letterhead.pdf";
     WriteBytes(letterhead, LabelledBytes({"Head"}, 300, 200));
-    using Operation = std::function<HResult(Obj&, Obj&)>;
-    const struct Step {
-        const char* name;
-        Operation run;
-        int pages;
-        std::vector<std::string> texts;  // of the result's pages, by pdftotext
-    } steps[] = {
-        {"stamp",
-         [](Obj& doc, Obj& other) {
-             std::vector<std::uint32_t> ids;
-             const HResult imported = doc.ImportContent(&other, &ids);
-             return imported != hr::kOk ? imported : doc.PlaceContent(ids.at(0), 1, 0, 0, 1, 1, 0);
-         },
-         1,
-         {"HeadLonely page"}},
-        {"append to it",
-         [](Obj& doc, Obj& other) { return doc.AppendPages(&other); },
-         2,
-         {"Lonely page", "Head"}},
-        {"append it",
-         [](Obj& doc, Obj& other) { return other.AppendPages(&doc); },
-         2,
-         {"Head", "Lonely page"}},
-        {"append to itself",
-         [](Obj& doc, Obj&) { return doc.AppendPages(&doc); },
-         2,
-         {"Lonely page", "Lonely page"}},
-        {"replace its page",
-         [](Obj& doc, Obj&) { return doc.ReplacePages(1, &doc, 1, 1); },
-         1,
-         {"Lonely page"}},
+    // Per operation: the result's pages and their texts, by pdftotext.
+    const std::pair<int, std::vector<std::string>> results[] = {
+        {1, {"HeadLonely page"}},     {2, {"Lonely page", "Head"}},
+        {2, {"Head", "Lonely page"}}, {2, {"Lonely page", "Lonely page"}},
+        {1, {"Lonely page"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -116,21 +110,21 @@ TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
         bytes += c.update;
         WriteBytes(file, bytes);
         ASSERT_EQ(c.reader(file), "1\n");
-        for (const Step& step : steps) {
-            SCOPED_TRACE(step.name);
-            Obj doc, other;
+        for (std::size_t i = 0; i < std::size(kOperations); ++i) {
+            const Operation& op = kOperations[i];
+            SCOPED_TRACE(op.name);
+            Obj doc, head;
             OpenQuietly(doc, file);
-            OpenQuietly(other, letterhead);
+            OpenQuietly(head, letterhead);
             EXPECT_EQ(Pages(doc), 1);
             EXPECT_EQ(PageSize(doc, 1), Size(300, 200));
-            ASSERT_EQ(Quiet([&] { return step.run(doc, other); }), hr::kOk) << doc.LastErrorText();
-            const bool into_other = std::string(step.name) == "append it";
+            ASSERT_EQ(Quiet([&] { return op.run(doc, head); }), hr::kOk) << doc.LastErrorText();
             const Path out = dir / "out.pdf";
             std::filesystem::remove(out);
-            ASSERT_EQ(Quiet([&] { return (into_other ? other : doc).SaveTo(out); }), hr::kOk);
-            EXPECT_EQ(QpdfPageCount(out), step.pages);
+            ASSERT_EQ(Quiet([&] { return (op.into_head ? head : doc).SaveTo(out); }), hr::kOk);
+            EXPECT_EQ(QpdfPageCount(out), results[i].first);
             EXPECT_TRUE(QpdfCheckPasses(out));
-            EXPECT_EQ(PdfPageTexts(out), step.texts);
+            EXPECT_EQ(PdfPageTexts(out), results[i].second);
         }
     }
 }
@@ -181,35 +175,8 @@ TEST(DamagedInput, KeptEncryptionOpensWithTheSamePasswordAfterARepair) {
     const Path dir = ScratchDir();
     const Path plain = LabelledPdf(dir / "plain.pdf", Labels("Sheet ", 3));
     const Path letterhead = LabelledPdf(dir / "letterhead.pdf", {"Head"});
-    const struct Operation {
-        const char* name;
-        std::function<HResult(Obj&, const Path&)> run;
-        const char* password;  // that opens the result
-        int pages;
-    } operations[] = {
-        {"save", [](Obj& doc, const Path& out) { return doc.SaveTo(out); }, "user", 3},
-        {"stamp",
-         [&](Obj& doc, const Path& out) {
-             Obj head;
-             OpenQuietly(head, letterhead);
-             std::vector<std::uint32_t> ids;
-             HResult r = doc.ImportContent(&head, &ids);
-             if (r == hr::kOk) r = doc.PlaceContent(ids.at(0), 2, 0, 0, 1, 1, 0);
-             return r == hr::kOk ? doc.SaveTo(out) : r;
-         },
-         "user", 3},
-        {"append",
-         [&](Obj& doc, const Path& out) {
-             Obj head;
-             OpenQuietly(head, letterhead);
-             const HResult r = doc.AppendPages(&head);
-             return r == hr::kOk ? doc.SaveTo(out) : r;
-         },
-         "user", 4},
-        {"password save",
-         [](Obj& doc, const Path& out) { return doc.SaveWithSecurityTo(out, u"fresh", u"boss"); },
-         "fresh", 3},
-    };
+    // A plain save, after a stamp and after an append, and a save with new passwords.
+    const Operation* changes[] = {nullptr, &kOperations[0], &kOperations[1], nullptr};
     for (const Encryption& encryption : kEncryptions) {
         const Path intact = dir / "encrypted.pdf";
         const auto made = test::Run(std::string("qpdf ") + encryption.options + " " + Quote(plain) +
@@ -218,33 +185,43 @@ TEST(DamagedInput, KeptEncryptionOpensWithTheSamePasswordAfterARepair) {
         for (Damage damage : {Damage::kNone, Damage::kStartxref, Damage::kMisplacedObject}) {
             const Path source = dir / "source.pdf";
             WriteBytes(source, Damaged(ReadBytes(intact), damage));
-            for (const Operation& op : operations) {
+            for (std::size_t i = 0; i < std::size(changes); ++i) {
+                const char* password = i == 3 ? "fresh" : "user";  // that opens the result
                 SCOPED_TRACE(std::string(encryption.name) + ", damage " +
-                             std::to_string(static_cast<int>(damage)) + ", " + op.name);
+                             std::to_string(static_cast<int>(damage)) + ", change " +
+                             (changes[i] ? changes[i]->name : password));
                 const Path out = dir / "out.pdf";
                 std::filesystem::remove(out);
-                Obj doc;
+                Obj doc, head;
                 OpenQuietly(doc, source, u"user");
-                ASSERT_EQ(Quiet([&] { return op.run(doc, out); }), hr::kOk) << doc.LastErrorText();
+                OpenQuietly(head, letterhead);
+                ASSERT_EQ(Quiet([&] {
+                              const HResult r = changes[i] ? changes[i]->run(doc, head) : hr::kOk;
+                              return r != hr::kOk ? r
+                                     : i == 3     ? doc.SaveWithSecurityTo(out, u"fresh", u"boss")
+                                                  : doc.SaveTo(out);
+                          }),
+                          hr::kOk)
+                    << doc.LastErrorText();
 
                 const auto check =
-                    test::Run("qpdf --check --password=" + Quote(op.password) + " " + Quote(out));
+                    test::Run("qpdf --check --password=" + Quote(password) + " " + Quote(out));
                 EXPECT_EQ(check.exit_code, 0) << check.output;
-                const std::string shown = ShowEncryption(out, op.password);
+                const std::string shown = ShowEncryption(out, password);
                 EXPECT_NE(shown.find("Supplied password is user password"), std::string::npos)
                     << shown;
-                const bool kept = std::string(op.password) == "user";
+                const bool kept = i != 3;
                 EXPECT_NE(shown.find(kept ? encryption.revision : "R = 6"), std::string::npos)
                     << shown;
-                const auto text = test::Run("pdftotext -q -upw " + Quote(op.password) + " " +
+                const auto text = test::Run("pdftotext -q -upw " + Quote(password) + " " +
                                             Quote(out) + " - | grep -c Sheet");
                 EXPECT_EQ(text.output, "3\n");
 
                 Obj reopened;
                 ASSERT_EQ(
-                    reopened.SetPdfDocument(FromPath(out), 0, FromAnsi(std::string(op.password))),
+                    reopened.SetPdfDocument(FromPath(out), 0, FromAnsi(std::string(password))),
                     hr::kOk);
-                EXPECT_EQ(Pages(reopened), op.pages);
+                EXPECT_EQ(Pages(reopened), i == 2 ? 4 : 3);
             }
         }
     }

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -76,9 +75,6 @@ struct Scenario {
     std::function<void(Attempt&)> succeeded;
     std::size_t private_copies, copies_while_open = 0;
 };
-void PrintTo(const Scenario& scenario, std::ostream* out) {
-    *out << scenario.name;
-}
 
 // A save of `source` with a page appended, so that it has a change to carry. A failure leaves
 // the documents open unless it came at the move, which closes them first: the file then opens
@@ -88,14 +84,11 @@ void PrintTo(const Scenario& scenario, std::ostream* out) {
 Scenario SaveScenario(const char* name, Path Inputs::*source, const char16_t* password,
                       std::function<HResult(Attempt&)> call,
                       std::function<void(Attempt&)> succeeded, std::size_t copies_while_open) {
+    const std::map<fs::FileOp, int> steps = {{Create, 1},     {Write, 2}, {Flush, 1},
+                                             {Attributes, 1}, {Close, 1}, {Move, 1},
+                                             {SyncFolder, 1}};
     return {name,
-            {{Create, 1},
-             {Write, 2},
-             {Flush, 1},
-             {Attributes, 1},
-             {Close, 1},
-             {Move, 1},
-             {SyncFolder, 1}},
+            steps,
             [source, password](Attempt& a) {
                 stdfs::copy_file(a.in.*source, a.user_file = a.dir / "doc.pdf");
                 ASSERT_EQ(a.object.SetPdfDocument(FromPath(a.user_file), 0, password), hr::kOk);

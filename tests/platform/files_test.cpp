@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <ostream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -49,197 +48,141 @@ struct stat Stat(const Path& path) {
     return st;
 }
 
-// What lies around the target before the write, and what must hold after it. `target` is the
-// name written to; `entries` what the folder holds afterwards.
-struct PlacementCase {
+// What lies around the target before the write (`prepare` returns the name written to), the
+// folder's entries afterwards, and what else must hold. A refusal (`error` not 0) leaves the
+// entries as they were and says what failed, `problem` among it, in one line.
+struct ReplaceCase {
     const char* name;
-    std::function<Path(const Path& dir)> prepare;  // returns the name to write to
-    std::function<void(const Path& dir, const Path& target)> check;
+    std::function<Path(const Path& dir)> prepare;
     std::vector<std::string> entries;
+    std::function<void(const Path& dir, const Path& target)> check = [](auto&, auto&) {};
+    int error = 0;
+    const char* problem = "";
 };
 
-const PlacementCase kPlacements[] = {
-    {"NewFileTakesTheUsualMode",
-     [](const Path& dir) { return dir / "new.pdf"; },
-     [](const Path&, const Path& target) {
-         const mode_t mask = ::umask(0);
-         ::umask(mask);
-         EXPECT_EQ(Stat(target).st_mode & 07777, 0666 & ~mask);
-     },
-     {"new.pdf"}},
-    {"ModeOwnerAndGroupAreKept",
-     [](const Path& dir) {
-         test::WriteBytes(dir / "doc.pdf", "old");
-         EXPECT_EQ(::chmod((dir / "doc.pdf").c_str(), 0640), 0);
-         // Another user's file, as only the superuser can make it; others keep their own.
-         if (::geteuid() == 0) {
-             EXPECT_EQ(::chown((dir / "doc.pdf").c_str(), 4321, 8765), 0);
-         }
-         return dir / "doc.pdf";
-     },
-     [](const Path&, const Path& target) {
-         const struct stat st = Stat(target);
-         EXPECT_EQ(st.st_mode & 07777, 0640u);
-         EXPECT_EQ(st.st_uid, ::geteuid() == 0 ? 4321u : ::geteuid());
-         EXPECT_EQ(st.st_gid, ::geteuid() == 0 ? 8765u : ::getegid());
-     },
-     {"doc.pdf"}},
-    {"ExtendedAttributesAreKept",
-     [](const Path& dir) {
-         test::WriteBytes(dir / "doc.pdf", "old");
-         if (::setxattr((dir / "doc.pdf").c_str(), "user.origin", "scanner", 7, 0) != 0)
-             test::WriteBytes(dir / "no-xattr", "");  // the check below knows to skip
-         return dir / "doc.pdf";
-     },
-     [](const Path& dir, const Path& target) {
-         if (stdfs::exists(dir / "no-xattr")) {
-             stdfs::remove(dir / "no-xattr");
-             GTEST_SKIP() << "this file system keeps no user attributes";
-         }
-         char value[32] = {};
-         ASSERT_EQ(::getxattr(target.c_str(), "user.origin", value, sizeof value), 7);
-         EXPECT_EQ(std::string(value, 7), "scanner");
-     },
-     {"doc.pdf"}},
-    {"SymbolicLinkStaysALinkToTheNewContent",
-     [](const Path& dir) {
-         stdfs::create_directory(dir / "real");
-         test::WriteBytes(dir / "real" / "doc.pdf", "old");
-         stdfs::create_symlink("real/doc.pdf", dir / "link.pdf");
-         return dir / "link.pdf";
-     },
-     [](const Path& dir, const Path& target) {
-         EXPECT_TRUE(stdfs::is_symlink(target));
-         EXPECT_EQ(stdfs::read_symlink(target), "real/doc.pdf");
-         EXPECT_EQ(test::ReadBytes(dir / "real" / "doc.pdf"), "new");
-         EXPECT_EQ(Entries(dir / "real"), std::vector<std::string>{"doc.pdf"});
-     },
-     {"link.pdf", "real"}},
-    {"LinkToALinkIsFollowedToTheEnd",
-     [](const Path& dir) {
-         test::WriteBytes(dir / "doc.pdf", "old");
-         stdfs::create_symlink(dir / "doc.pdf", dir / "one");
-         stdfs::create_symlink("one", dir / "two");
-         return dir / "two";
-     },
-     [](const Path& dir, const Path&) {
-         EXPECT_TRUE(stdfs::is_symlink(dir / "one"));
-         EXPECT_TRUE(stdfs::is_symlink(dir / "two"));
-         EXPECT_EQ(test::ReadBytes(dir / "doc.pdf"), "new");
-     },
-     {"doc.pdf", "one", "two"}},
-    {"HardLinkKeepsTheOldContent",
-     [](const Path& dir) {
-         test::WriteBytes(dir / "doc.pdf", "old");
-         stdfs::create_hard_link(dir / "doc.pdf", dir / "other.pdf");
-         return dir / "doc.pdf";
-     },
-     [](const Path& dir, const Path& target) {
-         EXPECT_EQ(test::ReadBytes(dir / "other.pdf"), "old");
-         EXPECT_EQ(Stat(target).st_nlink, 1u);
-         EXPECT_FALSE(fs::SameFile(target, dir / "other.pdf"));
-     },
-     {"doc.pdf", "other.pdf"}},
-    {"FilesAndLinksAtOldSideFileNamesAreNotTouched",
-     [](const Path& dir) {
-         test::WriteBytes(dir / "victim", "victim");
-         test::WriteBytes(dir / "doc.pdf.part", "user");
-         test::WriteBytes(dir / ".doc.pdf.part", "user");
-         stdfs::create_symlink("victim", dir / "doc.pdf.work");
-         stdfs::create_symlink("victim", dir / ".doc.pdf.work.part");
-         return dir / "doc.pdf";
-     },
-     [](const Path& dir, const Path&) {
-         EXPECT_EQ(test::ReadBytes(dir / "victim"), "victim");
-         EXPECT_EQ(test::ReadBytes(dir / "doc.pdf.part"), "user");
-         EXPECT_EQ(test::ReadBytes(dir / ".doc.pdf.part"), "user");
-         EXPECT_TRUE(stdfs::is_symlink(dir / "doc.pdf.work"));
-     },
-     {".doc.pdf.part", ".doc.pdf.work.part", "doc.pdf", "doc.pdf.part", "doc.pdf.work", "victim"}},
-    {"StaleSideFileOfACrashedRunDoesNotBlock",
-     [](const Path& dir) {
-         test::WriteBytes(dir / "doc.pdf", "old");
-         test::WriteBytes(dir / ".doc.pdf.k3j4h5g6.part", "half");
-         return dir / "doc.pdf";
-     },
-     [](const Path&, const Path&) {},
-     {".doc.pdf.k3j4h5g6.part", "doc.pdf"}},
-    {"NameOfTheLongestLengthWorks",
-     [](const Path& dir) { return dir / (std::string(250, 'n') + ".pdf"); },
-     [](const Path&, const Path&) {},
-     {std::string(250, 'n') + ".pdf"}},
-};
-
-void PrintTo(const PlacementCase& c, std::ostream* out) {
-    *out << c.name;
-}
-
-class Placement : public ::testing::TestWithParam<PlacementCase> {};
-
-TEST_P(Placement, NewContentInPlaceAndNothingElseChanged) {
-    const PlacementCase& c = GetParam();
+TEST(Files, ReplaceChangesTheContentAndNothingElse) {
+    const ReplaceCase cases[] = {
+        {"new file takes the usual mode",
+         [](const Path& dir) { return dir / "new.pdf"; },
+         {"new.pdf"},
+         [](const Path&, const Path& target) {
+             const mode_t mask = ::umask(0);
+             ::umask(mask);
+             EXPECT_EQ(Stat(target).st_mode & 07777, 0666 & ~mask);
+         }},
+        {"mode, owner, group and extended attributes are kept",
+         [](const Path& dir) {
+             test::WriteBytes(dir / "doc.pdf", "old");
+             EXPECT_EQ(::chmod((dir / "doc.pdf").c_str(), 0640), 0);
+             // Another user's file, as only the superuser can make it; others keep their own.
+             if (::geteuid() == 0) {
+                 EXPECT_EQ(::chown((dir / "doc.pdf").c_str(), 4321, 8765), 0);
+             }
+             if (::setxattr((dir / "doc.pdf").c_str(), "user.origin", "scanner", 7, 0) != 0)
+                 test::WriteBytes(dir / "no-xattr", "");  // this file system keeps none
+             return dir / "doc.pdf";
+         },
+         {"doc.pdf"},
+         [](const Path& dir, const Path& target) {
+             const struct stat st = Stat(target);
+             EXPECT_EQ(st.st_mode & 07777, 0640u);
+             EXPECT_EQ(st.st_uid, ::geteuid() == 0 ? 4321u : ::geteuid());
+             EXPECT_EQ(st.st_gid, ::geteuid() == 0 ? 8765u : ::getegid());
+             if (stdfs::remove(dir / "no-xattr")) return;
+             char value[32] = {};
+             ASSERT_EQ(::getxattr(target.c_str(), "user.origin", value, sizeof value), 7);
+             EXPECT_EQ(std::string(value, 7), "scanner");
+         }},
+        {"links are followed to the end and stay links",
+         [](const Path& dir) {
+             stdfs::create_directory(dir / "real");
+             test::WriteBytes(dir / "real" / "doc.pdf", "old");
+             stdfs::create_symlink("real/doc.pdf", dir / "one");
+             stdfs::create_symlink(dir / "one", dir / "two");
+             return dir / "two";
+         },
+         {"one", "real", "two"},
+         [](const Path& dir, const Path& target) {
+             EXPECT_EQ(stdfs::read_symlink(target), dir / "one");
+             EXPECT_EQ(stdfs::read_symlink(dir / "one"), "real/doc.pdf");
+             EXPECT_EQ(Entries(dir / "real"), std::vector<std::string>{"doc.pdf"});
+         }},
+        {"hard link keeps the old content",
+         [](const Path& dir) {
+             test::WriteBytes(dir / "doc.pdf", "old");
+             stdfs::create_hard_link(dir / "doc.pdf", dir / "other.pdf");
+             return dir / "doc.pdf";
+         },
+         {"doc.pdf", "other.pdf"},
+         [](const Path& dir, const Path& target) {
+             EXPECT_EQ(test::ReadBytes(dir / "other.pdf"), "old");
+             EXPECT_EQ(Stat(target).st_nlink, 1u);
+             EXPECT_FALSE(fs::SameFile(target, dir / "other.pdf"));
+         }},
+        // Files and links at old side file names, and a crashed run's side file, stay as they are.
+        {"side file names of others",
+         [](const Path& dir) {
+             test::WriteBytes(dir / "doc.pdf", "old");
+             for (const char* name : {"victim", "doc.pdf.part", ".doc.pdf.k3j4h5g6.part"})
+                 test::WriteBytes(dir / name, name);
+             stdfs::create_symlink("victim", dir / "doc.pdf.work");
+             stdfs::create_symlink("victim", dir / ".doc.pdf.work.part");
+             return dir / "doc.pdf";
+         },
+         {".doc.pdf.k3j4h5g6.part", ".doc.pdf.work.part", "doc.pdf", "doc.pdf.part", "doc.pdf.work",
+          "victim"},
+         [](const Path& dir, const Path&) {
+             for (const char* name : {"victim", "doc.pdf.part", ".doc.pdf.k3j4h5g6.part"})
+                 EXPECT_EQ(test::ReadBytes(dir / name), name);
+             EXPECT_TRUE(stdfs::is_symlink(dir / "doc.pdf.work"));
+         }},
+        {"name of the longest length",
+         [](const Path& dir) { return dir / (std::string(250, 'n') + ".pdf"); },
+         {std::string(250, 'n') + ".pdf"}},
+        {"missing folder",
+         [](const Path& dir) { return dir / "none" / "doc.pdf"; },
+         {},
+         {},
+         fs::kErrorFileNotFound,
+         "No such file or directory"},
+        {"target is a folder",
+         [](const Path& dir) {
+             stdfs::create_directory(dir / "folder");
+             return dir / "folder";
+         },
+         {"folder"},
+         {},
+         fs::kErrorAccessDenied,
+         "not a file"},
+        {"link loop",
+         [](const Path& dir) {
+             stdfs::create_symlink("b", dir / "a");
+             stdfs::create_symlink("a", dir / "b");
+             return dir / "a";
+         },
+         {"a", "b"},
+         {},
+         fs::kErrorGenFailure,
+         "Cannot create"},
+    };
     const int registered = fs::RegisteredFileCount();
-    const Path dir = test::ScratchDir();
-    const Path target = c.prepare(dir);
-    std::string problem;
-    ASSERT_EQ(Replace(target, "new", &problem), 0) << problem;
-    EXPECT_EQ(test::ReadBytes(target), "new");
-    c.check(dir, target);
-    EXPECT_EQ(Entries(dir), c.entries);
-    EXPECT_EQ(fs::RegisteredFileCount(), registered);
+    for (const ReplaceCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Path dir = test::ScratchDir();
+        const Path target = c.prepare(dir);
+        std::string problem;
+        EXPECT_EQ(Replace(target, "new", &problem), c.error) << problem;
+        if (c.error == 0) {
+            EXPECT_EQ(test::ReadBytes(target), "new");
+            c.check(dir, target);
+        } else {
+            EXPECT_NE(problem.find(c.problem), std::string::npos) << problem;
+            EXPECT_EQ(problem.find('\n'), std::string::npos);
+        }
+        EXPECT_EQ(Entries(dir), c.entries);
+        EXPECT_EQ(fs::RegisteredFileCount(), registered);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Files, Placement, ::testing::ValuesIn(kPlacements),
-                         [](const auto& param) { return std::string(param.param.name); });
-
-// Failures leave the old file as it was, nothing beside it, and say what failed in one line.
-struct RefusalCase {
-    const char* name;
-    std::function<Path(const Path& dir)> prepare;  // the name to write to
-    int error;
-    const char* problem;  // part of the message
-};
-
-const RefusalCase kRefusals[] = {
-    {"MissingFolder", [](const Path& dir) { return dir / "none" / "doc.pdf"; },
-     fs::kErrorFileNotFound, "No such file or directory"},
-    {"TargetIsAFolder",
-     [](const Path& dir) {
-         stdfs::create_directory(dir / "folder");
-         return dir / "folder";
-     },
-     fs::kErrorAccessDenied, "not a file"},
-    {"LinkLoop",
-     [](const Path& dir) {
-         stdfs::create_symlink("b", dir / "a");
-         stdfs::create_symlink("a", dir / "b");
-         return dir / "a";
-     },
-     fs::kErrorGenFailure, "Cannot create"},
-};
-
-void PrintTo(const RefusalCase& c, std::ostream* out) {
-    *out << c.name;
-}
-
-class Refusal : public ::testing::TestWithParam<RefusalCase> {};
-
-TEST_P(Refusal, NothingIsWritten) {
-    const RefusalCase& c = GetParam();
-    const int registered = fs::RegisteredFileCount();
-    const Path dir = test::ScratchDir();
-    const Path target = c.prepare(dir);
-    const std::vector<std::string> before = Entries(dir);
-    std::string problem;
-    EXPECT_EQ(Replace(target, "new", &problem), c.error);
-    EXPECT_NE(problem.find(c.problem), std::string::npos) << problem;
-    EXPECT_EQ(problem.find('\n'), std::string::npos);
-    EXPECT_EQ(Entries(dir), before);
-    EXPECT_EQ(fs::RegisteredFileCount(), registered);
-}
-
-INSTANTIATE_TEST_SUITE_P(Files, Refusal, ::testing::ValuesIn(kRefusals),
-                         [](const auto& param) { return std::string(param.param.name); });
 
 // A small file system of its own, mounted for the test: full, then read-only. The superuser can
 // write into a folder whose mode forbids it, so only a mount shows a refusal to write.
@@ -410,13 +353,22 @@ TEST(Files, RegisteredFilesAreRemovedOnRequest) {
     fs::RemoveQuietly(dir / "copy");
     EXPECT_EQ(fs::RegisteredFileCount(), registered);
 
-    // A private copy is on the list while it exists.
+    // A private copy is on the list while it exists; a missing source makes none.
     Path copy;
     ASSERT_EQ(fs::MakeTempCopy(dir / "kept", &copy), 0);
+    EXPECT_EQ(copy.filename().string().rfind("zpf", 0), 0u);
+    EXPECT_EQ(test::ReadBytes(copy), "kept");
     EXPECT_EQ(fs::RegisteredFileCount(), registered + 1);
     EXPECT_EQ(Stat(copy).st_mode & 0077, 0u) << "readable by its owner only";
     fs::RemoveQuietly(copy);
+    EXPECT_EQ(fs::MakeTempCopy(dir / "missing.bin", &copy), fs::kErrorFileNotFound);
     EXPECT_EQ(fs::RegisteredFileCount(), registered);
+    // Names are literal: brackets and stars are characters of the name, not a pattern.
+    test::WriteBytes(dir / "report[1].pdf", "x");
+    EXPECT_TRUE(fs::FileExists(dir / "report[1].pdf"));
+    EXPECT_FALSE(fs::FileExists(dir / "kep*"));
+    EXPECT_FALSE(fs::FileExists(dir));
+    EXPECT_FALSE(fs::FileExists(""));
 }
 
 // Any byte sequence is a name: it survives the trip through the interface's UTF-16 strings.

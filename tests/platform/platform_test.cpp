@@ -3,7 +3,6 @@
 
 #include <zlib.h>
 
-#include "platform/files.h"
 #include "platform/hresult.h"
 #include "platform/png_device_context.h"
 #include "platform/raster.h"
@@ -36,23 +35,6 @@ TEST(ResultCodes, Win32ErrorsBecomeHResults) {
         {0, 0}, {5, 0x80070005u}, {0x12345, 0x80072345u}, {-5, 0xFFFFFFFBu}};
     for (const auto& [error, expected] : cases)
         EXPECT_EQ(hr::FromWin32(error), static_cast<HResult>(expected)) << error;
-}
-
-TEST(Files, TemporaryCopiesAndLiteralNames) {
-    const auto dir = test::ScratchDir();
-    test::WriteBytes(dir / "source.bin", "bytes");
-    std::filesystem::path copy;
-    ASSERT_EQ(fs::MakeTempCopy(dir / "source.bin", &copy), 0);
-    EXPECT_EQ(copy.filename().string().rfind("zpf", 0), 0u);
-    EXPECT_EQ(test::ReadBytes(copy), "bytes");
-    std::filesystem::remove(copy);
-    EXPECT_EQ(fs::MakeTempCopy(dir / "missing.bin", &copy), fs::kErrorFileNotFound);
-    // Names are literal: brackets and stars are characters of the name, not a pattern.
-    test::WriteBytes(dir / "report[1].pdf", "x");
-    EXPECT_TRUE(fs::FileExists(dir / "report[1].pdf"));
-    EXPECT_FALSE(fs::FileExists(dir / "sour*.bin"));
-    EXPECT_FALSE(fs::FileExists(dir));
-    EXPECT_FALSE(fs::FileExists(""));
 }
 
 TEST(Raster, CompositesPremultipliedPixelsAndClipsToItsBounds) {

@@ -3,7 +3,6 @@
 // corpus run does it, and its pages are counted and measured in this process.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -16,25 +15,8 @@ namespace zpdf {
 namespace {
 
 namespace stdfs = std::filesystem;
+using test::PdfFile;
 using test::PdfStream;
-
-// A PDF file whose object i + 1 is objects[i], with a classic cross-reference table that lists
-// the first `listed` objects (all of them when negative) and a /Size to match. The entry of
-// object `misplaced` points at the end of the object before it.
-std::string PdfFile(const std::vector<std::string>& objects, int listed = -1, int misplaced = 0) {
-    const std::size_t count = listed < 0 ? objects.size() : static_cast<std::size_t>(listed);
-    std::string out = "%PDF-1.4\n";
-    std::string table = "xref\n0 " + std::to_string(count + 1) + "\n0000000000 65535 f \n";
-    for (std::size_t i = 0; i < objects.size(); ++i) {
-        char entry[24];
-        const bool moved = static_cast<int>(i) + 1 == misplaced;
-        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", out.size() - (moved ? 7 : 0));
-        if (i < count) table += entry;
-        out += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
-    }
-    return out + table + "trailer\n<< /Size " + std::to_string(count + 1) +
-           " /Root 1 0 R >>\nstartxref\n" + std::to_string(out.size()) + "\n%%EOF\n";
-}
 
 const std::string kCatalog = "<< /Type /Catalog /Pages 2 0 R >>";
 const std::string kHelvetica = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>";

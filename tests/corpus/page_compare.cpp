@@ -3,56 +3,23 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <sstream>
 
 namespace zpdf::corpus {
-namespace {
-
-// Reads the next number of a PGM header, skipping blanks and comments; -1 when there is none.
-long HeaderNumber(const std::string& bytes, std::size_t* at) {
-    while (*at < bytes.size()) {
-        const unsigned char c = static_cast<unsigned char>(bytes[*at]);
-        if (c == '#') {
-            while (*at < bytes.size() && bytes[*at] != '\n') ++*at;
-        } else if (std::isspace(c)) {
-            ++*at;
-        } else {
-            break;
-        }
-    }
-    long value = 0;
-    const std::size_t start = *at;
-    while (*at < bytes.size() && std::isdigit(static_cast<unsigned char>(bytes[*at])) &&
-           value < 1000000) {
-        value = value * 10 + (bytes[*at] - '0');
-        ++*at;
-    }
-    return *at == start ? -1 : value;
-}
-
-}  // namespace
 
 std::optional<GrayImage> ParsePgm(const std::string& bytes) {
-    if (bytes.size() < 2 || bytes[0] != 'P' || bytes[1] != '5') return std::nullopt;
-    std::size_t at = 2;
-    const long width = HeaderNumber(bytes, &at);
-    const long height = HeaderNumber(bytes, &at);
-    const long maximum = HeaderNumber(bytes, &at);
-    if (width <= 0 || height <= 0 || maximum <= 0 || maximum > 255) return std::nullopt;
+    std::istringstream in(bytes);
+    std::string magic;
+    int width = 0, height = 0, maximum = 0;
     // One blank ends the header; the pixels follow at once.
-    if (at >= bytes.size() || !std::isspace(static_cast<unsigned char>(bytes[at])))
+    if (!(in >> magic >> width >> height >> maximum) || magic != "P5" || width <= 0 ||
+        height <= 0 || maximum != 255 || !std::isspace(in.get()))
         return std::nullopt;
-    ++at;
+    const auto at = static_cast<std::size_t>(in.tellg());
     const std::size_t count = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
     if (bytes.size() - at < count) return std::nullopt;
-    GrayImage image;
-    image.width = static_cast<int>(width);
-    image.height = static_cast<int>(height);
-    image.pixels.assign(bytes.begin() + static_cast<std::ptrdiff_t>(at),
-                        bytes.begin() + static_cast<std::ptrdiff_t>(at + count));
-    if (maximum != 255) {
-        for (unsigned char& p : image.pixels) p = static_cast<unsigned char>(p * 255 / maximum);
-    }
-    return image;
+    const auto pixels = bytes.begin() + static_cast<std::ptrdiff_t>(at);
+    return GrayImage{width, height, {pixels, pixels + static_cast<std::ptrdiff_t>(count)}};
 }
 
 PageDifference ComparePages(const GrayImage& a, const GrayImage& b, int shade_tolerance,

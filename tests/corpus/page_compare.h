@@ -16,7 +16,7 @@ struct GrayImage {
     std::vector<unsigned char> pixels;  // row by row, one byte a pixel
 };
 
-// Reads a binary PGM (P5, maximum value up to 255, comments allowed in the header); nullopt for
+// Reads a binary PGM as poppler writes it (P5, maximum value 255, no comments); nullopt for
 // anything else.
 std::optional<GrayImage> ParsePgm(const std::string& bytes);
 

@@ -9,32 +9,25 @@
 namespace zpdf::corpus {
 namespace {
 
-std::string Pgm(const std::string& header, const std::string& pixels) {
-    return header + pixels;
-}
-
 TEST(PageCompare, ReadsBinaryPgmOnly) {
     const struct {
         const char* name;
         std::string bytes;
-        bool readable;
-        int width, height;
-        int first_pixel;
+        int width = 0, height = 0;  // 0: not readable
+        int first_pixel = 0;
     } cases[] = {
-        {"plain header", Pgm("P5\n2 2\n255\n", std::string("\x10\x20\x30\x40", 4)), true, 2, 2,
-         0x10},
-        {"comment in the header", Pgm("P5\n# poppler\n2 1\n255\n", "\x7f\x01"), true, 2, 1, 0x7f},
-        {"maximum below 255 is scaled", Pgm("P5 1 1 15\n", "\x0f"), true, 1, 1, 255},
-        {"ASCII gray map", Pgm("P2\n1 1\n255\n", "0"), false, 0, 0, 0},
-        {"pixels cut short", Pgm("P5\n2 2\n255\n", "abc"), false, 0, 0, 0},
-        {"sixteen-bit maximum", Pgm("P5\n1 1\n65535\n", "ab"), false, 0, 0, 0},
-        {"no blank after the header", Pgm("P5\n1 1\n255", "a"), false, 0, 0, 0},
-        {"zero width", Pgm("P5\n0 1\n255\n", ""), false, 0, 0, 0},
+        {"plain header", "P5\n2 2\n255\n\x10\x20\x30\x40", 2, 2, 0x10},
+        {"blanks between the numbers", "P5 2\t1  255\n\x7f\x01", 2, 1, 0x7f},
+        {"ASCII gray map", "P2\n1 1\n255\n0"},
+        {"pixels cut short", "P5\n2 2\n255\nabc"},
+        {"maximum other than 255", "P5 1 1 15\n\x0f"},
+        {"no blank after the header", "P5\n1 1\n255a"},
+        {"zero width", "P5\n0 1\n255\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const auto image = ParsePgm(c.bytes);
-        ASSERT_EQ(image.has_value(), c.readable);
+        ASSERT_EQ(image.has_value(), c.width > 0);
         if (!image) continue;
         EXPECT_EQ(image->width, c.width);
         EXPECT_EQ(image->height, c.height);

@@ -50,7 +50,7 @@ public final class PubKeyProbe {
         }
     }
 
-    private static void encrypt(String[] args) {
+    private static void encrypt(String[] args) throws Exception {
         try (PDDocument document = PDDocument.load(new File(args[1]))) {
             PublicKeyProtectionPolicy policy = new PublicKeyProtectionPolicy();
             for (int i = 4; i < args.length; ++i) {
@@ -63,38 +63,36 @@ public final class PubKeyProbe {
             policy.setEncryptionKeyLength(Integer.parseInt(args[3].replace("-aes", "")));
             document.protect(policy);
             document.save(args[2]);
-        } catch (Exception e) {
-            System.out.println("error: " + e);
-            System.exit(3);
         }
     }
 
-    private static void openWithPassword(String[] args) {
+    private static void openWithPassword(String[] args) throws Exception {
         try (PDDocument document = PDDocument.load(new File(args[1]), args[2])) {
             System.out.println("R: " + document.getEncryption().getRevision());
             System.out.println("P: " + document.getEncryption().getPermissions());
             System.out.println("text:");
             System.out.print(new PDFTextStripper().getText(document));
+        }
+    }
+
+    // Any failure, reading the arguments' files included, is a refusal: exit status 3.
+    public static void main(String[] args) {
+        try {
+            if (args.length == 3 && args[0].equals("--password")) {
+                openWithPassword(args);
+            } else if (args.length >= 5 && args[0].equals("--encrypt")) {
+                encrypt(args);
+            } else {
+                openAsRecipient(args);
+            }
         } catch (Exception e) {
             System.out.println("error: " + e);
             System.exit(3);
         }
     }
 
-    public static void main(String[] args) throws Exception {
-        if (args.length == 3 && args[0].equals("--password")) {
-            openWithPassword(args);
-            return;
-        }
-        if (args.length >= 5 && args[0].equals("--encrypt")) {
-            encrypt(args);
-            return;
-        }
-        X509Certificate certificate;
-        try (FileInputStream in = new FileInputStream(args[1])) {
-            certificate = (X509Certificate) CertificateFactory.getInstance("X.509")
-                    .generateCertificate(in);
-        }
+    private static void openAsRecipient(String[] args) throws Exception {
+        X509Certificate certificate = readCertificate(args[1]);
         PrivateKey key;  // openssl writes new keys in PKCS#8
         try (PEMParser parser = new PEMParser(new FileReader(args[2]))) {
             key = new JcaPEMKeyConverter().getPrivateKey((PrivateKeyInfo) parser.readObject());
@@ -105,10 +103,9 @@ public final class PubKeyProbe {
         ByteArrayOutputStream storeBytes = new ByteArrayOutputStream();
         store.store(storeBytes, STORE_PASSWORD);
 
-        PDDocument document = null;
-        try {
-            document = PDDocument.load(new File(args[0]), new String(STORE_PASSWORD),
-                    new ByteArrayInputStream(storeBytes.toByteArray()), "recipient");
+        try (PDDocument document = PDDocument.load(new File(args[0]),
+                     new String(STORE_PASSWORD), new ByteArrayInputStream(storeBytes.toByteArray()),
+                     "recipient")) {
             COSDictionary dict = document.getEncryption().getCOSObject();
             for (String entry : new String[] {"Filter", "SubFilter", "V", "R", "P", "Length",
                          "StmF", "StrF", "EncryptMetadata"}) {
@@ -142,11 +139,6 @@ public final class PubKeyProbe {
             System.out.println("pages: " + document.getNumberOfPages());
             System.out.println("text:");
             System.out.print(new PDFTextStripper().getText(document));
-        } catch (Exception e) {
-            System.out.println("error: " + e);
-            System.exit(3);
-        } finally {
-            if (document != null) document.close();
         }
     }
 }

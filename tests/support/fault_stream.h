@@ -19,25 +19,20 @@ class FaultInjectingStream final : public ByteStream {
     explicit FaultInjectingStream(std::vector<std::uint8_t> bytes = {})
         : inner_(std::move(bytes)) {}
 
-    // The `nth` call (1-based) fails with `result` and moves nothing; 0 fails none.
-    void FailRead(int nth, HResult result = kStreamReadFault) {
-        fail_read_ = nth;
-        read_result_ = result;
-    }
-    void FailWrite(int nth, HResult result = kStreamMediumFull) {
-        fail_write_ = nth;
-        write_result_ = result;
-    }
+    // The `nth` call (1-based) fails, reads with kStreamReadFault, writes with
+    // kStreamMediumFull, and moves nothing; 0 fails none.
+    void FailRead(int nth) { fail_read_ = nth; }
+    void FailWrite(int nth) { fail_write_ = nth; }
 
     HResult Read(void* data, std::size_t size, std::size_t* read) override {
         if (++reads_ == fail_read_) {
             if (read != nullptr) *read = 0;
-            return read_result_;
+            return kStreamReadFault;
         }
         return inner_.Read(data, size, read);
     }
     HResult Write(const void* data, std::size_t size) override {
-        if (++writes_ == fail_write_) return write_result_;
+        if (++writes_ == fail_write_) return kStreamMediumFull;
         return inner_.Write(data, size);
     }
     HResult Seek(std::int64_t offset, SeekOrigin origin, std::uint64_t* position) override {
@@ -52,7 +47,6 @@ class FaultInjectingStream final : public ByteStream {
   private:
     MemoryByteStream inner_;
     int fail_read_ = 0, fail_write_ = 0, reads_ = 0, writes_ = 0;
-    HResult read_result_ = kStreamReadFault, write_result_ = kStreamMediumFull;
 };
 
 }  // namespace zpdf::test

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -51,9 +52,7 @@ std::string Quote(const std::filesystem::path& path) {
 
 std::string ReadBytes(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 void WriteBytes(const std::filesystem::path& path, const std::string& bytes) {
@@ -176,6 +175,21 @@ std::string PdfStream(const std::string& dict, const std::string& data) {
            "\nendstream";
 }
 
+std::string PdfFile(const std::vector<std::string>& objects, int listed, int misplaced, int root) {
+    const std::size_t count = listed < 0 ? objects.size() : static_cast<std::size_t>(listed);
+    std::string out = "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n";
+    std::string table = "xref\n0 " + std::to_string(count + 1) + "\n0000000000 65535 f \n";
+    for (std::size_t i = 0; i < objects.size(); ++i) {
+        char entry[24];
+        const bool moved = static_cast<int>(i) + 1 == misplaced;
+        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", out.size() - (moved ? 7 : 0));
+        if (i < count) table += entry;
+        out += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
+    }
+    return out + table + "trailer\n<< /Size " + std::to_string(count + 1) + " /Root " +
+           std::to_string(root) + " 0 R >>\nstartxref\n" + std::to_string(out.size()) + "\n%%EOF\n";
+}
+
 std::string InteractivePdf(const std::string& tag, const std::string& dest, int marked) {
     const auto content = [&tag, marked](const std::string& text, int page) {
         return PdfStream("", "BT /F1 24 Tf 72 780 Td (" + tag + " " + text + ") Tj ET\n" +
@@ -256,17 +270,9 @@ std::string InteractivePdf(const std::string& tag, const std::string& dest, int 
         {33, "(Chapter B)"},
         {34, "(/Helv 0 Tf 0 g)"},
     };
-    std::string out = "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n", xref;
-    for (const auto& [num, text] : objects) {
-        char entry[24];
-        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", out.size());
-        xref += entry;
-        out += std::to_string(num) + " 0 obj\n" + text + "\nendobj\n";
-    }
-    const std::string size = std::to_string(objects.size() + 1);
-    const std::size_t start = out.size();
-    return out + "xref\n0 " + size + "\n0000000000 65535 f \n" + xref + "trailer\n<< /Size " +
-           size + " /Root 1 0 R >>\nstartxref\n" + std::to_string(start) + "\n%%EOF\n";
+    std::vector<std::string> list;
+    for (const auto& entry : objects) list.push_back(entry.second);
+    return PdfFile(list);
 }
 
 }  // namespace zpdf::test

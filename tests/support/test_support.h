@@ -68,6 +68,12 @@ std::vector<std::filesystem::path> FilesStartingWith(const std::filesystem::path
 // "<< dict /Length n >> stream ... endstream" for `data`.
 std::string PdfStream(const std::string& dict, const std::string& data);
 
+// A PDF file whose object i + 1 is objects[i], with a classic cross-reference table that lists
+// the first `listed` objects (all of them when negative) and a /Size to match, and /Root
+// `root`. The entry of object `misplaced` points at the end of the object before it.
+std::string PdfFile(const std::vector<std::string>& objects, int listed = -1, int misplaced = 0,
+                    int root = 1);
+
 // A four-page document with what a page can carry besides its content, each text and value
 // holding `tag`. Page 1 ("<tag> one") has a link to page 3, a web link to
 // https://example.com/<tag> (whose /P names page 4, wrongly, as some producers write it) and a

@@ -9,7 +9,7 @@ packages=(
     libjbig2dec0-dev libgumbo-dev zlib1g-dev libssl-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     clang libclang-rt-14-dev
-    qpdf poppler-utils ghostscript mupdf-tools bc
+    qpdf poppler-utils ghostscript mupdf-tools bc jq
     openssl openjdk-17-jdk-headless libpdfbox2-java libbcprov-java libbcpkix-java
 )
 if [ -n "${ZPDF_EXTRA_PACKAGES:-}" ]; then

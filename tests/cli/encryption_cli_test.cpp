@@ -65,14 +65,6 @@ std::string Text(const std::string& file, const std::string& password = "") {
     return test::Run("pdftotext -q -upw " + Quote(password) + " " + file + " -").output;
 }
 
-// The P that qpdf shows for the file.
-std::string PValue(const std::string& file, const std::string& password) {
-    const std::string shown = ShowEncryption(file, password);
-    const std::size_t at = shown.find("\nP = ");
-    if (at == std::string::npos) return "none";
-    return shown.substr(at + 5, shown.find('\n', at + 1) - at - 5);
-}
-
 // Each test in a fresh folder of its own, which holds plain.pdf.
 class EncryptionCli : public ::testing::Test {
   protected:
@@ -117,41 +109,32 @@ std::string Aes256(const std::string& key, const std::string& data) {
 }
 
 // A one-page document secured for the holder of `cert` with AES-256: catalog, page tree and page
-// in an encrypted object stream, the content, the information dictionary (an encrypted title)
-// and the metadata as objects of their own, found through a cross-reference stream.
+// in an encrypted object stream (5), the content (4), the encryption dictionary (6), the
+// information dictionary with an encrypted title (7) and the metadata (8) as objects of their
+// own, found through a cross-reference stream (9).
 std::string HandMadeCertificateFile(const std::string& cert, bool encrypt_metadata) {
-    std::string content(20, '\0');
-    for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 37 + 1);
-    const std::string seed = content;
-    content += "\xFF\xFF\xFF\xFF";
-    const std::string envelope =
-        OpenSsl("cms -encrypt -binary -outform DER -des3 -recip " + cert, content);
-    std::string hashed = seed + envelope;
-    if (!encrypt_metadata) hashed += "\xFF\xFF\xFF\xFF";
-    const std::string key = OpenSsl("dgst -sha256 -binary", hashed);
+    const std::string seed = "twenty bytes of seed";
+    const std::string envelope = OpenSsl("cms -encrypt -binary -outform DER -des3 -recip " + cert,
+                                         seed + "\xFF\xFF\xFF\xFF");
+    const std::string key = OpenSsl("dgst -sha256 -binary",
+                                    seed + envelope + (encrypt_metadata ? "" : "\xFF\xFF\xFF\xFF"));
     EXPECT_EQ(key.size(), 32u);
-
     const std::string objects[] = {
-        "<< /Type /Catalog /Pages 2 0 R /Metadata 9 0 R /Lang (en-GB) >>",
+        "<< /Type /Catalog /Pages 2 0 R /Metadata 8 0 R /Lang (en-GB) >>",
         "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
         "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 300 200] /Contents 4 0 R /Resources << "
         "/Font << /F1 << /Type /Font /Subtype /Type1 /BaseFont /Helvetica >> >> >> >>",
     };
-    std::string header;
-    std::string body;
+    std::string header, body;
     for (int i = 0; i < 3; ++i) {
         header += std::to_string(i + 1) + " " + std::to_string(body.size()) + " ";
         body += objects[i] + "\n";
     }
     const std::string metadata = "<x:xmpmeta>described in clear</x:xmpmeta>";
     const std::string bodies[] = {
-        "",  // objects 1 to 3 are in the object stream
-        "",
-        "",
         test::PdfStream("", Aes256(key, "BT /F1 18 Tf 20 100 Td (Packed in streams) Tj ET")),
         test::PdfStream("/Type /ObjStm /N 3 /First " + std::to_string(header.size()),
                         Aes256(key, header + body)),
-        "",  // the cross-reference stream, written last
         "<< /Filter /Adobe.PubSec /SubFilter /adbe.pkcs7.s5 /V 5 /R 4 /StmF /DefaultCryptFilter "
         "/StrF /DefaultCryptFilter /CF << /DefaultCryptFilter << /CFM /AESV3 /Length 256 "
         "/EncryptMetadata " +
@@ -161,30 +144,22 @@ std::string HandMadeCertificateFile(const std::string& cert, bool encrypt_metada
         test::PdfStream("/Type /Metadata /Subtype /XML",
                         encrypt_metadata ? Aes256(key, metadata) : metadata),
     };
-    std::string file = "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n";
-    long offsets[10] = {};
-    for (const int num : {4, 5, 7, 8, 9}) {
-        offsets[num] = static_cast<long>(file.size());
-        file += std::to_string(num) + " 0 obj\n" + bodies[num - 1] + "\nendobj\n";
+    // The cross-reference stream's entries: a type, 4 bytes of offset or object stream, 2 of index.
+    std::string file = "%PDF-1.7\n%\xE2\xE3\xCF\xD3\n", table("\0\0\0\0\0\xFF\xFF", 7);
+    for (int i = 0; i < 3; ++i) table += std::string("\2\0\0\0\5\0", 6) + static_cast<char>(i);
+    for (int num = 4; num <= 9; ++num) {
+        table += '\1';
+        for (int shift = 24; shift >= 0; shift -= 8)
+            table += static_cast<char>(file.size() >> shift);
+        table += std::string("\0\0", 2);
+        if (num < 9) file += std::to_string(num) + " 0 obj\n" + bodies[num - 4] + "\nendobj\n";
     }
-    offsets[6] = static_cast<long>(file.size());  // the cross-reference stream goes last
-    std::string table;
-    const auto entry = [&table](int type, long field, int index) {
-        table += static_cast<char>(type);
-        for (int shift = 24; shift >= 0; shift -= 8) table += static_cast<char>(field >> shift);
-        table += static_cast<char>(index >> 8);
-        table += static_cast<char>(index & 0xFF);
-    };
-    entry(0, 0, 0xFFFF);
-    for (int i = 0; i < 3; ++i) entry(2, 5, i);
-    for (int num = 4; num <= 9; ++num) entry(1, offsets[num], 0);
-    file += "6 0 obj\n" +
-            test::PdfStream(
-                "/Type /XRef /Size 10 /W [1 4 2] /Root 1 0 R /Info 8 0 R /Encrypt 7 0 R "
-                "/ID [<00112233445566778899AABBCCDDEEFF> <00112233445566778899AABBCCDDEEFF>]",
-                table) +
-            "\nendobj\nstartxref\n" + std::to_string(offsets[6]) + "\n%%EOF\n";
-    return file;
+    return file + "9 0 obj\n" +
+           test::PdfStream(
+               "/Type /XRef /Size 10 /W [1 4 2] /Root 1 0 R /Info 7 0 R /Encrypt 6 0 R "
+               "/ID [<00112233445566778899AABBCCDDEEFF> <00112233445566778899AABBCCDDEEFF>]",
+               table) +
+           "\nendobj\nstartxref\n" + std::to_string(file.size()) + "\n%%EOF\n";
 }
 
 // protect on plain and encrypted sources: revision 6 under the chosen passwords (from the
@@ -198,46 +173,39 @@ TEST_F(EncryptionCli, ProtectWritesPasswordsAndPermissions) {
               0);
     test::WriteBytes("user.txt", "from file\r\nsecond line\n");
     ASSERT_EQ(setenv("ZPDF_TEST_OWNER", "from env", 1), 0);
-    const std::string locked_bytes = test::ReadBytes("locked.pdf");
-    struct Case {
-        std::string args;
-        std::string user;
-        std::string owner;
-        std::string p;  // the P qpdf shows
-        std::string in_place = "";
+    const std::string limited_bytes = test::ReadBytes("limited.pdf");
+    // Arguments, with -o or without (FILE secured anew), the passwords and the P qpdf shows.
+    const std::tuple<std::string, std::string, std::string, std::string> cases[] = {
+        {"plain.pdf --user u --owner o -o out.pdf", "u", "o", "-4"},
+        {"plain.pdf --user u --owner o --deny modify,extract -o out.pdf", "u", "o", "-28"},
+        {"plain.pdf --user u --owner o --allow print,extract -o out.pdf", "u", "o", "-1836"},
+        {"plain.pdf --user u --owner o --allow all --deny print -o out.pdf", "u", "o", "-2056"},
+        {"plain.pdf --empty-user --owner o --deny annotate,form,assemble,accessibility -o out.pdf",
+         "", "o", "-1828"},
+        {"locked.pdf --password old --user-file user.txt --owner-env ZPDF_TEST_OWNER -o out.pdf",
+         "from file", "from env", "-4"},
+        // The source's permissions are kept: modify, extract, annotate, form and assemble denied.
+        {"limited.pdf --password o --user n --owner p -o out.pdf", "n", "p", "-1340"},
+        {"locked.pdf --password old --user again --empty-owner", "again", "", "-4"},
     };
-    const Case cases[] = {
-        {"plain.pdf --user u --owner o", "u", "o", "-4"},
-        {"plain.pdf --user u --owner o --deny modify,extract", "u", "o", "-28"},
-        {"plain.pdf --user u --owner o --allow print,extract", "u", "o", "-1836"},
-        {"plain.pdf --user u --owner o --allow all --deny print", "u", "o", "-2056"},
-        {"plain.pdf --empty-user --owner o --deny annotate,form,assemble,accessibility", "", "o",
-         "-1828"},
-        {"locked.pdf --password old --user-file user.txt --owner-env ZPDF_TEST_OWNER", "from file",
-         "from env", "-4"},
-        {"limited.pdf --password o --user n --owner p", "n", "p", PValue("limited.pdf", "u")},
-        {"locked.pdf --password old --user again --empty-owner", "again", "", "-4", "locked.pdf"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.args);
-        const std::string out = c.in_place.empty() ? "out.pdf" : c.in_place;
-        const auto result = Zpdf("protect " + c.args + (c.in_place.empty() ? " -o out.pdf" : ""));
+    for (const auto& [args, user, owner, p] : cases) {
+        SCOPED_TRACE(args);
+        const std::string out = Contains(args, " -o ") ? "out.pdf" : args.substr(0, args.find(' '));
+        const auto result = Zpdf("protect " + args);
         ASSERT_EQ(result.exit_code, 0) << result.output;
         EXPECT_TRUE(Contains(result.output, out + ": written")) << result.output;
-        const std::string as_user = ShowEncryption(out, c.user);
-        EXPECT_TRUE(Contains(as_user, "R = 6\nP = " + c.p + "\n")) << as_user;
+        const std::string as_user = ShowEncryption(out, user);
+        EXPECT_TRUE(Contains(as_user, "R = 6\nP = " + p + "\n")) << as_user;
         EXPECT_TRUE(Contains(as_user, "Supplied password is user password")) << as_user;
-        EXPECT_TRUE(Contains(ShowEncryption(out, c.owner), "Supplied password is owner password"));
-        EXPECT_EQ(test::Run("qpdf --check --password=" + Quote(c.owner) + " " + out).exit_code, 0);
-        EXPECT_TRUE(Contains(Text(out, c.user), "secret words"));
-        const auto read = Probe("--password " + out + " " + Quote(c.user));
+        EXPECT_TRUE(Contains(ShowEncryption(out, owner), "Supplied password is owner password"));
+        EXPECT_EQ(test::Run("qpdf --check --password=" + Quote(owner) + " " + out).exit_code, 0);
+        EXPECT_TRUE(Contains(Text(out, user), "secret words"));
+        const auto read = Probe("--password " + out + " " + Quote(user));
         EXPECT_EQ(read.exit_code, 0) << read.output;
-        EXPECT_TRUE(Contains(read.output, "R: 6\nP: " + c.p + "\n")) << read.output;
+        EXPECT_TRUE(Contains(read.output, "R: 6\nP: " + p + "\n")) << read.output;
         EXPECT_TRUE(Contains(read.output, "secret words")) << read.output;
-        if (c.in_place.empty()) {
-            EXPECT_EQ(test::ReadBytes("locked.pdf"), locked_bytes) << "-o leaves the source alone";
-        }
     }
+    EXPECT_EQ(test::ReadBytes("limited.pdf"), limited_bytes) << "-o leaves the source alone";
     EXPECT_TRUE(test::FilesStartingWith(".", "locked.pdf.").empty()) << "no working file left";
 }
 
@@ -256,13 +224,7 @@ TEST_F(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
     test::QpdfEncrypt("plain.pdf", "locked.pdf", "u", "o", 256);
     const std::string before = test::ReadBytes("ours.pdf"), ann = Holder("ann");
     unsetenv("ZPDF_TEST_UNSET");
-    struct Case {
-        std::string args;
-        int exit_code;
-        std::string message;
-        std::string detail = "";
-    };
-    std::vector<Case> cases = {
+    std::vector<std::tuple<std::string, int, std::string>> cases = {
         {"protect plain.pdf --owner o -o out.pdf", 2, "the user password is empty"},
         {"protect plain.pdf --user u --owner '' -o out.pdf", 2, "the owner password is empty"},
         {"protect plain.pdf --user u --user-env HOME --owner o -o out.pdf", 2,
@@ -303,15 +265,14 @@ TEST_F(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
         {"ours.pdf", "opens with --key and --cert"},
     };
     for (const auto& [args, message] : wrong_keys) {
-        cases.push_back({"decrypt " + args + " -o out.pdf", 1, "zpdf decrypt: ", message});
-        cases.push_back({"info " + args, 1, "zpdf info: ", message});
+        cases.emplace_back("decrypt " + args + " -o out.pdf", 1, message);
+        cases.emplace_back("info " + args, 1, message);
     }
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.args);
-        const auto result = Zpdf(c.args);
-        EXPECT_EQ(result.exit_code, c.exit_code) << result.output;
-        EXPECT_TRUE(Contains(result.output, c.message)) << result.output;
-        EXPECT_TRUE(Contains(result.output, c.detail)) << result.output;
+    for (const auto& [args, exit_code, message] : cases) {
+        SCOPED_TRACE(args);
+        const auto result = Zpdf(args);
+        EXPECT_EQ(result.exit_code, exit_code) << result.output;
+        EXPECT_TRUE(Contains(result.output, message)) << result.output;
         EXPECT_TRUE(test::FilesStartingWith(".", "out.pdf").empty());
         EXPECT_TRUE(test::FilesStartingWith(".", "part").empty());
         EXPECT_EQ(test::ReadBytes("ours.pdf"), before);
@@ -417,7 +378,7 @@ TEST_F(EncryptionCli, DecryptReadsObjectStreamsAndClearMetadata) {
         EXPECT_TRUE(Contains(test::Run("pdfinfo unpacked.pdf").output, "Sealed title"));
         EXPECT_TRUE(Contains(test::Run("qpdf --show-object=1 unpacked.pdf").output, "(en-GB)"));
         EXPECT_TRUE(
-            Contains(test::Run("qpdf --show-object=9 --raw-stream-data unpacked.pdf").output,
+            Contains(test::Run("qpdf --show-object=8 --raw-stream-data unpacked.pdf").output,
                      "<x:xmpmeta>described in clear</x:xmpmeta>"));
     }
 }
@@ -427,47 +388,32 @@ TEST_F(EncryptionCli, DecryptReadsObjectStreamsAndClearMetadata) {
 // pages; the result is written plain, with the pages of both files, page by page.
 TEST_F(EncryptionCli, EditingCommandsReadCertificateFilesWithAKey) {
     MakeCertificate("ann");
-    test::TextPdf("extra.pdf", {"extra one @@nd@@", "extra two", "extra three"});
+    test::TextPdf("extra.pdf", {"E1 @@nd@@", "E2", "E3"});
     Secure("plain.pdf", "ann-cert.pem", "main.pdf");
     Secure("extra.pdf", "ann-cert.pem", "source.pdf");
     const std::string main_before = test::ReadBytes("main.pdf");
     const std::string source_before = test::ReadBytes("source.pdf");
-    const std::string ann = Holder("ann");
-    using Pages = std::vector<std::string>;
-    const std::tuple<std::string, std::string, Pages> cases[] = {
-        {"stamp plain.pdf source.pdf --at 0,-400" + Holder("ann", "letterhead-") + " -o out.pdf",
-         "out.pdf",
-         {"secret wordsextra one @@nd@@"}},
-        {"stamp plain.pdf source.pdf --letterhead-page 3 --at 0,-400" +
-             Holder("ann", "letterhead-") + " -o out.pdf",
-         "out.pdf",
-         {"secret wordsextra three"}},
-        {"stamp main.pdf" + ann + " extra.pdf --at 0,-400 -o out.pdf",
-         "out.pdf",
-         {"secret wordsextra one @@nd@@"}},
-        {"append plain.pdf source.pdf" + ann + " -o out.pdf",
-         "out.pdf",
-         {"secret words", "extra one @@nd@@", "extra two", "extra three"}},
-        {"append plain.pdf source.pdf --pages 2" + ann + " source.pdf" + ann +
-             " --pages 3 -o out.pdf",
-         "out.pdf",
-         {"secret words", "extra two", "extra three"}},
-        {"append main.pdf" + ann + " extra.pdf --pages 1 -o out.pdf",
-         "out.pdf",
-         {"secret words", "extra one @@nd@@"}},
-        {"replace plain.pdf 1 source.pdf --pages 2" + Holder("ann", "source-") + " -o out.pdf",
-         "out.pdf",
-         {"extra two"}},
-        {"replace main.pdf" + ann + " 1 extra.pdf 3 3 -o out.pdf", "out.pdf", {"extra three"}},
-        {"split source.pdf" + ann + " part", "part_2", {"extra two", "extra three"}},
-        {"split source.pdf --pages z,1,2" + ann + " pick",
-         "pick_1",
-         {"extra three", "extra one @@nd@@"}},
+    const std::string ann = Holder("ann"), lh = Holder("ann", "letterhead-");
+    // Each command writes out.pdf, or split its first part out_1.
+    const std::pair<std::string, std::vector<std::string>> cases[] = {
+        {"stamp plain.pdf source.pdf --at 0,-400" + lh, {"secret wordsE1 @@nd@@"}},
+        {"stamp plain.pdf source.pdf --letterhead-page 3 --at 0,-400" + lh, {"secret wordsE3"}},
+        {"stamp main.pdf" + ann + " extra.pdf --at 0,-400", {"secret wordsE1 @@nd@@"}},
+        {"append plain.pdf source.pdf" + ann, {"secret words", "E1 @@nd@@", "E2", "E3"}},
+        {"append plain.pdf source.pdf --pages 2" + ann + " source.pdf" + ann + " --pages 3",
+         {"secret words", "E2", "E3"}},
+        {"append main.pdf" + ann + " extra.pdf --pages 1", {"secret words", "E1 @@nd@@"}},
+        {"replace plain.pdf 1 source.pdf --pages 2" + Holder("ann", "source-"), {"E2"}},
+        {"replace main.pdf" + ann + " 1 extra.pdf 3 3", {"E3"}},
+        {"split source.pdf" + ann, {"E1 @@nd@@"}},
+        {"split source.pdf --pages z,1,2" + ann, {"E3", "E1 @@nd@@"}},
     };
-    for (const auto& [args, result, pages] : cases) {
+    for (const auto& [args, pages] : cases) {
         SCOPED_TRACE(args);
+        const bool split = args.rfind("split", 0) == 0;
+        const std::string result = split ? "out_1" : "out.pdf";
         stdfs::remove(result);
-        const auto run = Zpdf(args);
+        const auto run = Zpdf(args + (split ? " out" : " -o out.pdf"));
         ASSERT_EQ(run.exit_code, 0) << run.output;
         EXPECT_TRUE(Contains(ShowEncryption(result, ""), "File is not encrypted"));
         EXPECT_EQ(test::PdfPageTexts(result), pages);

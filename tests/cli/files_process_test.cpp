@@ -193,8 +193,9 @@ TEST_F(FilesProcess, TwoWritersOfOneFile) {
     EXPECT_GT(lost, 0) << "the runs overlapped at least once";
 }
 
-// A failure is one line that names the file at fault and gives the system's reason; no output is
-// one of the inputs, whatever name leads to it. Every file stays as it was.
+// A failure is one line, after the command's name, that names the file at fault and gives the
+// system's reason; no output is one of the inputs, whatever name leads to it. Every file stays as
+// it was.
 TEST_F(FilesProcess, MessagesNameTheFileAtFault) {
     test::WriteBytes("doc.pdf", Document(1));
     test::WriteBytes("cert.pem", "not read before the names are compared");
@@ -234,6 +235,8 @@ TEST_F(FilesProcess, MessagesNameTheFileAtFault) {
         SCOPED_TRACE(args);
         const auto result = Zpdf(args + " 2>&1 >/dev/null");
         EXPECT_EQ(result.exit_code, 1) << result.output;
+        EXPECT_EQ(result.output.rfind("zpdf " + args.substr(0, args.find(' ')) + ": ", 0), 0u)
+            << result.output;
         EXPECT_NE(result.output.find(file), std::string::npos) << result.output;
         EXPECT_NE(result.output.find(reason), std::string::npos) << result.output;
         EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;

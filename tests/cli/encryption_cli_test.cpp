@@ -213,35 +213,34 @@ TEST_F(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
                      test::ReadBytes("ann-cert.pem") + test::ReadBytes("eve-cert.pem"));
     Secure("plain.pdf", "ann-cert.pem", "ours.pdf");
     test::QpdfEncrypt("plain.pdf", "locked.pdf", "u", "o", 256);
-    const std::string before = test::ReadBytes("ours.pdf"), ann = Holder("ann");
+    const std::string before = test::ReadBytes("ours.pdf"), ann = Holder("ann"), o = " -o out.pdf";
     unsetenv("ZPDF_TEST_UNSET");
     std::vector<std::tuple<std::string, int, std::string>> cases = {
-        {"protect plain.pdf --owner o -o out.pdf", 2, "the user password is empty"},
-        {"protect plain.pdf --user u --owner '' -o out.pdf", 2, "the owner password is empty"},
-        {"protect plain.pdf --user u --user-env HOME --owner o -o out.pdf", 2,
+        {"protect plain.pdf --owner o" + o, 2, "the user password is empty"},
+        {"protect plain.pdf --user u --owner ''" + o, 2, "the owner password is empty"},
+        {"protect plain.pdf --user u --user-env HOME --owner o" + o, 2,
          "give the user password one way only"},
-        {"protect plain.pdf --user u --owner-env ZPDF_TEST_UNSET -o out.pdf", 2,
+        {"protect plain.pdf --user u --owner-env ZPDF_TEST_UNSET" + o, 2,
          "the variable ZPDF_TEST_UNSET is not set"},
-        {"protect plain.pdf --user u --owner o --allow print,copy -o out.pdf", 2,
+        {"protect plain.pdf --user u --owner o --allow print,copy" + o, 2,
          "--allow: unknown permission in print,copy"},
-        {"protect plain.pdf --user-file none.txt --owner o -o out.pdf", 1,
+        {"protect plain.pdf --user-file none.txt --owner o" + o, 1,
          "none.txt: cannot read the password file"},
-        {"decrypt plain.pdf --key ann-key.pem -o out.pdf", 2, "--key and --cert go together"},
-        {"decrypt plain.pdf --password p --key k --cert c -o out.pdf", 2, "give one"},
-        {"protect-pubkey plain.pdf bundle.pem -o out.pdf", 1,
+        {"decrypt plain.pdf --key ann-key.pem" + o, 2, "--key and --cert go together"},
+        {"decrypt plain.pdf --password p --key k --cert c" + o, 2, "give one"},
+        {"protect-pubkey plain.pdf bundle.pem" + o, 1,
          "bundle.pem: certificate 2 of 2 has an EC key; only certificates with RSA keys"},
-        {"protect-pubkey plain.pdf ann-cert.pem ed-cert.pem -o out.pdf", 1,
+        {"protect-pubkey plain.pdf ann-cert.pem ed-cert.pem" + o, 1,
          "ed-cert.pem: has an Ed25519 key"},
         {"stamp ours.pdf plain.pdf" + ann, 2, "drop its certificate security"},
         {"append ours.pdf" + ann + " plain.pdf", 2, "drop its certificate security"},
         {"replace ours.pdf 1 plain.pdf" + ann, 2, "drop its certificate security"},
-        {"stamp plain.pdf ours.pdf --letterhead-key ann-key.pem -o out.pdf", 2,
+        {"stamp plain.pdf ours.pdf --letterhead-key ann-key.pem" + o, 2,
          "--letterhead-key and --letterhead-cert go together"},
-        {"replace plain.pdf 1 ours.pdf --source-cert ann-cert.pem --source-password x -o out.pdf",
-         2, "--source-key and --source-cert go together"},
-        {"append plain.pdf ours.pdf --key ann-key.pem -o out.pdf", 2,
-         "--key and --cert go together"},
-        {"append plain.pdf ours.pdf" + ann + " --password x -o out.pdf", 2,
+        {"replace plain.pdf 1 ours.pdf --source-cert ann-cert.pem --source-password x" + o, 2,
+         "--source-key and --source-cert go together"},
+        {"append plain.pdf ours.pdf --key ann-key.pem" + o, 2, "--key and --cert go together"},
+        {"append plain.pdf ours.pdf" + ann + " --password x" + o, 2,
          "--password and --key open different kinds of files"},
         {"split ours.pdf --cert ann-cert.pem part", 2, "--key and --cert go together"},
     };
@@ -256,7 +255,7 @@ TEST_F(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
         {"ours.pdf", "opens with --key and --cert"},
     };
     for (const auto& [args, message] : wrong_keys) {
-        cases.emplace_back("decrypt " + args + " -o out.pdf", 1, message);
+        cases.emplace_back("decrypt " + args + "" + o, 1, message);
         cases.emplace_back("info " + args, 1, message);
     }
     for (const auto& [args, exit_code, message] : cases) {

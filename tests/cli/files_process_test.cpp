@@ -117,17 +117,16 @@ TEST_F(FilesProcess, InterruptedRunsLeaveNothing) {
          [] { return test::QpdfCheckPasses("doc.pdf") && test::QpdfPageCount("doc.pdf") == 401; }},
     };
     // How long an uninterrupted run takes, so the signals fall inside it.
-    std::vector<long> durations;
-    for (const Command& command : commands) {
+    long durations[2] = {};
+    for (std::size_t i = 0; i < 2; ++i) {
         test::WriteBytes("doc.pdf", original);
         const auto started = std::chrono::steady_clock::now();
-        ASSERT_EQ(Wait(Start(command.args)), 0);
-        durations.push_back(static_cast<long>(std::chrono::duration_cast<std::chrono::microseconds>(
-                                                  std::chrono::steady_clock::now() - started)
-                                                  .count()));
-        ASSERT_TRUE(command.changed());
+        ASSERT_EQ(Wait(Start(commands[i].args)), 0);
+        durations[i] = static_cast<long>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                             std::chrono::steady_clock::now() - started)
+                                             .count());
+        ASSERT_TRUE(commands[i].changed());
     }
-
     std::mt19937 random(20261125);
     const int signals[] = {SIGINT, SIGTERM, SIGHUP};
     int interrupted = 0;
@@ -172,19 +171,15 @@ TEST_F(FilesProcess, TwoWritersOfOneFile) {
         std::thread second([&] { results[1] = Zpdf("stamp doc.pdf SECONDHEAD.pdf"); });
         first.join();
         second.join();
-        int succeeded = 0;
         for (int i = 0; i < 2; ++i) {
-            const auto& result = results[i];
-            EXPECT_EQ(Stamps("doc.pdf", texts[i]), result.exit_code == 0 ? 1 : 0) << result.output;
-            if (result.exit_code == 0) {
-                ++succeeded;
-                continue;
-            }
-            ++lost;
-            EXPECT_EQ(result.exit_code, 1) << result.output;
-            EXPECT_NE(result.output.find("another writer"), std::string::npos) << result.output;
+            const auto& [code, output] = results[i];
+            EXPECT_EQ(Stamps("doc.pdf", texts[i]), code == 0 ? 1 : 0) << output;
+            EXPECT_TRUE(code == 0 ||
+                        (code == 1 && output.find("another writer") != std::string::npos))
+                << output;
+            lost += code == 0 ? 0 : 1;
         }
-        EXPECT_GE(succeeded, 1);
+        EXPECT_TRUE(results[0].exit_code == 0 || results[1].exit_code == 0) << "one of them wins";
         EXPECT_TRUE(test::QpdfCheckPasses("doc.pdf"));
         EXPECT_EQ(test::QpdfPageCount("doc.pdf"), 150);
         EXPECT_EQ(Entries(), (std::vector<std::string>{"FIRSTHEAD.pdf", "SECONDHEAD.pdf", "doc.pdf",
@@ -229,8 +224,12 @@ TEST_F(FilesProcess, MessagesNameTheFileAtFault) {
         {"protect-pubkey doc.pdf cert.pem -o cert.pem", "cert.pem", "is the input"},
         {"split part_1 part", "part_1", "is the file being split"},
     };
-    std::vector<std::string> before;
-    for (const auto& name : Entries()) before.push_back(test::ReadBytes(name));
+    const auto contents = [] {
+        std::vector<std::string> all;
+        for (const auto& name : Entries()) all.push_back(test::ReadBytes(name));
+        return all;
+    };
+    const auto before = contents();
     for (const auto& [args, file, reason] : cases) {
         SCOPED_TRACE(args);
         const auto result = Zpdf(args + " 2>&1 >/dev/null");
@@ -240,9 +239,7 @@ TEST_F(FilesProcess, MessagesNameTheFileAtFault) {
         EXPECT_NE(result.output.find(file), std::string::npos) << result.output;
         EXPECT_NE(result.output.find(reason), std::string::npos) << result.output;
         EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
-        std::vector<std::string> after;
-        for (const auto& name : Entries()) after.push_back(test::ReadBytes(name));
-        EXPECT_EQ(after, before);
+        EXPECT_EQ(contents(), before);
     }
 }
 

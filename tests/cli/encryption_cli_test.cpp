@@ -255,7 +255,7 @@ TEST_F(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
         {"ours.pdf", "opens with --key and --cert"},
     };
     for (const auto& [args, message] : wrong_keys) {
-        cases.emplace_back("decrypt " + args + "" + o, 1, message);
+        cases.emplace_back("decrypt " + args + o, 1, message);
         cases.emplace_back("info " + args, 1, message);
     }
     for (const auto& [args, exit_code, message] : cases) {

@@ -5,96 +5,15 @@
 //   com_client DOC.pdf LETTERHEAD.pdf
 // DOC.pdf: two pages of 200 x 300 pt, the first with a black square at (50,100)-(100,150).
 // Prints one line per check and a closing "N passed, N failed".
-#include <windows.h>
-
-#include <ole2.h>
-#include <oleauto.h>
-
-#include <algorithm>
-#include <cstdio>
-#include <functional>
-#include <string>
-#include <utility>
-
-#include "ZPdfCntObj_h.h"
+#include "com_test.h"
 
 namespace {
-
-int g_passed = 0;
-int g_failed = 0;
-
-void Check(bool ok, const std::string& what, HRESULT hr = S_OK) {
-    ok ? ++g_passed : ++g_failed;
-    std::printf(ok ? "ok - %s\n" : "not ok - %s (0x%08lX)\n", what.c_str(),
-                static_cast<unsigned long>(hr));
-}
-
-// An interface pointer, released when it goes.
-template <class T>
-struct Ref {
-    T* p = nullptr;
-    Ref() = default;
-    Ref(Ref&& other) noexcept : p(std::exchange(other.p, nullptr)) {}
-    ~Ref() {
-        if (p != nullptr) p->Release();
-    }
-    T* operator->() const { return p; }
-    operator T*() const { return p; }
-    void** out() { return reinterpret_cast<void**>(&p); }
-};
-
-template <class T>
-Ref<T> Query(IUnknown* from) {
-    Ref<T> p;
-    if (from != nullptr) from->QueryInterface(__uuidof(T), p.out());
-    return p;
-}
-
-template <class T>
-Ref<T> Create(const wchar_t* progid) {
-    CLSID clsid{};
-    Ref<T> p;
-    if (SUCCEEDED(CLSIDFromProgID(progid, &clsid))) {
-        CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, __uuidof(T), p.out());
-    }
-    return p;
-}
-
-// A BSTR argument for the duration of a call.
-struct Bstr {
-    BSTR b;
-    explicit Bstr(const wchar_t* s) : b(SysAllocString(s)) {}
-    ~Bstr() { SysFreeString(b); }
-    operator BSTR() const { return b; }
-};
 
 // The text of a BSTR result, which is freed.
 std::wstring Take(BSTR text) {
     std::wstring out = text != nullptr ? text : L"";
     SysFreeString(text);
     return out;
-}
-
-// Draws the test page into a white 200 x 300 top-down 32-bit DIB section in a memory DC. Of the
-// probes, the two inside the square (x 50..99, y 150..199) are to be dark ('#'), the one left of
-// it and the one below it not.
-void Draws(const std::string& what, const std::function<HRESULT(HDC)>& draw) {
-    HDC dc = CreateCompatibleDC(nullptr);
-    BITMAPINFO info{{sizeof(BITMAPINFOHEADER), 200, -300, 1, 32, BI_RGB, 0, 0, 0, 0, 0}, {}};
-    UINT32* bits = nullptr;
-    HBITMAP bitmap =
-        CreateDIBSection(dc, &info, DIB_RGB_COLORS, reinterpret_cast<void**>(&bits), nullptr, 0);
-    SelectObject(dc, bitmap);
-    std::fill_n(bits, 200 * 300, 0x00FFFFFFu);
-    const HRESULT hr = draw(dc);
-    constexpr std::pair<int, int> probes[] = {{60, 160}, {95, 195}, {40, 160}, {60, 210}};
-    std::string dark;
-    for (auto [x, y] : probes) {
-        dark += ((bits[y * 200 + x] >> 8) & 0xFF) < 64 ? '#' : '.';
-    }
-    DeleteDC(dc);
-    DeleteObject(bitmap);
-    Check(hr == S_OK && dark == "##..", what + " (" + dark + ")", hr);
 }
 
 // Saves `source` to an OLE stream, its class id first, and loads a new object from it; `written`:
@@ -112,32 +31,6 @@ Ref<T> Restored(IUnknown* source, ULONGLONG* written) {
     }
     *written = end.QuadPart;
     return restored;
-}
-
-// A failing call: its result, ISupportErrorInfo claims the interface, and the error information
-// carries a description and the interface's GUID.
-struct Failure {
-    const char* what;
-    IUnknown* target;
-    const IID& iid;
-    HRESULT result;
-    std::function<HRESULT()> call;
-};
-
-void CheckFailure(const Failure& f) {
-    SetErrorInfo(0, nullptr);
-    const HRESULT hr = f.call();
-    auto support = Query<ISupportErrorInfo>(f.target);
-    const bool claimed = support != nullptr && support->InterfaceSupportsErrorInfo(f.iid) == S_OK;
-    Ref<IErrorInfo> error;
-    BSTR description = nullptr;
-    GUID guid = GUID_NULL;
-    if (GetErrorInfo(0, &error.p) == S_OK) {
-        error->GetDescription(&description);
-        error->GetGUID(&guid);
-    }
-    Check(hr == f.result && claimed && !Take(description).empty() && IsEqualGUID(guid, f.iid),
-          std::string(f.what) + " fails, described as a failure of its interface", hr);
 }
 
 // The registered library: its type infos (name, kind, GUID, flags, help string) and the members
@@ -218,9 +111,9 @@ void TypeLibraryChecks() {
     }
 }
 
-void Run(const std::wstring& doc, const wchar_t* letterhead_path) {
-    auto object = Create<IZPdfContentObject>(L"Ostrand.ZPdfContentObject");
-    auto letterhead = Create<IZPdfContentObject>(L"Ostrand.ZPdfContentObject.1");
+void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
+    auto object = Open(doc);
+    auto letterhead = Open(letterhead_path, L"Ostrand.ZPdfContentObject.1");
     auto element = Create<IZPdfContentElement>(L"Ostrand.ZPdfContentElement.1");
     auto zobject = Query<IZObject>(object);
     auto zelement = Query<IZElement>(element);
@@ -231,53 +124,32 @@ void Run(const std::wstring& doc, const wchar_t* letterhead_path) {
           "created by ProgID; IZObject and IZElement give the kind 305");
     if (zobject == nullptr || zelement == nullptr || letterhead == nullptr) return;
 
-    // Through the vtable: the page drawn, stamped, appended, replaced; run.sh reads the saved
-    // document.
-    object->SetPdfDocument(Bstr(doc.c_str()), VARIANT_FALSE, Bstr(L""));
-    letterhead->SetPdfDocument(Bstr(letterhead_path), VARIANT_FALSE, Bstr(L""));
-    Draws("the page drawn into a DIB section", [&](HDC dc) {
-        const auto handle = reinterpret_cast<LONG_PTR>(dc);
-        return object->DrawPageToDC(handle, 1, 0, 0, 200, 300, 0, 0, 0, 0, 0);
+    // Through the vtable: the page drawn through a 64-bit device context handle, stamped,
+    // appended, replaced; run.sh reads the saved document.
+    const Drawing page = Draw([&](HDC dc) {
+        return object->DrawPageToDC(reinterpret_cast<LONG_PTR>(dc), 1, 0, 0, 200, 300, 0, 0, 0, 0,
+                                    0);
     });
-
-    SAFEARRAY* ids = nullptr;
-    HRESULT hr = object->ImportContent(letterhead, &ids);
-    LONG bounds[2] = {-1, -1};
-    LONG pages = 0;
-    VARTYPE type = VT_EMPTY;
-    ULONG form = 0;
-    if (ids != nullptr) {
-        SafeArrayGetLBound(ids, 1, &bounds[0]);
-        SafeArrayGetUBound(ids, 1, &bounds[1]);
-        SafeArrayGetVartype(ids, &type);
-        SafeArrayGetElement(ids, &bounds[0], &form);
-        SafeArrayDestroy(ids);
-    }
+    Check(page.ShowsSquare(), "the page drawn into a DIB section (" + page.probes + ")",
+          page.result);
     // The saved file keeps the attributes the replaced one had.
     const DWORD kept = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_ARCHIVE;
     SetFileAttributesW(doc.c_str(), kept);
-    Check(hr == S_OK && bounds[0] == 0 && bounds[1] == 0 && type == VT_UI4 &&
-              object->PlaceContent(form, 2, 10, 10, 0.5f, 0.5f, VARIANT_TRUE) == S_OK &&
-              object->AppendPages(letterhead) == S_OK &&
-              object->ReplacePages(3, letterhead, 1, 1) == S_OK &&
+    LONG pages = 0;
+    const HRESULT hr = Stamp(object, letterhead);
+    Check(hr == S_OK && object->ReplacePages(3, letterhead, 1, 1) == S_OK &&
               object->get_PageCount(&pages) == S_OK && pages == 3 && object->Save() == S_OK,
           "ImportContent gives a zero-based VT_UI4 array; placed, appended, replaced, saved", hr);
     Check((GetFileAttributesW(doc.c_str()) & kept) == kept,
           "the saved file keeps the hidden attribute of the file it replaced");
     SetFileAttributesW(doc.c_str(), FILE_ATTRIBUTE_NORMAL);
 
-    // Bound to the object, the element hands back the same interface and draws its page through
-    // a 32-bit device context handle.
     Ref<IZPdfContentObject> bound;
     Check(element->put_PdfObject(object) == S_OK && element->get_PdfObject(&bound.p) == S_OK &&
               bound == object,
           "the element's object is read back as the same interface");
     element->SetPosition(0, 0, 200, 300);
     element->put_Page(1);
-    Draws("the element drawn into a DIB section", [&](HDC dc) {
-        const auto handle = static_cast<LONG>(reinterpret_cast<LONG_PTR>(dc));
-        return zelement->DrawToDC(handle, 0, 0, 0, 0, 8, 0);
-    });
 
     // Both classes through OLE streams: the object by its document's path, the element by its
     // 30-byte record.
@@ -287,20 +159,27 @@ void Run(const std::wstring& doc, const wchar_t* letterhead_path) {
     Check(restored != nullptr && restored->GetPdfDocument(&held) == S_OK && Take(held) == doc,
           "the object restored from an OLE stream");
     auto copy = Restored<IZPdfContentElement>(element, &written);
-    LONG page = 0;
+    LONG page_number = 0;
     LONG place[4] = {};
-    Check(copy != nullptr && written == sizeof(CLSID) + 30 && copy->get_Page(&page) == S_OK &&
-              page == 1 && copy->GetPosition(&place[0], &place[1], &place[2], &place[3]) == S_OK &&
+    Check(copy != nullptr && written == sizeof(CLSID) + 30 &&
+              copy->get_Page(&page_number) == S_OK && page_number == 1 &&
+              copy->GetPosition(&place[0], &place[1], &place[2], &place[3]) == S_OK &&
               place[2] == 200 && place[3] == 300,
           "the element restored from an OLE stream");
 
-    // Failures, per interface of both classes.
+    // Failures, per interface of both classes: the result, ISupportErrorInfo claims the
+    // interface, and the error information carries a description and the interface's GUID.
     auto object_persist = Query<IPersistStreamInit>(object);
     auto element_persist = Query<IPersistStreamInit>(element);
     const IID& object_iid = IID_IZPdfContentObject;
-    const IID& element_iid = IID_IZPdfContentElement;
     LONG n = 0;
-    const Failure failures[] = {
+    const struct {
+        const char* what;
+        IUnknown* target;
+        const IID& iid;
+        HRESULT result;
+        std::function<HRESULT()> call;
+    } failures[] = {
         {"SetPdfDocument without a path", object, object_iid, E_INVALIDARG,
          [&] { return object->SetPdfDocument(nullptr, VARIANT_FALSE, nullptr); }},
         {"GetPdfDocument without a place", object, object_iid, E_POINTER,
@@ -313,14 +192,23 @@ void Run(const std::wstring& doc, const wchar_t* letterhead_path) {
          [&] { return zobject->Reserved(0, 0, 0); }},
         {"object Load without a stream", object, IID_IPersistStreamInit, E_POINTER,
          [&] { return object_persist->Load(nullptr); }},
-        {"element GetPosition without places", element, element_iid, E_POINTER,
+        {"element GetPosition without places", element, IID_IZPdfContentElement, E_POINTER,
          [&] { return element->GetPosition(nullptr, &n, &n, &n); }},
         {"IZElement GetKind without a place", element, IID_IZElement, E_POINTER,
          [&] { return zelement->GetKind(nullptr); }},
         {"element Load without a stream", element, IID_IPersistStreamInit, E_POINTER,
          [&] { return element_persist->Load(nullptr); }},
     };
-    for (const auto& f : failures) CheckFailure(f);
+    for (const auto& f : failures) {
+        SetErrorInfo(0, nullptr);
+        const HRESULT result = f.call();
+        GUID guid = GUID_NULL;
+        const bool described = !ErrorDescription(&guid).empty() && IsEqualGUID(guid, f.iid);
+        auto support = Query<ISupportErrorInfo>(f.target);
+        Check(result == f.result && described && support != nullptr &&
+                  support->InterfaceSupportsErrorInfo(f.iid) == S_OK,
+              std::string(f.what) + " fails, described as a failure of its interface", result);
+    }
 
     // The print engine's interfaces are described in the engine's library, not ours: their
     // IDispatch knows no member of the class's default interface.
@@ -345,31 +233,20 @@ void Run(const std::wstring& doc, const wchar_t* letterhead_path) {
     const ULONG before = object->AddRef();
     object->Release();
     void* self = nullptr;
-    hr = object->QueryInterface(identity, &self);
+    const HRESULT found = object->QueryInterface(identity, &self);
     const ULONG after = object->AddRef();
     object->Release();
-    Check(hr == S_OK && after == before + 1, "the implementation identity is a counted reference",
-          hr);
-    if (SUCCEEDED(hr)) object->Release();
+    Check(found == S_OK && after == before + 1,
+          "the implementation identity is a counted reference", found);
+    if (SUCCEEDED(found)) object->Release();
 }
 
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: com_client DOC.pdf LETTERHEAD.pdf\n");
-        return 2;
-    }
+    if (argc != 3) return 2;
     CoInitialize(nullptr);
     Run(argv[1], argv[2]);
     TypeLibraryChecks();
-    // Every object and class factory handed out came back: the module may unload.
-    using CanUnloadNow = HRESULT(STDAPICALLTYPE*)();
-    const auto can_unload = reinterpret_cast<CanUnloadNow>(reinterpret_cast<void*>(
-        GetProcAddress(GetModuleHandleW(L"ZPdfCntObj.dll"), "DllCanUnloadNow")));
-    Check(can_unload != nullptr && can_unload() == S_OK,
-          "the module can unload once all is released");
-    CoUninitialize();
-    std::printf("%d passed, %d failed\n", g_passed, g_failed);
-    return g_failed == 0 ? 0 : 1;
+    return Finish();
 }

@@ -1,0 +1,160 @@
+// What the two Wine clients of ZPdfCntObj.dll share: checks printed one per line and a closing
+// "N passed, N failed", interface pointers released when they go, objects created by ProgID, the
+// thread's error information, drawings into a DIB section, the module's own exports.
+#pragma once
+
+#include <windows.h>
+
+#include <ole2.h>
+#include <oleauto.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ZPdfCntObj_h.h"
+
+inline int g_passed = 0;
+inline int g_failed = 0;
+
+inline void Check(bool ok, const std::string& what, HRESULT hr = S_OK) {
+    ok ? ++g_passed : ++g_failed;
+    std::printf(ok ? "ok - %s\n" : "not ok - %s (0x%08lX)\n", what.c_str(),
+                static_cast<unsigned long>(hr));
+    std::fflush(stdout);
+}
+
+// An interface pointer, released when it goes.
+template <class T>
+struct Ref {
+    T* p = nullptr;
+    Ref() = default;
+    Ref(const Ref&) = delete;
+    Ref(Ref&& other) noexcept : p(std::exchange(other.p, nullptr)) {}
+    ~Ref() { Reset(); }
+    void Reset() {
+        if (p != nullptr) std::exchange(p, nullptr)->Release();
+    }
+    T* operator->() const { return p; }
+    operator T*() const { return p; }
+    void** out() { return reinterpret_cast<void**>(&p); }
+};
+
+template <class T>
+Ref<T> Query(IUnknown* from) {
+    Ref<T> p;
+    if (from != nullptr) from->QueryInterface(__uuidof(T), p.out());
+    return p;
+}
+
+template <class T>
+Ref<T> Create(const wchar_t* progid) {
+    CLSID clsid{};
+    Ref<T> p;
+    if (SUCCEEDED(CLSIDFromProgID(progid, &clsid))) {
+        CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, __uuidof(T), p.out());
+    }
+    return p;
+}
+
+// A BSTR argument for the duration of a call.
+struct Bstr {
+    BSTR b;
+    explicit Bstr(const wchar_t* s) : b(SysAllocString(s)) {}
+    Bstr(const Bstr&) = delete;
+    ~Bstr() { SysFreeString(b); }
+    operator BSTR() const { return b; }
+};
+
+// A content object created by `progid` with the document at `path` opened in it.
+inline Ref<IZPdfContentObject> Open(const std::wstring& path,
+                                    const wchar_t* progid = L"Ostrand.ZPdfContentObject") {
+    auto object = Create<IZPdfContentObject>(progid);
+    if (object != nullptr) object->SetPdfDocument(Bstr(path.c_str()), VARIANT_FALSE, Bstr(L""));
+    return object;
+}
+
+// The description of the thread's error information, empty when there is none; `guid`: its GUID.
+inline std::string ErrorDescription(GUID* guid = nullptr) {
+    Ref<IErrorInfo> error;
+    BSTR text = nullptr;
+    if (GetErrorInfo(0, &error.p) == S_OK) {
+        error->GetDescription(&text);
+        if (guid != nullptr) error->GetGUID(guid);
+    }
+    const std::wstring wide = text != nullptr ? text : L"";
+    SysFreeString(text);
+    return std::string(wide.begin(), wide.end());
+}
+
+// Imports the letterhead as forms, places the first on page 2 and appends the letterhead. The
+// forms are to come as a zero-based array of one VT_UI4; E_UNEXPECTED when they do not.
+inline HRESULT Stamp(IZPdfContentObject* object, IZPdfContentObject* letterhead) {
+    SAFEARRAY* ids = nullptr;
+    HRESULT hr = object->ImportContent(letterhead, &ids);
+    LONG bounds[2] = {-1, -1};
+    VARTYPE type = VT_EMPTY;
+    ULONG form = 0;
+    SafeArrayGetLBound(ids, 1, &bounds[0]);
+    SafeArrayGetUBound(ids, 1, &bounds[1]);
+    SafeArrayGetVartype(ids, &type);
+    SafeArrayGetElement(ids, &bounds[0], &form);
+    SafeArrayDestroy(ids);
+    if (SUCCEEDED(hr) && (bounds[0] != 0 || bounds[1] != 0 || type != VT_UI4)) hr = E_UNEXPECTED;
+    if (SUCCEEDED(hr)) hr = object->PlaceContent(form, 2, 10, 10, 0.5f, 0.5f, VARIANT_TRUE);
+    return SUCCEEDED(hr) ? object->AppendPages(letterhead) : hr;
+}
+
+// What a drawing into a white top-down 32-bit DIB section of 200 x 300 left: the call's result, the
+// pixels, and which probes are dark ('#'): two inside the test page's square (x 50..99, y
+// 150..199), one left of it, one below it.
+struct Drawing {
+    HRESULT result = E_FAIL;
+    std::vector<UINT32> pixels;
+    std::string probes;
+    bool ShowsSquare() const { return result == S_OK && probes == "##.."; }
+};
+
+inline Drawing Draw(const std::function<HRESULT(HDC)>& draw) {
+    Drawing out;
+    HDC dc = CreateCompatibleDC(nullptr);
+    BITMAPINFO info{{sizeof(BITMAPINFOHEADER), 200, -300, 1, 32, BI_RGB, 0, 0, 0, 0, 0}, {}};
+    UINT32* bits = nullptr;
+    HBITMAP bitmap =
+        CreateDIBSection(dc, &info, DIB_RGB_COLORS, reinterpret_cast<void**>(&bits), nullptr, 0);
+    SelectObject(dc, bitmap);
+    std::fill_n(bits, 200 * 300, 0x00FFFFFFu);
+    out.result = draw(dc);
+    GdiFlush();
+    out.pixels.assign(bits, bits + 200 * 300);
+    for (const auto& [x, y] : {std::pair{60, 160}, {95, 195}, {40, 160}, {60, 210}}) {
+        out.probes += ((bits[y * 200 + x] >> 8) & 0xFF) < 64 ? '#' : '.';
+    }
+    DeleteDC(dc);
+    DeleteObject(bitmap);
+    return out;
+}
+
+// An entry point of ZPdfCntObj.dll as loaded in this process (null when there is none).
+template <class Function>
+Function Export(const char* name) {
+    return reinterpret_cast<Function>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ZPdfCntObj.dll"), name)));
+}
+
+inline HRESULT CanUnloadNow() {
+    const auto can_unload = Export<HRESULT(STDAPICALLTYPE*)()>("DllCanUnloadNow");
+    return can_unload != nullptr ? can_unload() : E_FAIL;
+}
+
+// Every object and class factory handed out came back, so the module may unload; then the summary
+// and the exit code.
+inline int Finish() {
+    Check(CanUnloadNow() == S_OK, "the module can unload once all is released");
+    CoUninitialize();
+    std::printf("%d passed, %d failed\n", g_passed, g_failed);
+    return g_failed == 0 ? 0 : 1;
+}

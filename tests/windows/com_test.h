@@ -64,7 +64,6 @@ Ref<T> Create(const wchar_t* progid) {
 struct Bstr {
     BSTR b;
     explicit Bstr(const wchar_t* s) : b(SysAllocString(s)) {}
-    Bstr(const Bstr&) = delete;
     ~Bstr() { SysFreeString(b); }
     operator BSTR() const { return b; }
 };
@@ -77,6 +76,17 @@ inline Ref<IZPdfContentObject> Open(const std::wstring& path,
     return object;
 }
 
+// The text of a BSTR result, which is freed.
+inline std::wstring Take(BSTR text) {
+    std::wstring out = text != nullptr ? text : L"";
+    SysFreeString(text);
+    return out;
+}
+
+inline std::string Narrow(const std::wstring& text) {
+    return std::string(text.begin(), text.end());
+}
+
 // The description of the thread's error information, empty when there is none; `guid`: its GUID.
 inline std::string ErrorDescription(GUID* guid = nullptr) {
     Ref<IErrorInfo> error;
@@ -85,9 +95,7 @@ inline std::string ErrorDescription(GUID* guid = nullptr) {
         error->GetDescription(&text);
         if (guid != nullptr) error->GetGUID(guid);
     }
-    const std::wstring wide = text != nullptr ? text : L"";
-    SysFreeString(text);
-    return std::string(wide.begin(), wide.end());
+    return Narrow(Take(text));
 }
 
 // Imports the letterhead as forms, places the first on page 2 and appends the letterhead. The
@@ -138,22 +146,18 @@ inline Drawing Draw(const std::function<HRESULT(HDC)>& draw) {
     return out;
 }
 
-// An entry point of ZPdfCntObj.dll as loaded in this process (null when there is none).
+// An entry point of ZPdfCntObj.dll as loaded in this process.
 template <class Function>
 Function Export(const char* name) {
     return reinterpret_cast<Function>(
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ZPdfCntObj.dll"), name)));
 }
 
-inline HRESULT CanUnloadNow() {
-    const auto can_unload = Export<HRESULT(STDAPICALLTYPE*)()>("DllCanUnloadNow");
-    return can_unload != nullptr ? can_unload() : E_FAIL;
-}
-
 // Every object and class factory handed out came back, so the module may unload; then the summary
 // and the exit code.
 inline int Finish() {
-    Check(CanUnloadNow() == S_OK, "the module can unload once all is released");
+    Check(Export<HRESULT(STDAPICALLTYPE*)()>("DllCanUnloadNow")() == S_OK,
+          "the module can unload once all is released");
     CoUninitialize();
     std::printf("%d passed, %d failed\n", g_passed, g_failed);
     return g_failed == 0 ? 0 : 1;

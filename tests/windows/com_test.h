@@ -32,7 +32,6 @@ template <class T>
 struct Ref {
     T* p = nullptr;
     Ref() = default;
-    Ref(const Ref&) = delete;
     Ref(Ref&& other) noexcept : p(std::exchange(other.p, nullptr)) {}
     ~Ref() { Reset(); }
     void Reset() {

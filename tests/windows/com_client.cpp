@@ -15,15 +15,15 @@ namespace {
 // Saves `source` to an OLE stream, its class id first, and loads a new object from it; `written`:
 // the bytes saved.
 template <class T>
-Ref<T> Restored(IUnknown* source, ULONGLONG* written) {
-    Ref<IStream> stream;
-    CreateStreamOnHGlobal(nullptr, TRUE, &stream.p);
+ComPtr<T> Restored(IUnknown* source, ULONGLONG* written) {
+    ComPtr<IStream> stream;
+    CreateStreamOnHGlobal(nullptr, TRUE, &stream);
     ULARGE_INTEGER end{};
-    Ref<T> restored;
-    if (OleSaveToStream(Query<IPersistStream>(source), stream) == S_OK) {
+    ComPtr<T> restored;
+    if (OleSaveToStream(Query<IPersistStream>(source).Get(), stream.Get()) == S_OK) {
         stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &end);
         stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
-        OleLoadFromStream(stream, __uuidof(T), restored.out());
+        OleLoadFromStream(stream.Get(), IID_PPV_ARGS(&restored));
     }
     *written = end.QuadPart;
     return restored;
@@ -32,8 +32,8 @@ Ref<T> Restored(IUnknown* source, ULONGLONG* written) {
 // The registered library: its type infos (kind, name, flags, help string) and members of
 // IZPdfContentObject (DISPID, help string, parameter names).
 void TypeLibraryChecks() {
-    Ref<ITypeLib> lib;
-    const HRESULT hr = LoadRegTypeLib(LIBID_ZPdfCntObjLib, 1, 0, 0, &lib.p);
+    ComPtr<ITypeLib> lib;
+    const HRESULT hr = LoadRegTypeLib(LIBID_ZPdfCntObjLib, 1, 0, 0, &lib);
     Check(SUCCEEDED(hr) && lib->GetTypeInfoCount() == 5, "the registered library, 5 type infos",
           hr);
     if (FAILED(hr)) return;
@@ -51,10 +51,10 @@ void TypeLibraryChecks() {
     for (UINT i = 0; i < std::min(5u, lib->GetTypeInfoCount()); ++i) {
         BSTR name = nullptr;
         BSTR help = nullptr;
-        Ref<ITypeInfo> info;
+        ComPtr<ITypeInfo> info;
         TYPEATTR* attr = nullptr;
         lib->GetDocumentation(static_cast<INT>(i), &name, &help, nullptr, nullptr);
-        lib->GetTypeInfo(i, &info.p);
+        lib->GetTypeInfo(i, &info);
         info->GetTypeAttr(&attr);
         const std::wstring found = kinds[attr->typekind] + (L" " + Take(name)) +
                                    (attr->wTypeFlags & TYPEFLAG_FCANCREATE ? L", creatable" : L"") +
@@ -64,12 +64,12 @@ void TypeLibraryChecks() {
         info->ReleaseTypeAttr(attr);
     }
 
-    Ref<ITypeInfo> info;
-    lib->GetTypeInfoOfGuid(IID_IZPdfContentObject, &info.p);
+    ComPtr<ITypeInfo> info;
+    lib->GetTypeInfoOfGuid(IID_IZPdfContentObject, &info);
     // The dual interface's vtable side names [out, retval] parameters too.
-    Ref<ITypeInfo> vtable;
+    ComPtr<ITypeInfo> vtable;
     HREFTYPE ref = 0;
-    if (SUCCEEDED(info->GetRefTypeOfImplType(-1, &ref))) info->GetRefTypeInfo(ref, &vtable.p);
+    if (SUCCEEDED(info->GetRefTypeOfImplType(-1, &ref))) info->GetRefTypeInfo(ref, &vtable);
     const std::wstring members[] = {
         L"1 SetPdfDocument(PdfFile Embed Password): method SetPdfDocument",
         L"3 PageCount(pVal): property PageCount",
@@ -122,7 +122,7 @@ void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
     SetFileAttributesW(doc.c_str(), kept);
     LONG pages = 0;
     const HRESULT hr = Stamp(object, letterhead);
-    Check(hr == S_OK && object->ReplacePages(3, letterhead, 1, 1) == S_OK &&
+    Check(hr == S_OK && object->ReplacePages(3, letterhead.Get(), 1, 1) == S_OK &&
               object->get_PageCount(&pages) == S_OK && pages == 3 && object->Save() == S_OK,
           "ImportContent gives a zero-based VT_UI4 array; placed, appended, replaced, saved", hr);
     Check((GetFileAttributesW(doc.c_str()) & kept) == kept,
@@ -137,10 +137,10 @@ void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
     // 30-byte record.
     ULONGLONG written = 0;
     BSTR held = nullptr;
-    auto restored = Restored<IZPdfContentObject>(object, &written);
+    auto restored = Restored<IZPdfContentObject>(object.Get(), &written);
     Check(restored != nullptr && restored->GetPdfDocument(&held) == S_OK && Take(held) == doc,
           "the object restored from an OLE stream");
-    auto copy = Restored<IZPdfContentElement>(element, &written);
+    auto copy = Restored<IZPdfContentElement>(element.Get(), &written);
     LONG page_number = 0;
     LONG place[4] = {};
     Check(copy != nullptr && written == sizeof(CLSID) + 30 &&
@@ -155,14 +155,15 @@ void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
     auto element_persist = Query<IPersistStreamInit>(element);
     const IID* object_iid = &IID_IZPdfContentObject;
     LONG n = 0;
-    const std::tuple<const char*, IUnknown*, const IID*, HRESULT, std::function<HRESULT()>>
+    const std::tuple<const char*, const ComPtr<IUnknown>, const IID*, HRESULT,
+                     std::function<HRESULT()>>
         failures[] = {
             {"SetPdfDocument without a path", object, object_iid, E_INVALIDARG,
              [&] { return object->SetPdfDocument(nullptr, VARIANT_FALSE, nullptr); }},
             {"GetPdfDocument without a place", object, object_iid, E_POINTER,
              [&] { return object->GetPdfDocument(nullptr); }},
             {"ImportContent without a place", object, object_iid, E_POINTER,
-             [&] { return object->ImportContent(letterhead, nullptr); }},
+             [&] { return object->ImportContent(letterhead.Get(), nullptr); }},
             {"IZObject GetKind without a place", object, &IID_IZObject, E_POINTER,
              [&] { return zobject->GetKind(nullptr); }},
             {"IZObject Reserved", object, &IID_IZObject, E_NOTIMPL,
@@ -190,7 +191,7 @@ void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
     // The print engine's interfaces are described in the engine's library, not ours: their
     // IDispatch knows no member of the class's default interface.
     const std::tuple<const char*, IDispatch*, const wchar_t*> engine_interfaces[] = {
-        {"IZObject", zobject, L"PageCount"}, {"IZElement", zelement, L"Page"}};
+        {"IZObject", zobject.Get(), L"PageCount"}, {"IZElement", zelement.Get(), L"Page"}};
     for (const auto& [what, dispatch, member] : engine_interfaces) {
         UINT count = 1;
         LPOLESTR name = const_cast<LPOLESTR>(member);

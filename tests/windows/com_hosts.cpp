@@ -83,12 +83,11 @@ void AggregationChecks(const std::wstring& doc, const std::wstring& letterhead_p
         for (const IID* iid :
              {own, &IID_IDispatch, engine, &IID_IPersistStreamInit, &IID_ISupportErrorInfo}) {
             const LONG before = outer->refs;
-            Ref<IUnknown> part;
-            Ref<IUnknown> back;
-            all = all && SUCCEEDED(outer->QueryInterface(*iid, part.out())) &&
+            ComPtr<IUnknown> part;
+            ComPtr<IUnknown> back;
+            all = all && SUCCEEDED(outer->QueryInterface(*iid, &part)) &&
                   outer->refs == before + 1 &&
-                  SUCCEEDED(part->QueryInterface(IID_IUnknown, back.out())) &&
-                  back == static_cast<IUnknown*>(outer);
+                  SUCCEEDED(part->QueryInterface(IID_PPV_ARGS(&back))) && back.Get() == outer;
             back.Reset();
             part.Reset();
             all = all && outer->refs == before;
@@ -109,7 +108,7 @@ void AggregationChecks(const std::wstring& doc, const std::wstring& letterhead_p
     LONG pages = 0;
     HRESULT hr = Stamp(object, letterhead);
     if (SUCCEEDED(hr)) hr = object->get_PageCount(&pages);
-    if (SUCCEEDED(hr)) hr = element->put_PdfObject(object);
+    if (SUCCEEDED(hr)) hr = element->put_PdfObject(object.Get());
     const Drawing drawn = DrawElement(&element_outer);
     Check(hr == S_OK && pages == 3 && drawn.ShowsSquare(),
           "the job through the outer objects: stamped, appended, drawn by the element",
@@ -160,15 +159,15 @@ void ApartmentChecks(const std::wstring& doc, const std::wstring& letterhead_pat
     auto element = Create<IZPdfContentElement>(L"Ostrand.ZPdfContentElement");
     IStream* object_stream = nullptr;
     IStream* element_stream = nullptr;
-    CoMarshalInterThreadInterfaceInStream(IID_IZPdfContentObject, object, &object_stream);
-    CoMarshalInterThreadInterfaceInStream(IID_IZPdfContentElement, element, &element_stream);
+    CoMarshalInterThreadInterfaceInStream(IID_IZPdfContentObject, object.Get(), &object_stream);
+    CoMarshalInterThreadInterfaceInStream(IID_IZPdfContentElement, element.Get(), &element_stream);
     InApartment(COINIT_MULTITHREADED, [&] {
-        Ref<IZPdfContentObject> object_proxy;
-        Ref<IZPdfContentElement> element_proxy;
-        CoGetInterfaceAndReleaseStream(object_stream, IID_IZPdfContentObject, object_proxy.out());
-        CoGetInterfaceAndReleaseStream(element_stream, IID_IZPdfContentElement,
-                                       element_proxy.out());
-        const bool both = TableInOurModule(object_proxy) && TableInOurModule(element_proxy);
+        ComPtr<IZPdfContentObject> object_proxy;
+        ComPtr<IZPdfContentElement> element_proxy;
+        CoGetInterfaceAndReleaseStream(object_stream, IID_PPV_ARGS(&object_proxy));
+        CoGetInterfaceAndReleaseStream(element_stream, IID_PPV_ARGS(&element_proxy));
+        const bool both =
+            TableInOurModule(object_proxy.Get()) && TableInOurModule(element_proxy.Get());
         Check(both, "the MTA holds proxies built from the module's own proxy tables");
         LONG numbers[2] = {};  // the page count, the element's page
         double size[2] = {};
@@ -185,31 +184,31 @@ void ApartmentChecks(const std::wstring& doc, const std::wstring& letterhead_pat
               "element's page");
     });
 
-    CoMarshalInterThreadInterfaceInStream(IID_IZPdfContentObject, object, &object_stream);
+    CoMarshalInterThreadInterfaceInStream(IID_IZPdfContentObject, object.Get(), &object_stream);
     InApartment(COINIT_APARTMENTTHREADED, [&] {
-        Ref<IZPdfContentObject> proxy;
-        CoGetInterfaceAndReleaseStream(object_stream, IID_IZPdfContentObject, proxy.out());
+        ComPtr<IZPdfContentObject> proxy;
+        CoGetInterfaceAndReleaseStream(object_stream, IID_PPV_ARGS(&proxy));
         auto local = Open(doc);
         auto target = Open(letterhead_path);
         auto viewer = Create<IZPdfContentElement>(L"Ostrand.ZPdfContentElement");
         if (proxy == nullptr || local == nullptr || target == nullptr || viewer == nullptr) {
             return Check(false, "a content object in another apartment");
         }
-        viewer->put_PdfObject(local);
-        const Drawing here = DrawElement(viewer);
-        Ref<IZPdfContentObject> bound;
-        const HRESULT put = viewer->put_PdfObject(proxy);
-        viewer->get_PdfObject(&bound.p);
-        const Drawing there = DrawElement(viewer);
+        viewer->put_PdfObject(local.Get());
+        const Drawing here = DrawElement(viewer.Get());
+        ComPtr<IZPdfContentObject> bound;
+        const HRESULT put = viewer->put_PdfObject(proxy.Get());
+        viewer->get_PdfObject(&bound);
+        const Drawing there = DrawElement(viewer.Get());
         Check(put == S_OK && bound == proxy, "the element binds a proxy and hands it back", put);
         Check(here.ShowsSquare() && there.result == S_OK && there.pixels == here.pixels,
               "drawn through the other apartment, the pixels equal the one-apartment drawing",
               there.result);
         SAFEARRAY* ids = nullptr;
         const std::pair<const char*, std::function<HRESULT()>> refusals[] = {
-            {"ImportContent", [&] { return target->ImportContent(proxy, &ids); }},
-            {"AppendPages", [&] { return target->AppendPages(proxy); }},
-            {"ReplacePages", [&] { return target->ReplacePages(1, proxy, 1, 1); }},
+            {"ImportContent", [&] { return target->ImportContent(proxy.Get(), &ids); }},
+            {"AppendPages", [&] { return target->AppendPages(proxy.Get()); }},
+            {"ReplacePages", [&] { return target->ReplacePages(1, proxy.Get(), 1, 1); }},
         };
         LONG pages = 0;
         for (const auto& [what, call] : refusals) {
@@ -235,17 +234,17 @@ void AllocationFailureChecks(const std::wstring& doc, const std::wstring& letter
     auto object = Open(doc);
     auto letterhead = Open(letterhead_path);
     // The saved object, to be loaded again while its path cannot be read into memory.
-    Ref<IStream> saved;
-    CreateStreamOnHGlobal(nullptr, TRUE, &saved.p);
-    Query<IPersistStreamInit>(object)->Save(saved, FALSE);
+    ComPtr<IStream> saved;
+    CreateStreamOnHGlobal(nullptr, TRUE, &saved);
+    Query<IPersistStreamInit>(object)->Save(saved.Get(), FALSE);
     auto loaded = Create<IPersistStreamInit>(L"Ostrand.ZPdfContentObject");
     SAFEARRAY* ids = nullptr;
     const std::pair<const char*, std::function<HRESULT()>> cases[] = {
-        {"ImportContent", [&] { return object->ImportContent(letterhead, &ids); }},
+        {"ImportContent", [&] { return object->ImportContent(letterhead.Get(), &ids); }},
         {"IPersistStreamInit::Load",
          [&] {
              saved->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
-             return loaded->Load(saved);
+             return loaded->Load(saved.Get());
          }},
     };
     for (const auto& [what, call] : cases) {
@@ -277,9 +276,9 @@ int wmain(int argc, wchar_t** argv) {
     // Everything released, proxies and stubs included: the module may unload, but not while a
     // host holds the module's proxy/stub factory, which DllGetClassObject hands out first. The
     // proxy/stub class takes the first interface's IID as its CLSID.
-    Ref<IPSFactoryBuffer> factory;
+    ComPtr<IPSFactoryBuffer> factory;
     const HRESULT hr = Export<HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**)>(
-        "DllGetClassObject")(IID_IZPdfContentObject, IID_IPSFactoryBuffer, factory.out());
+        "DllGetClassObject")(IID_IZPdfContentObject, IID_IPSFactoryBuffer, &factory);
     const HRESULT held = Export<HRESULT(STDAPICALLTYPE*)()>("DllCanUnloadNow")();
     factory.Reset();
     Check(hr == S_OK && held == S_FALSE,

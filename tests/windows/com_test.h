@@ -7,6 +7,7 @@
 
 #include <ole2.h>
 #include <oleauto.h>
+#include <wrl/client.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -27,34 +28,22 @@ inline void Check(bool ok, const std::string& what, HRESULT hr = S_OK) {
     std::fflush(stdout);
 }
 
-// An interface pointer, released when it goes.
-template <class T>
-struct Ref {
-    T* p = nullptr;
-    Ref() = default;
-    Ref(Ref&& other) noexcept : p(std::exchange(other.p, nullptr)) {}
-    ~Ref() { Reset(); }
-    void Reset() {
-        if (p != nullptr) std::exchange(p, nullptr)->Release();
-    }
-    T* operator->() const { return p; }
-    operator T*() const { return p; }
-    void** out() { return reinterpret_cast<void**>(&p); }
-};
+using Microsoft::WRL::ComPtr;
 
-template <class T>
-Ref<T> Query(IUnknown* from) {
-    Ref<T> p;
-    if (from != nullptr) from->QueryInterface(__uuidof(T), p.out());
+// `from` (a pointer or a ComPtr) asked for T.
+template <class T, class From>
+ComPtr<T> Query(const From& from) {
+    ComPtr<T> p;
+    if (from != nullptr) from->QueryInterface(IID_PPV_ARGS(&p));
     return p;
 }
 
 template <class T>
-Ref<T> Create(const wchar_t* progid) {
+ComPtr<T> Create(const wchar_t* progid) {
     CLSID clsid{};
-    Ref<T> p;
+    ComPtr<T> p;
     if (SUCCEEDED(CLSIDFromProgID(progid, &clsid))) {
-        CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, __uuidof(T), p.out());
+        CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&p));
     }
     return p;
 }
@@ -68,8 +57,8 @@ struct Bstr {
 };
 
 // A content object created by `progid` with the document at `path` opened in it.
-inline Ref<IZPdfContentObject> Open(const std::wstring& path,
-                                    const wchar_t* progid = L"Ostrand.ZPdfContentObject") {
+inline ComPtr<IZPdfContentObject> Open(const std::wstring& path,
+                                       const wchar_t* progid = L"Ostrand.ZPdfContentObject") {
     auto object = Create<IZPdfContentObject>(progid);
     if (object != nullptr) object->SetPdfDocument(Bstr(path.c_str()), VARIANT_FALSE, Bstr(L""));
     return object;
@@ -88,9 +77,9 @@ inline std::string Narrow(const std::wstring& text) {
 
 // The description of the thread's error information, empty when there is none; `guid`: its GUID.
 inline std::string ErrorDescription(GUID* guid = nullptr) {
-    Ref<IErrorInfo> error;
+    ComPtr<IErrorInfo> error;
     BSTR text = nullptr;
-    if (GetErrorInfo(0, &error.p) == S_OK) {
+    if (GetErrorInfo(0, &error) == S_OK) {
         error->GetDescription(&text);
         if (guid != nullptr) error->GetGUID(guid);
     }
@@ -99,9 +88,10 @@ inline std::string ErrorDescription(GUID* guid = nullptr) {
 
 // Imports the letterhead as forms, places the first on page 2 and appends the letterhead. The
 // forms are to come as a zero-based array of one VT_UI4; E_UNEXPECTED when they do not.
-inline HRESULT Stamp(IZPdfContentObject* object, IZPdfContentObject* letterhead) {
+inline HRESULT Stamp(const ComPtr<IZPdfContentObject>& object,
+                     const ComPtr<IZPdfContentObject>& letterhead) {
     SAFEARRAY* ids = nullptr;
-    HRESULT hr = object->ImportContent(letterhead, &ids);
+    HRESULT hr = object->ImportContent(letterhead.Get(), &ids);
     LONG bounds[2] = {-1, -1};
     VARTYPE type = VT_EMPTY;
     ULONG form = 0;
@@ -112,7 +102,7 @@ inline HRESULT Stamp(IZPdfContentObject* object, IZPdfContentObject* letterhead)
     SafeArrayDestroy(ids);
     if (SUCCEEDED(hr) && (bounds[0] != 0 || bounds[1] != 0 || type != VT_UI4)) hr = E_UNEXPECTED;
     if (SUCCEEDED(hr)) hr = object->PlaceContent(form, 2, 10, 10, 0.5f, 0.5f, VARIANT_TRUE);
-    return SUCCEEDED(hr) ? object->AppendPages(letterhead) : hr;
+    return SUCCEEDED(hr) ? object->AppendPages(letterhead.Get()) : hr;
 }
 
 // What a drawing into a white top-down 32-bit DIB section of 200 x 300 left: the call's result, the

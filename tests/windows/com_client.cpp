@@ -20,11 +20,10 @@ ComPtr<T> Restored(IUnknown* source, ULONGLONG* written) {
     CreateStreamOnHGlobal(nullptr, TRUE, &stream);
     ULARGE_INTEGER end{};
     ComPtr<T> restored;
-    if (OleSaveToStream(Query<IPersistStream>(source).Get(), stream.Get()) == S_OK) {
-        stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &end);
-        stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
-        OleLoadFromStream(stream.Get(), IID_PPV_ARGS(&restored));
-    }
+    OleSaveToStream(Query<IPersistStream>(source).Get(), stream.Get());
+    stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &end);
+    stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
+    OleLoadFromStream(stream.Get(), IID_PPV_ARGS(&restored));
     *written = end.QuadPart;
     return restored;
 }
@@ -115,8 +114,7 @@ void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
     const Drawing page = Draw([&](HDC dc) {
         return object->DrawPageToDC(std::bit_cast<LONG_PTR>(dc), 1, 0, 0, 200, 300, 0, 0, 0, 0, 0);
     });
-    Check(page.ShowsSquare(), "the page drawn into a DIB section (" + page.probes + ")",
-          page.result);
+    Check(page.ShowsSquare(), "the page drawn into a DIB section", page.result);
     // The saved file keeps the attributes the replaced one had.
     const DWORD kept = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_ARCHIVE;
     SetFileAttributesW(doc.c_str(), kept);
@@ -141,18 +139,15 @@ void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
     Check(restored != nullptr && restored->GetPdfDocument(&held) == S_OK && Take(held) == doc,
           "the object restored from an OLE stream");
     auto copy = Restored<IZPdfContentElement>(element.Get(), &written);
-    LONG page_number = 0;
-    LONG place[4] = {};
-    Check(copy != nullptr && written == sizeof(CLSID) + 30 &&
-              copy->get_Page(&page_number) == S_OK && page_number == 1 &&
+    LONG place[5] = {};  // left, top, right, bottom, page
+    Check(copy != nullptr && written == sizeof(CLSID) + 30 && copy->get_Page(&place[4]) == S_OK &&
+              place[4] == 1 &&
               copy->GetPosition(&place[0], &place[1], &place[2], &place[3]) == S_OK &&
               place[2] == 200 && place[3] == 300,
           "the element restored from an OLE stream");
 
     // Failures, per interface of both classes: the result, ISupportErrorInfo claims the
     // interface, and the error information carries a description and the interface's GUID.
-    auto object_persist = Query<IPersistStreamInit>(object);
-    auto element_persist = Query<IPersistStreamInit>(element);
     const IID* object_iid = &IID_IZPdfContentObject;
     LONG n = 0;
     const std::tuple<const char*, const ComPtr<IUnknown>, const IID*, HRESULT,
@@ -169,13 +164,13 @@ void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
             {"IZObject Reserved", object, &IID_IZObject, E_NOTIMPL,
              [&] { return zobject->Reserved(0, 0, 0); }},
             {"object Load without a stream", object, &IID_IPersistStreamInit, E_POINTER,
-             [&] { return object_persist->Load(nullptr); }},
+             [&] { return Query<IPersistStreamInit>(object)->Load(nullptr); }},
             {"element GetPosition without places", element, &IID_IZPdfContentElement, E_POINTER,
              [&] { return element->GetPosition(nullptr, &n, &n, &n); }},
             {"IZElement GetKind without a place", element, &IID_IZElement, E_POINTER,
              [&] { return zelement->GetKind(nullptr); }},
             {"element Load without a stream", element, &IID_IPersistStreamInit, E_POINTER,
-             [&] { return element_persist->Load(nullptr); }},
+             [&] { return Query<IPersistStreamInit>(element)->Load(nullptr); }},
         };
     for (const auto& [what, target, iid, expected, call] : failures) {
         SetErrorInfo(0, nullptr);

@@ -16,7 +16,6 @@ namespace {
 Drawing DrawElement(IUnknown* element) {
     auto placed = Query<IZPdfContentElement>(element);
     auto drawn = Query<IZElement>(element);
-    if (placed == nullptr || drawn == nullptr) return {};
     placed->SetPosition(0, 0, 200, 300);
     placed->put_Page(1);
     return Draw([&](HDC dc) {
@@ -79,47 +78,44 @@ void AggregationChecks(const std::wstring& doc, const std::wstring& letterhead_p
             CoCreateInstance(outer->clsid, outer, CLSCTX_INPROC_SERVER, *own, &object);
         // Each interface leads back to the outer object, and every reference taken through one
         // counts on the outer object.
+        const LONG start = outer->refs;
         bool all = hr == CLASS_E_NOAGGREGATION && object == nullptr;
         for (const IID* iid :
              {own, &IID_IDispatch, engine, &IID_IPersistStreamInit, &IID_ISupportErrorInfo}) {
-            const LONG before = outer->refs;
             ComPtr<IUnknown> part;
             ComPtr<IUnknown> back;
-            all = all && SUCCEEDED(outer->QueryInterface(*iid, &part)) &&
-                  outer->refs == before + 1 &&
+            all = all && outer->refs == start && SUCCEEDED(outer->QueryInterface(*iid, &part)) &&
+                  outer->refs == start + 1 &&
                   SUCCEEDED(part->QueryInterface(IID_PPV_ARGS(&back))) && back.Get() == outer;
-            back.Reset();
-            part.Reset();
-            all = all && outer->refs == before;
         }
+        all = all && outer->refs == start;
         Check(all,
               std::string(name) + " aggregated (its own IID alone: CLASS_E_NOAGGREGATION): " +
                   "every interface answers the outer object as its identity and counts on it",
               hr);
     }
 
-    // The typical job through the outer objects: load, stamp, append, draw. The module finds
-    // its own objects behind the outer ones.
-    auto object = Query<IZPdfContentObject>(&object_outer);
-    auto letterhead = Query<IZPdfContentObject>(&letterhead_outer);
-    auto element = Query<IZPdfContentElement>(&element_outer);
-    object->SetPdfDocument(Bstr(doc.c_str()), VARIANT_FALSE, Bstr(L""));
-    letterhead->SetPdfDocument(Bstr(letterhead_path.c_str()), VARIANT_FALSE, Bstr(L""));
-    LONG pages = 0;
-    HRESULT hr = Stamp(object, letterhead);
-    if (SUCCEEDED(hr)) hr = object->get_PageCount(&pages);
-    if (SUCCEEDED(hr)) hr = element->put_PdfObject(object.Get());
-    const Drawing drawn = DrawElement(&element_outer);
-    Check(hr == S_OK && pages == 3 && drawn.ShowsSquare(),
-          "the job through the outer objects: stamped, appended, drawn by the element",
-          FAILED(hr) ? hr : drawn.result);
-    // The element holds the object it shows until it is unbound. Once the interfaces are
-    // released, each outer object holds its own reference only, and the inner objects go with
-    // the outer ones (the module's unload check sees that).
-    element->put_PdfObject(nullptr);
-    element.Reset();
-    letterhead.Reset();
-    object.Reset();
+    {
+        // The typical job through the outer objects: load, stamp, append, draw. The module finds
+        // its own objects behind the outer ones. The element holds the object it shows until it
+        // is unbound.
+        auto object = Query<IZPdfContentObject>(&object_outer);
+        auto letterhead = Query<IZPdfContentObject>(&letterhead_outer);
+        auto element = Query<IZPdfContentElement>(&element_outer);
+        object->SetPdfDocument(Bstr(doc.c_str()), VARIANT_FALSE, Bstr(L""));
+        letterhead->SetPdfDocument(Bstr(letterhead_path.c_str()), VARIANT_FALSE, Bstr(L""));
+        LONG pages = 0;
+        HRESULT hr = Stamp(object, letterhead);
+        if (SUCCEEDED(hr)) hr = object->get_PageCount(&pages);
+        if (SUCCEEDED(hr)) hr = element->put_PdfObject(object.Get());
+        const Drawing drawn = DrawElement(&element_outer);
+        Check(hr == S_OK && pages == 3 && drawn.ShowsSquare(),
+              "the job through the outer objects: stamped, appended, drawn by the element",
+              FAILED(hr) ? hr : drawn.result);
+        element->put_PdfObject(nullptr);
+    }
+    // Once the interfaces are released, each outer object holds its own reference only, and the
+    // inner objects go with the outer ones (the module's unload check sees that).
     bool one_left = true;
     for (Outer* outer : {&object_outer, &letterhead_outer, &element_outer}) {
         one_left = one_left && outer->Release() == 0;
@@ -129,20 +125,18 @@ void AggregationChecks(const std::wstring& doc, const std::wstring& letterhead_p
 
 // --- Other apartments --------------------------------------------------------------------------
 
-DWORD WINAPI ApartmentMain(void* job_pointer) {
-    const auto& [model, calls] =
-        *static_cast<std::pair<COINIT, std::function<void()>>*>(job_pointer);
-    CoInitializeEx(nullptr, model);
-    calls();
-    CoUninitialize();
-    return 0;
-}
-
 // Makes `calls` on a thread of its own, in a new apartment of `model`, while this single-threaded
 // apartment delivers the calls that reach it.
 void InApartment(COINIT model, std::function<void()> calls) {
     std::pair job{model, std::move(calls)};
-    HANDLE thread = CreateThread(nullptr, 0, &ApartmentMain, &job, 0, nullptr);
+    const auto run = [](void* job_pointer) WINAPI -> DWORD {
+        const auto& [apartment, work] = *static_cast<decltype(job)*>(job_pointer);
+        CoInitializeEx(nullptr, apartment);
+        work();
+        CoUninitialize();
+        return 0;
+    };
+    HANDLE thread = CreateThread(nullptr, 0, run, &job, 0, nullptr);
     while (MsgWaitForMultipleObjects(1, &thread, FALSE, INFINITE, QS_ALLINPUT) != WAIT_OBJECT_0) {
         MSG message;
         while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&message);
@@ -277,8 +271,8 @@ int wmain(int argc, wchar_t** argv) {
     // host holds the module's proxy/stub factory, which DllGetClassObject hands out first. The
     // proxy/stub class takes the first interface's IID as its CLSID.
     ComPtr<IPSFactoryBuffer> factory;
-    const HRESULT hr = Export<HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**)>(
-        "DllGetClassObject")(IID_IZPdfContentObject, IID_IPSFactoryBuffer, &factory);
+    const HRESULT hr = CoGetClassObject(IID_IZPdfContentObject, CLSCTX_INPROC_SERVER, nullptr,
+                                        IID_IPSFactoryBuffer, &factory);
     const HRESULT held = Export<HRESULT(STDAPICALLTYPE*)()>("DllCanUnloadNow")();
     factory.Reset();
     Check(hr == S_OK && held == S_FALSE,

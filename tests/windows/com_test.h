@@ -105,14 +105,17 @@ inline HRESULT Stamp(const ComPtr<IZPdfContentObject>& object,
     return SUCCEEDED(hr) ? object->AppendPages(letterhead.Get()) : hr;
 }
 
-// What a drawing into a white top-down 32-bit DIB section of 200 x 300 left: the call's result, the
-// pixels, and which probes are dark ('#'): two inside the test page's square (x 50..99, y
-// 150..199), one left of it, one below it.
+// What a drawing into a white top-down 32-bit DIB section of 200 x 300 left: the call's result and
+// the pixels.
 struct Drawing {
     HRESULT result = E_FAIL;
     std::vector<UINT32> pixels;
-    std::string probes;
-    bool ShowsSquare() const { return result == S_OK && probes == "##.."; }
+    // The call succeeded, the two probes inside the test page's square (x 50..99, y 150..199) are
+    // dark, the one left of it and the one below it not.
+    bool ShowsSquare() const {
+        const auto dark = [&](int x, int y) { return ((pixels[y * 200 + x] >> 8) & 0xFF) < 64; };
+        return result == S_OK && dark(60, 160) && dark(95, 195) && !dark(40, 160) && !dark(60, 210);
+    }
 };
 
 inline Drawing Draw(const std::function<HRESULT(HDC)>& draw) {
@@ -127,9 +130,6 @@ inline Drawing Draw(const std::function<HRESULT(HDC)>& draw) {
     out.result = draw(dc);
     GdiFlush();
     out.pixels.assign(bits, bits + 200 * 300);
-    for (const auto& [x, y] : {std::pair{60, 160}, {95, 195}, {40, 160}, {60, 210}}) {
-        out.probes += ((bits[y * 200 + x] >> 8) & 0xFF) < 64 ? '#' : '.';
-    }
     DeleteDC(dc);
     DeleteObject(bitmap);
     return out;

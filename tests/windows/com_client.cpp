@@ -15,16 +15,14 @@ namespace {
 // Saves `source` to an OLE stream, its class id first, and loads a new object from it; `written`:
 // the bytes saved.
 template <class T>
-ComPtr<T> Restored(IUnknown* source, ULONGLONG* written) {
+ComPtr<T> Restored(IUnknown* source, ULARGE_INTEGER* written) {
     ComPtr<IStream> stream;
     CreateStreamOnHGlobal(nullptr, TRUE, &stream);
-    ULARGE_INTEGER end{};
     ComPtr<T> restored;
     OleSaveToStream(Query<IPersistStream>(source).Get(), stream.Get());
-    stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &end);
+    stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, written);
     stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
     OleLoadFromStream(stream.Get(), IID_PPV_ARGS(&restored));
-    *written = end.QuadPart;
     return restored;
 }
 
@@ -33,8 +31,7 @@ ComPtr<T> Restored(IUnknown* source, ULONGLONG* written) {
 void TypeLibraryChecks() {
     ComPtr<ITypeLib> lib;
     const HRESULT hr = LoadRegTypeLib(LIBID_ZPdfCntObjLib, 1, 0, 0, &lib);
-    Check(SUCCEEDED(hr) && lib->GetTypeInfoCount() == 5, "the registered library, 5 type infos",
-          hr);
+    Check(SUCCEEDED(hr) && lib->GetTypeInfoCount() == 5, "the registered library, 5 types", hr);
     if (FAILED(hr)) return;
     // Wine's loader reports a dual interface's dispatch side without ole-automation.
     constexpr WORD dual = TYPEFLAG_FDUAL | TYPEFLAG_FNONEXTENSIBLE | TYPEFLAG_FDISPATCHABLE;
@@ -125,7 +122,6 @@ void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
           "ImportContent gives a zero-based VT_UI4 array; placed, appended, replaced, saved", hr);
     Check((GetFileAttributesW(doc.c_str()) & kept) == kept,
           "the saved file keeps the hidden attribute of the file it replaced");
-    SetFileAttributesW(doc.c_str(), FILE_ATTRIBUTE_NORMAL);
 
     // The element's position and page, for its OLE stream.
     element->SetPosition(0, 0, 200, 300);
@@ -133,15 +129,15 @@ void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
 
     // Both classes through OLE streams: the object by its document's path, the element by its
     // 30-byte record.
-    ULONGLONG written = 0;
+    ULARGE_INTEGER written{};
     BSTR held = nullptr;
     auto restored = Restored<IZPdfContentObject>(object.Get(), &written);
     Check(restored != nullptr && restored->GetPdfDocument(&held) == S_OK && Take(held) == doc,
           "the object restored from an OLE stream");
     auto copy = Restored<IZPdfContentElement>(element.Get(), &written);
     LONG place[5] = {};  // left, top, right, bottom, page
-    Check(copy != nullptr && written == sizeof(CLSID) + 30 && copy->get_Page(&place[4]) == S_OK &&
-              place[4] == 1 &&
+    Check(copy != nullptr && written.QuadPart == sizeof(CLSID) + 30 &&
+              copy->get_Page(&place[4]) == S_OK && place[4] == 1 &&
               copy->GetPosition(&place[0], &place[1], &place[2], &place[3]) == S_OK &&
               place[2] == 200 && place[3] == 300,
           "the element restored from an OLE stream");
@@ -177,9 +173,8 @@ void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
         const HRESULT result = call();
         GUID guid = GUID_NULL;
         const bool described = !ErrorDescription(&guid).empty() && IsEqualGUID(guid, *iid);
-        auto support = Query<ISupportErrorInfo>(target);
-        Check(result == expected && described && support != nullptr &&
-                  support->InterfaceSupportsErrorInfo(*iid) == S_OK,
+        Check(result == expected && described &&
+                  Query<ISupportErrorInfo>(target)->InterfaceSupportsErrorInfo(*iid) == S_OK,
               std::string(what) + " fails, described as a failure of its interface", result);
     }
 

@@ -42,9 +42,8 @@ template <class T>
 ComPtr<T> Create(const wchar_t* progid) {
     CLSID clsid{};
     ComPtr<T> p;
-    if (SUCCEEDED(CLSIDFromProgID(progid, &clsid))) {
-        CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&p));
-    }
+    CLSIDFromProgID(progid, &clsid);  // GUID_NULL when there is no such ProgID
+    CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&p));
     return p;
 }
 

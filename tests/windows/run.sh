@@ -8,7 +8,6 @@
 set -uo pipefail
 
 build=$(realpath "${1:?usage: run.sh BUILD_DIR}")
-here=$(cd "$(dirname "$0")" && pwd)
 wine=${ZPDF_WINE:-/usr/lib/wine/wine64}
 wineserver=${ZPDF_WINESERVER:-/usr/lib/wine/wineserver64}
 work=$(mktemp -d)
@@ -18,11 +17,10 @@ export WINEPREFIX="$work/prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml
 passed=0
 failed=0
 check() {  # check DESCRIPTION COMMAND...: "ok - DESCRIPTION" or "not ok", with what the command said
-    local what=$1 err
-    shift
-    if err=$("$@" 2>&1); then passed=$((passed + 1)); echo "ok - $what"; return; fi
+    local err
+    if err=$("${@:2}" 2>&1); then passed=$((passed + 1)); echo "ok - $1"; return; fi
     failed=$((failed + 1))
-    echo "not ok - $what"
+    echo "not ok - $1"
     [ -n "$err" ] && head -n 5 <<<"$err" | sed 's/^/#   /'
 }
 # counted DESCRIPTION COMMAND...: a program that prints checks of its own and a closing summary.
@@ -60,7 +58,7 @@ cp "$work/doc.pdf" "$work/job.pdf"
 gs_pdf letterhead.pdf "20 280 moveto (LETTERHEAD) show showpage"
 gs_pdf marked.pdf "20 250 moveto (one @@nd@@) show showpage 20 250 moveto (two) show showpage 20 250 moveto (three) show showpage"
 cp "$build/component/ZPdfCntObj.dll" "$build/component/com_client.exe" "$build/component/com_hosts.exe" \
-    "$here/job.vbs" "$work/"
+    "$(dirname "$0")/job.vbs" "$work/"
 dll=$(winpath "$work/ZPdfCntObj.dll")
 
 # registry FILE: the whole registry as regedit exports it, as UTF-8, without the hardware map and

@@ -41,7 +41,8 @@ class Outer final : public IUnknown {
         CoCreateInstance(clsid, this, CLSCTX_INPROC_SERVER, IID_PPV_ARGS(&inner_));
     }
     STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-        if (iid != IID_IUnknown) return inner_ ? inner_->QueryInterface(iid, object) : E_FAIL;
+        if (iid != IID_IUnknown)
+            return inner_ ? inner_->QueryInterface(iid, object) : E_NOINTERFACE;
         *object = static_cast<IUnknown*>(this);
         AddRef();
         return S_OK;
@@ -117,7 +118,7 @@ void AggregationChecks(const std::wstring& doc, const std::wstring& letterhead_p
     // inner objects go with the outer ones (the module's unload check sees that).
     bool one_left = true;
     for (Outer* outer : {&object_outer, &letterhead_outer, &element_outer}) {
-        one_left = one_left && outer->Release() == 0;
+        one_left = outer->Release() == 0 && one_left;  // every one released
     }
     Check(one_left, "the interfaces released, each outer object holds its own reference only");
 }

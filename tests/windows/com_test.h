@@ -74,7 +74,8 @@ inline std::string Narrow(const std::wstring& text) {
     return std::string(text.begin(), text.end());
 }
 
-// The description of the thread's error information, empty when there is none; `guid`: its GUID.
+// What the thread's error information says (its GetDescription), empty when there is none; `guid`:
+// its GUID.
 inline std::string ErrorDescription(GUID* guid = nullptr) {
     ComPtr<IErrorInfo> error;
     BSTR text = nullptr;

@@ -5,222 +5,97 @@
 //   com_client DOC.pdf LETTERHEAD.pdf
 // DOC.pdf: two pages of 200 x 300 pt, the first with a black square at (50,100)-(100,150).
 // Prints one line per check and a closing "N passed, N failed".
-#include <windows.h>
+#include <bit>
+#include <tuple>
 
-#include <ole2.h>
-#include <oleauto.h>
-
-#include <algorithm>
-#include <cstdio>
-#include <functional>
-#include <string>
-#include <utility>
-
-#include "ZPdfCntObj_h.h"
+#include "com_test.h"
 
 namespace {
-
-int g_passed = 0;
-int g_failed = 0;
-
-void Check(bool ok, const std::string& what, HRESULT hr = S_OK) {
-    ok ? ++g_passed : ++g_failed;
-    std::printf(ok ? "ok - %s\n" : "not ok - %s (0x%08lX)\n", what.c_str(),
-                static_cast<unsigned long>(hr));
-}
-
-// An interface pointer, released when it goes.
-template <class T>
-struct Ref {
-    T* p = nullptr;
-    Ref() = default;
-    Ref(Ref&& other) noexcept : p(std::exchange(other.p, nullptr)) {}
-    ~Ref() {
-        if (p != nullptr) p->Release();
-    }
-    T* operator->() const { return p; }
-    operator T*() const { return p; }
-    void** out() { return reinterpret_cast<void**>(&p); }
-};
-
-template <class T>
-Ref<T> Query(IUnknown* from) {
-    Ref<T> p;
-    if (from != nullptr) from->QueryInterface(__uuidof(T), p.out());
-    return p;
-}
-
-template <class T>
-Ref<T> Create(const wchar_t* progid) {
-    CLSID clsid{};
-    Ref<T> p;
-    if (SUCCEEDED(CLSIDFromProgID(progid, &clsid))) {
-        CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, __uuidof(T), p.out());
-    }
-    return p;
-}
-
-// A BSTR argument for the duration of a call.
-struct Bstr {
-    BSTR b;
-    explicit Bstr(const wchar_t* s) : b(SysAllocString(s)) {}
-    ~Bstr() { SysFreeString(b); }
-    operator BSTR() const { return b; }
-};
-
-// The text of a BSTR result, which is freed.
-std::wstring Take(BSTR text) {
-    std::wstring out = text != nullptr ? text : L"";
-    SysFreeString(text);
-    return out;
-}
-
-// Draws the test page into a white 200 x 300 top-down 32-bit DIB section in a memory DC. Of the
-// probes, the two inside the square (x 50..99, y 150..199) are to be dark ('#'), the one left of
-// it and the one below it not.
-void Draws(const std::string& what, const std::function<HRESULT(HDC)>& draw) {
-    HDC dc = CreateCompatibleDC(nullptr);
-    BITMAPINFO info{{sizeof(BITMAPINFOHEADER), 200, -300, 1, 32, BI_RGB, 0, 0, 0, 0, 0}, {}};
-    UINT32* bits = nullptr;
-    HBITMAP bitmap =
-        CreateDIBSection(dc, &info, DIB_RGB_COLORS, reinterpret_cast<void**>(&bits), nullptr, 0);
-    SelectObject(dc, bitmap);
-    std::fill_n(bits, 200 * 300, 0x00FFFFFFu);
-    const HRESULT hr = draw(dc);
-    constexpr std::pair<int, int> probes[] = {{60, 160}, {95, 195}, {40, 160}, {60, 210}};
-    std::string dark;
-    for (auto [x, y] : probes) {
-        dark += ((bits[y * 200 + x] >> 8) & 0xFF) < 64 ? '#' : '.';
-    }
-    DeleteDC(dc);
-    DeleteObject(bitmap);
-    Check(hr == S_OK && dark == "##..", what + " (" + dark + ")", hr);
-}
 
 // Saves `source` to an OLE stream, its class id first, and loads a new object from it; `written`:
 // the bytes saved.
 template <class T>
-Ref<T> Restored(IUnknown* source, ULONGLONG* written) {
-    Ref<IStream> stream;
-    CreateStreamOnHGlobal(nullptr, TRUE, &stream.p);
-    ULARGE_INTEGER end{};
-    Ref<T> restored;
-    if (OleSaveToStream(Query<IPersistStream>(source), stream) == S_OK) {
-        stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, &end);
-        stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
-        OleLoadFromStream(stream, __uuidof(T), restored.out());
-    }
-    *written = end.QuadPart;
+ComPtr<T> Restored(IUnknown* source, ULARGE_INTEGER* written) {
+    ComPtr<IStream> stream;
+    CreateStreamOnHGlobal(nullptr, TRUE, &stream);
+    ComPtr<T> restored;
+    OleSaveToStream(Query<IPersistStream>(source).Get(), stream.Get());
+    stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_CUR, written);
+    stream->Seek(LARGE_INTEGER{}, STREAM_SEEK_SET, nullptr);
+    OleLoadFromStream(stream.Get(), IID_PPV_ARGS(&restored));
     return restored;
 }
 
-// A failing call: its result, ISupportErrorInfo claims the interface, and the error information
-// carries a description and the interface's GUID.
-struct Failure {
-    const char* what;
-    IUnknown* target;
-    const IID& iid;
-    HRESULT result;
-    std::function<HRESULT()> call;
-};
-
-void CheckFailure(const Failure& f) {
-    SetErrorInfo(0, nullptr);
-    const HRESULT hr = f.call();
-    auto support = Query<ISupportErrorInfo>(f.target);
-    const bool claimed = support != nullptr && support->InterfaceSupportsErrorInfo(f.iid) == S_OK;
-    Ref<IErrorInfo> error;
-    BSTR description = nullptr;
-    GUID guid = GUID_NULL;
-    if (GetErrorInfo(0, &error.p) == S_OK) {
-        error->GetDescription(&description);
-        error->GetGUID(&guid);
-    }
-    Check(hr == f.result && claimed && !Take(description).empty() && IsEqualGUID(guid, f.iid),
-          std::string(f.what) + " fails, described as a failure of its interface", hr);
-}
-
-// The registered library: its type infos (name, kind, GUID, flags, help string) and the members
-// of IZPdfContentObject (DISPID, help string, parameter names).
+// The registered library: its type infos (kind, name, flags, help string) and members of
+// IZPdfContentObject (DISPID, help string, parameter names).
 void TypeLibraryChecks() {
-    Ref<ITypeLib> lib;
-    HRESULT hr = LoadRegTypeLib(LIBID_ZPdfCntObjLib, 1, 0, 0, &lib.p);
-    Check(SUCCEEDED(hr) && lib->GetTypeInfoCount() == 5, "the registered library, 5 type infos",
-          hr);
+    ComPtr<ITypeLib> lib;
+    const HRESULT hr = LoadRegTypeLib(LIBID_ZPdfCntObjLib, 1, 0, 0, &lib);
+    Check(SUCCEEDED(hr) && lib->GetTypeInfoCount() == 5, "the registered library, 5 types", hr);
     if (FAILED(hr)) return;
     // Wine's loader reports a dual interface's dispatch side without ole-automation.
     constexpr WORD dual = TYPEFLAG_FDUAL | TYPEFLAG_FNONEXTENSIBLE | TYPEFLAG_FDISPATCHABLE;
-    constexpr WORD creatable = TYPEFLAG_FCANCREATE;
-    const struct {
-        const wchar_t* name;
-        TYPEKIND kind;
-        GUID guid;
-        WORD flags;
-        const wchar_t* help;  // after the name
-    } infos[] = {
-        {L"ZePdfOverlayOptions", TKIND_ENUM, GUID_NULL, 0, nullptr},
-        {L"ZPdfContentObject", TKIND_COCLASS, CLSID_ZPdfContentObject, creatable, L" Class"},
-        {L"IZPdfContentObject", TKIND_DISPATCH, IID_IZPdfContentObject, dual, L" Interface"},
-        {L"ZPdfContentElement", TKIND_COCLASS, CLSID_ZPdfContentElement, creatable, L" Class"},
-        {L"IZPdfContentElement", TKIND_DISPATCH, IID_IZPdfContentElement, dual, L" Interface"},
+    const wchar_t* kinds[TKIND_MAX] = {L"enum",     L"record",  L"module", L"interface",
+                                       L"dispatch", L"coclass", L"alias",  L"union"};
+    const std::wstring infos[] = {
+        L"enum ZePdfOverlayOptions: ",
+        L"coclass ZPdfContentObject, creatable: ZPdfContentObject Class",
+        L"dispatch IZPdfContentObject, dual: IZPdfContentObject Interface",
+        L"coclass ZPdfContentElement, creatable: ZPdfContentElement Class",
+        L"dispatch IZPdfContentElement, dual: IZPdfContentElement Interface",
     };
     for (UINT i = 0; i < std::min(5u, lib->GetTypeInfoCount()); ++i) {
-        const auto& want = infos[i];
         BSTR name = nullptr;
         BSTR help = nullptr;
-        Ref<ITypeInfo> info;
+        ComPtr<ITypeInfo> info;
         TYPEATTR* attr = nullptr;
         lib->GetDocumentation(static_cast<INT>(i), &name, &help, nullptr, nullptr);
-        lib->GetTypeInfo(i, &info.p);
+        lib->GetTypeInfo(i, &info);
         info->GetTypeAttr(&attr);
-        Check(Take(name) == want.name && attr->typekind == want.kind &&
-                  IsEqualGUID(attr->guid, want.guid) &&
-                  (attr->wTypeFlags & want.flags) == want.flags &&
-                  Take(help) == (want.help != nullptr ? want.name + std::wstring(want.help) : L""),
-              "type info " + std::to_string(i) + ": name, kind, GUID, flags, help",
-              attr->wTypeFlags);
+        const std::wstring found = kinds[attr->typekind] + (L" " + Take(name)) +
+                                   (attr->wTypeFlags & TYPEFLAG_FCANCREATE ? L", creatable" : L"") +
+                                   ((attr->wTypeFlags & dual) == dual ? L", dual" : L"") + L": " +
+                                   Take(help);
+        Check(found == infos[i], "type info " + Narrow(found));
         info->ReleaseTypeAttr(attr);
     }
 
-    Ref<ITypeInfo> info;
-    lib->GetTypeInfoOfGuid(IID_IZPdfContentObject, &info.p);
+    ComPtr<ITypeInfo> info;
+    lib->GetTypeInfoOfGuid(IID_IZPdfContentObject, &info);
     // The dual interface's vtable side names [out, retval] parameters too.
-    Ref<ITypeInfo> vtable;
+    ComPtr<ITypeInfo> vtable;
     HREFTYPE ref = 0;
-    if (SUCCEEDED(info->GetRefTypeOfImplType(-1, &ref))) info->GetRefTypeInfo(ref, &vtable.p);
-    const struct {
-        const wchar_t* name;
-        DISPID id;
-        const wchar_t* help;
-        std::wstring params;
-    } members[] = {
-        {L"SetPdfDocument", 1, L"method SetPdfDocument", L"PdfFile Embed Password"},
-        {L"PageCount", 3, L"property PageCount", L"pVal"},
-        {L"GetPageSize", 4, L"method GetPageSize", L"PageNumber ptWidth ptHeight"},
-        {L"ImportContent", 12, L"method ImportContent", L"srcObject pages"},
-        {L"SplitPdf", 17, L"Splits a PDF after any page that contains @@nd@@",
-         L"PdfFile DestPrefix Splitted"},
+    if (SUCCEEDED(info->GetRefTypeOfImplType(-1, &ref))) info->GetRefTypeInfo(ref, &vtable);
+    const std::wstring members[] = {
+        L"1 SetPdfDocument(PdfFile Embed Password): method SetPdfDocument",
+        L"3 PageCount(pVal): property PageCount",
+        L"4 GetPageSize(PageNumber ptWidth ptHeight): method GetPageSize",
+        L"12 ImportContent(srcObject pages): method ImportContent",
+        L"17 SplitPdf(PdfFile DestPrefix Splitted): Splits a PDF after any page that contains "
+        L"@@nd@@",
     };
-    for (const auto& m : members) {
-        LPOLESTR name = const_cast<LPOLESTR>(m.name);
-        MEMBERID id = 0;
+    for (const std::wstring& expected : members) {
+        // The member's name, between the DISPID and the parameters.
+        std::wstring member = expected.substr(expected.find(' ') + 1);
+        LPOLESTR name = member.erase(member.find('(')).data();
+        MEMBERID id = -1;
         BSTR help = nullptr;
         BSTR names[16] = {};
         UINT count = 0;
-        hr = info->GetIDsOfNames(&name, 1, &id);
+        info->GetIDsOfNames(&name, 1, &id);
         info->GetDocumentation(id, nullptr, &help, nullptr, nullptr);
         if (vtable != nullptr) vtable->GetNames(id, names, 16, &count);
-        std::wstring params;
-        for (UINT k = 1; k < count; ++k) params += (k > 1 ? L" " : L"") + Take(names[k]);
-        Check(SUCCEEDED(hr) && id == m.id && Take(help) == m.help && count > 0 &&
-                  Take(names[0]) == m.name && params == m.params,
-              "member " + std::to_string(m.id) + ": DISPID, help string, parameter names", hr);
+        std::wstring found =
+            std::to_wstring(id) + L" " + Take(count > 0 ? names[0] : nullptr) + L"(";
+        for (UINT k = 1; k < count; ++k) found += (k > 1 ? L" " : L"") + Take(names[k]);
+        found += L"): " + Take(help);
+        Check(found == expected, "member " + Narrow(found));
     }
 }
 
-void Run(const std::wstring& doc, const wchar_t* letterhead_path) {
-    auto object = Create<IZPdfContentObject>(L"Ostrand.ZPdfContentObject");
-    auto letterhead = Create<IZPdfContentObject>(L"Ostrand.ZPdfContentObject.1");
+void Run(const std::wstring& doc, const std::wstring& letterhead_path) {
+    auto object = Open(doc);
+    auto letterhead = Open(letterhead_path, L"Ostrand.ZPdfContentObject.1");
     auto element = Create<IZPdfContentElement>(L"Ostrand.ZPdfContentElement.1");
     auto zobject = Query<IZObject>(object);
     auto zelement = Query<IZElement>(element);
@@ -231,111 +106,89 @@ void Run(const std::wstring& doc, const wchar_t* letterhead_path) {
           "created by ProgID; IZObject and IZElement give the kind 305");
     if (zobject == nullptr || zelement == nullptr || letterhead == nullptr) return;
 
-    // Through the vtable: the page drawn, stamped, appended, replaced; run.sh reads the saved
-    // document.
-    object->SetPdfDocument(Bstr(doc.c_str()), VARIANT_FALSE, Bstr(L""));
-    letterhead->SetPdfDocument(Bstr(letterhead_path), VARIANT_FALSE, Bstr(L""));
-    Draws("the page drawn into a DIB section", [&](HDC dc) {
-        const auto handle = reinterpret_cast<LONG_PTR>(dc);
-        return object->DrawPageToDC(handle, 1, 0, 0, 200, 300, 0, 0, 0, 0, 0);
+    // Through the vtable: the page drawn through a 64-bit device context handle, stamped,
+    // appended, replaced; run.sh reads the saved document.
+    const Drawing page = Draw([&](HDC dc) {
+        return object->DrawPageToDC(std::bit_cast<LONG_PTR>(dc), 1, 0, 0, 200, 300, 0, 0, 0, 0, 0);
     });
-
-    SAFEARRAY* ids = nullptr;
-    HRESULT hr = object->ImportContent(letterhead, &ids);
-    LONG bounds[2] = {-1, -1};
-    LONG pages = 0;
-    VARTYPE type = VT_EMPTY;
-    ULONG form = 0;
-    if (ids != nullptr) {
-        SafeArrayGetLBound(ids, 1, &bounds[0]);
-        SafeArrayGetUBound(ids, 1, &bounds[1]);
-        SafeArrayGetVartype(ids, &type);
-        SafeArrayGetElement(ids, &bounds[0], &form);
-        SafeArrayDestroy(ids);
-    }
+    Check(page.ShowsSquare(), "the page drawn into a DIB section", page.result);
     // The saved file keeps the attributes the replaced one had.
     const DWORD kept = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_ARCHIVE;
     SetFileAttributesW(doc.c_str(), kept);
-    Check(hr == S_OK && bounds[0] == 0 && bounds[1] == 0 && type == VT_UI4 &&
-              object->PlaceContent(form, 2, 10, 10, 0.5f, 0.5f, VARIANT_TRUE) == S_OK &&
-              object->AppendPages(letterhead) == S_OK &&
-              object->ReplacePages(3, letterhead, 1, 1) == S_OK &&
+    LONG pages = 0;
+    const HRESULT hr = Stamp(object, letterhead);
+    Check(hr == S_OK && object->ReplacePages(3, letterhead.Get(), 1, 1) == S_OK &&
               object->get_PageCount(&pages) == S_OK && pages == 3 && object->Save() == S_OK,
           "ImportContent gives a zero-based VT_UI4 array; placed, appended, replaced, saved", hr);
     Check((GetFileAttributesW(doc.c_str()) & kept) == kept,
           "the saved file keeps the hidden attribute of the file it replaced");
-    SetFileAttributesW(doc.c_str(), FILE_ATTRIBUTE_NORMAL);
 
-    // Bound to the object, the element hands back the same interface and draws its page through
-    // a 32-bit device context handle.
-    Ref<IZPdfContentObject> bound;
-    Check(element->put_PdfObject(object) == S_OK && element->get_PdfObject(&bound.p) == S_OK &&
-              bound == object,
-          "the element's object is read back as the same interface");
+    // The element's position and page, for its OLE stream.
     element->SetPosition(0, 0, 200, 300);
     element->put_Page(1);
-    Draws("the element drawn into a DIB section", [&](HDC dc) {
-        const auto handle = static_cast<LONG>(reinterpret_cast<LONG_PTR>(dc));
-        return zelement->DrawToDC(handle, 0, 0, 0, 0, 8, 0);
-    });
 
     // Both classes through OLE streams: the object by its document's path, the element by its
     // 30-byte record.
-    ULONGLONG written = 0;
+    ULARGE_INTEGER written{};
     BSTR held = nullptr;
-    auto restored = Restored<IZPdfContentObject>(object, &written);
+    auto restored = Restored<IZPdfContentObject>(object.Get(), &written);
     Check(restored != nullptr && restored->GetPdfDocument(&held) == S_OK && Take(held) == doc,
           "the object restored from an OLE stream");
-    auto copy = Restored<IZPdfContentElement>(element, &written);
-    LONG page = 0;
-    LONG place[4] = {};
-    Check(copy != nullptr && written == sizeof(CLSID) + 30 && copy->get_Page(&page) == S_OK &&
-              page == 1 && copy->GetPosition(&place[0], &place[1], &place[2], &place[3]) == S_OK &&
+    auto copy = Restored<IZPdfContentElement>(element.Get(), &written);
+    LONG place[5] = {};  // left, top, right, bottom, page
+    Check(copy != nullptr && written.QuadPart == sizeof(CLSID) + 30 &&
+              copy->get_Page(&place[4]) == S_OK && place[4] == 1 &&
+              copy->GetPosition(&place[0], &place[1], &place[2], &place[3]) == S_OK &&
               place[2] == 200 && place[3] == 300,
           "the element restored from an OLE stream");
 
-    // Failures, per interface of both classes.
-    auto object_persist = Query<IPersistStreamInit>(object);
-    auto element_persist = Query<IPersistStreamInit>(element);
-    const IID& object_iid = IID_IZPdfContentObject;
-    const IID& element_iid = IID_IZPdfContentElement;
+    // Failures, per interface of both classes: the result, ISupportErrorInfo claims the
+    // interface, and the error information carries a description and the interface's GUID.
+    const IID* object_iid = &IID_IZPdfContentObject;
     LONG n = 0;
-    const Failure failures[] = {
-        {"SetPdfDocument without a path", object, object_iid, E_INVALIDARG,
-         [&] { return object->SetPdfDocument(nullptr, VARIANT_FALSE, nullptr); }},
-        {"GetPdfDocument without a place", object, object_iid, E_POINTER,
-         [&] { return object->GetPdfDocument(nullptr); }},
-        {"ImportContent without a place", object, object_iid, E_POINTER,
-         [&] { return object->ImportContent(letterhead, nullptr); }},
-        {"IZObject GetKind without a place", object, IID_IZObject, E_POINTER,
-         [&] { return zobject->GetKind(nullptr); }},
-        {"IZObject Reserved", object, IID_IZObject, E_NOTIMPL,
-         [&] { return zobject->Reserved(0, 0, 0); }},
-        {"object Load without a stream", object, IID_IPersistStreamInit, E_POINTER,
-         [&] { return object_persist->Load(nullptr); }},
-        {"element GetPosition without places", element, element_iid, E_POINTER,
-         [&] { return element->GetPosition(nullptr, &n, &n, &n); }},
-        {"IZElement GetKind without a place", element, IID_IZElement, E_POINTER,
-         [&] { return zelement->GetKind(nullptr); }},
-        {"element Load without a stream", element, IID_IPersistStreamInit, E_POINTER,
-         [&] { return element_persist->Load(nullptr); }},
-    };
-    for (const auto& f : failures) CheckFailure(f);
+    const std::tuple<const char*, const ComPtr<IUnknown>, const IID*, HRESULT,
+                     std::function<HRESULT()>>
+        failures[] = {
+            {"SetPdfDocument without a path", object, object_iid, E_INVALIDARG,
+             [&] { return object->SetPdfDocument(nullptr, VARIANT_FALSE, nullptr); }},
+            {"GetPdfDocument without a place", object, object_iid, E_POINTER,
+             [&] { return object->GetPdfDocument(nullptr); }},
+            {"ImportContent without a place", object, object_iid, E_POINTER,
+             [&] { return object->ImportContent(letterhead.Get(), nullptr); }},
+            {"IZObject GetKind without a place", object, &IID_IZObject, E_POINTER,
+             [&] { return zobject->GetKind(nullptr); }},
+            {"IZObject Reserved", object, &IID_IZObject, E_NOTIMPL,
+             [&] { return zobject->Reserved(0, 0, 0); }},
+            {"object Load without a stream", object, &IID_IPersistStreamInit, E_POINTER,
+             [&] { return Query<IPersistStreamInit>(object)->Load(nullptr); }},
+            {"element GetPosition without places", element, &IID_IZPdfContentElement, E_POINTER,
+             [&] { return element->GetPosition(nullptr, &n, &n, &n); }},
+            {"IZElement GetKind without a place", element, &IID_IZElement, E_POINTER,
+             [&] { return zelement->GetKind(nullptr); }},
+            {"element Load without a stream", element, &IID_IPersistStreamInit, E_POINTER,
+             [&] { return Query<IPersistStreamInit>(element)->Load(nullptr); }},
+        };
+    for (const auto& [what, target, iid, expected, call] : failures) {
+        SetErrorInfo(0, nullptr);
+        const HRESULT result = call();
+        GUID guid = GUID_NULL;
+        const bool described = !ErrorDescription(&guid).empty() && IsEqualGUID(guid, *iid);
+        Check(result == expected && described &&
+                  Query<ISupportErrorInfo>(target)->InterfaceSupportsErrorInfo(*iid) == S_OK,
+              std::string(what) + " fails, described as a failure of its interface", result);
+    }
 
     // The print engine's interfaces are described in the engine's library, not ours: their
     // IDispatch knows no member of the class's default interface.
-    const struct {
-        const char* what;
-        IDispatch* dispatch;
-        const wchar_t* member;
-    } engine_interfaces[] = {{"IZObject", zobject, L"PageCount"}, {"IZElement", zelement, L"Page"}};
-    for (const auto& e : engine_interfaces) {
+    const std::tuple<const char*, IDispatch*, const wchar_t*> engine_interfaces[] = {
+        {"IZObject", zobject.Get(), L"PageCount"}, {"IZElement", zelement.Get(), L"Page"}};
+    for (const auto& [what, dispatch, member] : engine_interfaces) {
         UINT count = 1;
-        LPOLESTR name = const_cast<LPOLESTR>(e.member);
+        LPOLESTR name = const_cast<LPOLESTR>(member);
         DISPID id = 0;
-        Check(e.dispatch->GetTypeInfoCount(&count) == S_OK && count == 0 &&
-                  e.dispatch->GetIDsOfNames(IID_NULL, &name, 1, 0, &id) == DISP_E_UNKNOWNNAME,
-              std::string(e.what) + "'s IDispatch does not describe the default interface");
+        Check(dispatch->GetTypeInfoCount(&count) == S_OK && count == 0 &&
+                  dispatch->GetIDsOfNames(IID_NULL, &name, 1, 0, &id) == DISP_E_UNKNOWNNAME,
+              std::string(what) + "'s IDispatch does not describe the default interface");
     }
 
     // The identity by which content objects find each other is counted like any interface:
@@ -343,33 +196,19 @@ void Run(const std::wstring& doc, const wchar_t* letterhead_path) {
     const IID identity = {
         0x5e0c2d8b, 0x3f41, 0x4b6a, {0x9e, 0x2c, 0x7a, 0x1d, 0x4f, 0x8b, 0x9c, 0x20}};
     const ULONG before = object->AddRef();
-    object->Release();
     void* self = nullptr;
-    hr = object->QueryInterface(identity, &self);
-    const ULONG after = object->AddRef();
-    object->Release();
-    Check(hr == S_OK && after == before + 1, "the implementation identity is a counted reference",
-          hr);
-    if (SUCCEEDED(hr)) object->Release();
+    const HRESULT found = object->QueryInterface(identity, &self);
+    Check(found == S_OK && object->Release() == before,
+          "the implementation identity is a counted reference", found);
+    if (SUCCEEDED(found)) object->Release();
 }
 
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: com_client DOC.pdf LETTERHEAD.pdf\n");
-        return 2;
-    }
+    if (argc != 3) return 2;
     CoInitialize(nullptr);
     Run(argv[1], argv[2]);
     TypeLibraryChecks();
-    // Every object and class factory handed out came back: the module may unload.
-    using CanUnloadNow = HRESULT(STDAPICALLTYPE*)();
-    const auto can_unload = reinterpret_cast<CanUnloadNow>(reinterpret_cast<void*>(
-        GetProcAddress(GetModuleHandleW(L"ZPdfCntObj.dll"), "DllCanUnloadNow")));
-    Check(can_unload != nullptr && can_unload() == S_OK,
-          "the module can unload once all is released");
-    CoUninitialize();
-    std::printf("%d passed, %d failed\n", g_passed, g_failed);
-    return g_failed == 0 ? 0 : 1;
+    return Finish();
 }

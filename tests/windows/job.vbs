@@ -1,8 +1,8 @@
 ' The print engine's typical job, by ProgID: open a document, import a letterhead as forms,
-' append another document, save, split a marked print file; and failures seen as Err.Number
-' with a description. (The form identifiers come back as an array of unsigned integers, which
+' append it too, save, split a marked print file; and failures seen as Err.Number with a
+' description. (The form identifiers come back as an array of unsigned integers, which
 ' VBScript cannot read, so placing them is the C++ client's part.) run.sh reads the files back.
-'   cscript //nologo job.vbs DOC.pdf LETTERHEAD.pdf APPENDIX.pdf MARKED.pdf PREFIX
+'   cscript //nologo job.vbs DOC.pdf LETTERHEAD.pdf MARKED.pdf PREFIX
 Option Explicit
 Dim passed, failed
 passed = 0
@@ -13,20 +13,18 @@ Sub Check(ok, what)
     If ok Then WScript.Echo "ok - " & what Else WScript.Echo "not ok - " & what
 End Sub
 
-Dim args, doc, letterhead, appendix
+Dim args, doc, letterhead
 Set args = WScript.Arguments
 Set doc = CreateObject("Ostrand.ZPdfContentObject")
-Set letterhead = CreateObject("Ostrand.ZPdfContentObject")
-Set appendix = CreateObject("Ostrand.ZPdfContentObject.1")
+Set letterhead = CreateObject("Ostrand.ZPdfContentObject.1")
 doc.SetPdfDocument args(0), False, ""
 letterhead.SetPdfDocument args(1), False, ""
-appendix.SetPdfDocument args(2), False, ""
 
 Check IsArray(doc.ImportContent(letterhead)), "the letterhead is imported as forms"
-doc.AppendPages appendix
-Check doc.PageCount = 3, "the appendix is appended"
+doc.AppendPages letterhead
+Check doc.PageCount = 3, "the letterhead is appended"
 doc.Save
-Check doc.SplitPdf(args(3), args(4)) = 2, "the marked print file is split into two parts"
+Check doc.SplitPdf(args(2), args(3)) = 2, "the marked print file is split into two parts"
 
 On Error Resume Next
 doc.SetPdfDocument args(0) & ".missing", False, ""
@@ -36,7 +34,6 @@ Err.Clear
 doc.OverlayFinish
 Check Err.Number = &H80004001 And InStr(Err.Description, "not implemented") > 0, _
     "the overlay members are not implemented: " & Err.Description
-On Error GoTo 0
 
 WScript.Echo passed & " passed, " & failed & " failed"
 WScript.Quit failed

@@ -463,7 +463,6 @@ TEST(Assembly, RecordedChangesReachEveryReader) {
                     Ok(d.dst.AppendPages(&d.other)) && Ok(d.Place(d.dst, form, 1)) &&
                     Ok(d.Place(d.dst, form, 3));
          }},
-        {"an append saved as it is", 1, appended, append},
         {"an append drawn", 0, appended,
          [](Docs& d) { return Ok(d.Append()) && (Ink(d.dst, 30, 40, 4), true); }},
         {"an appended page stamped", 0, "d1 d2 s1 s2 s3*",

@@ -154,11 +154,16 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
     std::string hiding = LabelledBytes({"d1"});
     hiding.insert(hiding.find("/Type /Catalog"),
                   "/OCProperties << /OCGs [] /D << /BaseState /OFF /Order [] >> >> ");
-    const std::string kAppendedParts =
-        "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3(Section B.1>p4)\n"
-        "labels: r1 A-D5 A-D6 A-D7 A-D8 A-D9 A-D10 A-D11\n"
-        "intent: FOGRA39 lang: en-GB\ncatalogs: 1 nodes: 2 structure keys: 2\n";
-    const std::string kFields = "fields: name=Dst agree=/Yes colour=Blue sign=ref name_2=";
+    // Pages of `tag` appended to "Dst", whose link to its named destination reaches `named`.
+    const auto appended = [](const std::string& own, const std::string& tag,
+                             const std::string& named) {
+        return Annots("Dst", {1, 2, 3, 4}, own, false) + Annots(tag, {5, 6, 7, 8}, named) +
+               "fields: name=Dst agree=/Yes colour=Blue sign=ref name_2=" + tag +
+               " agree_2=/Yes colour_2=Blue sign_2=-\n"
+               "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3(Section B.1>p4)\n"
+               "labels: r1 A-D5 A-D6 A-D7 A-D8 A-D9 A-D10 A-D11\n"
+               "intent: FOGRA39 lang: en-GB\ncatalogs: 1 nodes: 2 structure keys: 2\n";
+    };
     const std::string kNoParts =
         "outline: \nlabels:\nintent: - lang: -\ncatalogs: 1 nodes: 2 structure keys: 0\n";
     const std::string kSplitParts =
@@ -178,17 +183,11 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
         std::string texts, summary = "";
     } cases[] = {
         {"append", src, dst, append, Texts("Dst") + "|" + Texts("Src"),
-         Annots("Dst", {1, 2, 3, 4}, "chap2=p2", false) + Annots("Src", {5, 6, 7, 8}, "p6") +
-             kFields + "Src agree_2=/Yes colour_2=Blue sign_2=-\n" + kAppendedParts},
+         appended("chap2=p2", "Src", "p6")},
         {"append other names", src, InteractivePdf("Dst", "appendix"), append,
-         Texts("Dst") + "|" + Texts("Src"),
-         Annots("Dst", {1, 2, 3, 4}, "appendix=p2", false) +
-             Annots("Src", {5, 6, 7, 8}, "chap2=p6") + kFields +
-             "Src agree_2=/Yes colour_2=Blue sign_2=-\n" + kAppendedParts},
+         Texts("Dst") + "|" + Texts("Src"), appended("appendix=p2", "Src", "chap2=p6")},
         {"append itself", dst, dst, [](Obj& d, Obj&, const Path&) { return d.AppendPages(&d); },
-         Texts("Dst") + "|" + Texts("Dst"),
-         Annots("Dst", {1, 2, 3, 4}, "chap2=p2", false) + Annots("Dst", {5, 6, 7, 8}, "p6") +
-             kFields + "Dst agree_2=/Yes colour_2=Blue sign_2=-\n" + kAppendedParts},
+         Texts("Dst") + "|" + Texts("Dst"), appended("chap2=p2", "Dst", "p6")},
         {"replace", src, plain,
          [](Obj& d, Obj& s, const Path&) { return d.ReplacePages(2, &s, 1, 2); },
          "d1|Src one|Src two@@nd@@Src\u2713Blue",

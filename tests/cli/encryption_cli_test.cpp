@@ -1,6 +1,7 @@
 // zpdf's security commands as a user meets them: files encrypted by protect and
-// protect-pubkey are read back by qpdf, poppler and PDFBox, and decrypt opens files that qpdf,
-// PDFBox and zpdf itself secured. Each test works in its own folder, with files named relatively.
+// protect-pubkey are read back by qpdf and zpdf, and decrypt opens files that qpdf, PDFBox, zpdf
+// itself and a hand-made writer secured. Each test works in its own folder, with files named
+// relatively.
 #include <gtest/gtest.h>
 
 #include <cstdio>

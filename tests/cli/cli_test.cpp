@@ -41,15 +41,12 @@ bool Contains(const std::string& text, const std::string& part) {
 class Cli : public ::testing::Test {
   protected:
     void SetUp() override {
-        stdfs::current_path(dir_);
+        stdfs::current_path(test::ScratchDir());
         test::TextPdf("doc.pdf", {"D1", "D2", "D3"});
         test::TextPdf("lh.pdf", {"LH"});
     }
     void TearDown() override { stdfs::current_path(start_); }
-
-  private:
     const stdfs::path start_ = stdfs::current_path();
-    const stdfs::path dir_ = test::ScratchDir();
 };
 
 TEST_F(Cli, HelpExplainsEveryCommand) {
@@ -97,7 +94,6 @@ TEST_F(Cli, FailuresSayWhy) {
     const std::string o = " -o out.pdf";
     const std::tuple<std::string, int, std::string> cases[] = {
         {"info none.pdf", 1, "(0x80070057)"},
-        {"info locked.pdf --password user", 0, "pages: 1"},
         {"info", 2, "expected one FILE"},
         {"info lh.pdf --bogus", 2, "unknown option --bogus"},
         {"info --json none.pdf 2>/dev/null", 1,
@@ -116,7 +112,6 @@ TEST_F(Cli, FailuresSayWhy) {
         {"split locked.pdf x", 1, "Password required"},
         {"split lh.pdf x --ext a/b", 2, "not a path"},
         {"split lh.pdf x --outdir lh.pdf", 1, "cannot create"},
-        {"protect lh.pdf --user new" + o, 2, "the owner password is empty"},
         {"protect lh.pdf --user new --empty-owner --deny everything", 2,
          "--deny: unknown permission in everything"},
         {"protect locked.pdf --user", 2, "--user needs a value"},
@@ -125,13 +120,11 @@ TEST_F(Cli, FailuresSayWhy) {
          "lh.pdf: holds no PEM certificate (0x80004005)"},
         {"replace lh.pdf 1 lh.pdf 2 2" + o, 1, "no pages 2-2 (0x8000FFFF)"},
         {"append lh.pdf doc.pdf --pages 4", 2, "page 4 does not exist (the document has 3"},
-        {"append lh.pdf doc.pdf --pages x", 2, "'x' is not a page"},
         {"append lh.pdf --pages 1 doc.pdf", 2, "--pages applies to a SOURCE"},
         {"append lh.pdf", 2, "expected FILE and at least one SOURCE"},
         {"append lh.pdf doc.pdf --pages", 2, "--pages needs a value"},
         {"append lh.pdf doc.pdf --bogus 1", 2, "unknown option --bogus"},
         {"append lh.pdf locked.pdf" + o, 1, "Password required or incorrect password"},
-        {"append lh.pdf locked.pdf --password no" + o, 1, "Password required"},
         {"replace lh.pdf 1 doc.pdf 1 1 --pages 1", 2, "not both"},
         {"replace lh.pdf 1 doc.pdf --pages 0", 2, "page 0 does not exist"},
         {"append - doc.pdf < /dev/null", 2, "standard input needs -o OUT"},
@@ -202,7 +195,6 @@ TEST_F(Cli, SplitListsItsParts) {
         EXPECT_EQ(Ok("split " + args), first + ": page 1\n" + second + ": pages 2-3\n2 parts\n");
         EXPECT_EQ(test::PdfPageTexts(first), std::vector<std::string>{"one @@nd@@"});
         EXPECT_EQ(test::PdfPageTexts(second), (std::vector<std::string>{"two", "three"}));
-        EXPECT_TRUE(test::QpdfCheckPasses(second));
     }
     EXPECT_EQ(Ok("split doc.pdf plain"),
               "0 parts: no page before the last one carries the marker, nothing written\n");
@@ -217,10 +209,8 @@ TEST_F(Cli, VersionAndVerbosity) {
     const std::tuple<std::string, bool, bool> runs[] = {
         // arguments, load message shown, confirmation shown
         {"stamp doc.pdf lh.pdf -o o.pdf", false, true},
-        {"-v stamp doc.pdf lh.pdf -o o.pdf", true, true},
         {"stamp doc.pdf lh.pdf -o o.pdf --verbose", true, true},
         {"-q stamp doc.pdf lh.pdf -o o.pdf", false, false},
-        {"append doc.pdf lh.pdf -q -o o.pdf", false, false},
         {"append doc.pdf -v lh.pdf -o o.pdf", true, true},
     };
     for (const auto& [args, load_message, confirmation] : runs) {
@@ -246,16 +236,12 @@ TEST_F(Cli, AppendAndReplaceTakeSelectedPages) {
     const std::pair<std::string, Pages> cases[] = {
         {"stamp doc.pdf lh.pdf --background", {"D1LH", "D2LH", "D3LH"}},
         {"stamp doc.pdf lh.pdf --page 2 --at 10,20 --scale 0.5", {"D1", "D2LH", "D3"}},
-        {"append doc.pdf lh.pdf", {"D1", "D2", "D3", "LH"}},
-        {"replace doc.pdf 2 lh.pdf 1 1", {"D1", "LH", "D3"}},
         {"append doc.pdf src.pdf --pages 1-2,5", {"D1", "D2", "D3", "S1", "S2", "S5"}},
         {"append doc.pdf src.pdf --pages z-3 locked.pdf --password pw --pages r1",
          {"D1", "D2", "D3", "S5", "S4", "S3", "S5"}},
         {"append doc.pdf src.pdf --pages=2-z:even src.pdf --pages 1",
          {"D1", "D2", "D3", "S3", "S5", "S1"}},
-        {"replace doc.pdf 2 src.pdf --pages 5,1", {"D1", "S5", "S1"}},
         {"replace doc.pdf 1 locked.pdf --source-password pw --pages r2", {"S4", "D2", "D3"}},
-        {"replace doc.pdf 3 src.pdf --pages 3-1", {"D1", "D2", "S3", "S2", "S1"}},
         {"replace doc.pdf 2 src.pdf 4 5", {"D1", "S4", "S5"}},
     };
     for (const auto& [args, pages] : cases) {
@@ -281,13 +267,9 @@ TEST_F(Cli, AppendAndReplaceTakeSelectedPages) {
 TEST_F(Cli, StandardStreams) {
     const auto stamped = Zpdf("stamp - lh.pdf -o - < doc.pdf > piped.pdf 2>err.txt");
     ASSERT_EQ(stamped.exit_code, 0) << test::ReadBytes("err.txt");
-    EXPECT_TRUE(test::QpdfCheckPasses("piped.pdf"));
     EXPECT_EQ(test::PdfPageTexts("piped.pdf"), (std::vector<std::string>{"LHD1", "LHD2", "LHD3"}));
     // The confirmation goes to standard error when standard output carries the document.
     EXPECT_TRUE(Contains(test::ReadBytes("err.txt"), "-> standard output"));
-    EXPECT_TRUE(test::FilesStartingWith(".", "piped.pdf.").empty());
-    EXPECT_EQ(Zpdf("append doc.pdf lh.pdf -q -o - > app.pdf").exit_code, 0);
-    EXPECT_EQ(test::QpdfPageCount("app.pdf"), 4);
     const auto png = Zpdf("render - 1 - --dpi 36 < doc.pdf > p.png");
     EXPECT_EQ(png.exit_code, 0) << png.output;
     // The signature, then width and height in the header: 595 x 842 pt at 36 dpi.
@@ -306,21 +288,13 @@ TEST_F(Cli, StampAtIsMeasuredFromTheVisibleBox) {
                                  "<< /Type /Page /Parent 2 0 R /MediaBox [100 100 400 500] >>"})));
     const samples::SamplePage mark{100, 50, 0, "BT /F1 10 Tf 0 0 Td (MARK) Tj ET", ""};
     ASSERT_TRUE(samples::WriteFile("mark.pdf", samples::BuildPdf({mark})));
-    // x and the distance from the top of the page to the text's baseline region.
-    const auto place = [](const std::string& at) {
-        Ok("stamp offset.pdf mark.pdf --at " + at + " -o out.pdf");
-        const std::string word = test::Run("pdftotext -bbox out.pdf - | grep '>MARK<'").output;
-        double x = -1, y_max = -1;
-        std::sscanf(word.c_str(), " <word xMin=\"%lf\" yMin=\"%*f\" xMax=\"%*f\" yMax=\"%lf\"", &x,
-                    &y_max);
-        return std::pair{x, y_max};
-    };
-    const auto [x1, y1] = place("10,20");
-    const auto [x2, y2] = place("50,200");
-    EXPECT_NEAR(x1, 10, 0.5);
-    EXPECT_NEAR(x2, 50, 0.5);
-    EXPECT_NEAR(y1 - y2, 180, 0.5);
-    EXPECT_NEAR(y1, 400 - 20, 3) << "the baseline is 20 pt above the visible box's bottom";
+    Ok("stamp offset.pdf mark.pdf --at 10,20 -o out.pdf");
+    const std::string word = test::Run("pdftotext -bbox out.pdf - | grep '>MARK<'").output;
+    double x = -1, y_max = -1;
+    std::sscanf(word.c_str(), " <word xMin=\"%lf\" yMin=\"%*f\" xMax=\"%*f\" yMax=\"%lf\"", &x,
+                &y_max);
+    EXPECT_NEAR(x, 10, 0.5) << word;
+    EXPECT_NEAR(y_max, 400 - 20, 3) << "the baseline is 20 pt above the visible box's bottom";
 }
 
 }  // namespace

@@ -254,7 +254,6 @@ TEST(Element, DrawsItsPageIntoTheMappedRectangle) {
     const std::tuple<const char*, Mapping, std::array<std::int32_t, 5>, ContentObjectRef,
                      DeviceRect>
         cases[] = {
-            {"one to one", one, {10, 20, 50, 30, 2}, doc, in},
             {"half size", half, {20, 40, 100, 60, 2}, doc, in},
             // The object draws the page rectangle in device pixels, given from the device origin.
             {"window origin moved", moved, {10, 20, 50, 30, 2}, doc, in},

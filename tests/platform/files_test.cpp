@@ -307,13 +307,15 @@ TEST(Files, RegisteredFilesAreRemovedOnRequest) {
     fs::RemoveQuietly(dir / "copy");
     EXPECT_EQ(fs::RegisteredFileCount(), registered);
 
-    // A private copy is on the list while it exists; a missing source makes none.
+    // A private copy is on the list while it exists; a source that cannot be read makes none.
     Path copy;
     ASSERT_EQ(fs::MakeTempCopy(dir / "kept", &copy), 0);
     EXPECT_EQ(fs::RegisteredFileCount(), registered + 1);
     EXPECT_EQ(Stat(copy).st_mode & 0077, 0u) << "readable by its owner only";
     fs::RemoveQuietly(copy);
     EXPECT_EQ(fs::MakeTempCopy(dir / "missing.bin", &copy), fs::kErrorFileNotFound);
+    // The system's own reason is passed on: below a file is no path at all.
+    EXPECT_EQ(fs::MakeTempCopy(dir / "kept" / "inner.bin", &copy), fs::kErrorPathNotFound);
     EXPECT_EQ(fs::RegisteredFileCount(), registered);
     EXPECT_FALSE(fs::FileExists(dir)) << "a folder is not a file";
 }

@@ -79,7 +79,7 @@ page_image() {
 
 compare_one() {
     local file=$1 zpdf=$2 page_compare=$3 dpi=$4 work=$5 logs=$6
-    local dir pages rendered notes="" compared=0 differ=0 annots_lost=0 fields_lost=0
+    local dir pages rendered notes="" compared=0 differ=0 lost=(0 0)
     local crashed=0 status=ok
     dir=$(mktemp -d "$work/file.XXXXXX")
     pages=$(pdfinfo "$file" 2>/dev/null | sed -n 's/^Pages: *//p')
@@ -113,38 +113,11 @@ compare_one() {
         return 0
     }
 
-    # Compares page OUT_PAGE of the output rendered under PREFIX with input page IN_PAGE, and
-    # its annotations and fields with the input page's.
-    compare_page() {
-        local op=$1 prefix=$2 out_page=$3 in_page=$4 counts_var=$5
-        local a b verdict
-        a=$(page_image "$dir" in "$in_page")
-        b=$(page_image "$dir" "$prefix" "$out_page")
-        compared=$((compared + 1))
-        if [ -z "$b" ]; then
-            differ=$((differ + 1))
-            notes+="$op p$out_page: not rendered; "
-        elif ! cmp -s "$a" "$b" && ! verdict=$("$page_compare" "$a" "$b" 2>&1); then
-            differ=$((differ + 1))
-            notes+="$op p$out_page (from p$in_page): $verdict; "
-        fi
-        local -n counts=$counts_var
-        local before=(${in_counts[$((in_page - 1))]:-0 0}) after=(${counts[$((out_page - 1))]:-0 0})
-        if [ "${after[0]}" -lt "${before[0]}" ]; then
-            annots_lost=$((annots_lost + before[0] - after[0]))
-            notes+="$op p$out_page: ${before[0]} annotations, ${after[0]} kept; "
-        fi
-        if [ "${after[1]}" -lt "${before[1]}" ]; then
-            fields_lost=$((fields_lost + before[1] - after[1]))
-            notes+="$op p$out_page: ${before[1]} fields, ${after[1]} kept; "
-        fi
-    }
-
-    # Renders an output, checks its page count and compares its pages; MAP_FN prints the input
-    # page of output page N.
+    # Renders an output, checks its page count and compares each of its pages, annotations and
+    # fields included, with the input page it came from: MAP, arithmetic of the output page n.
     check_output() {
-        local op=$1 output=$2 expected=$3 map_fn=$4
-        local n got
+        local op=$1 output=$2 expected=$3 map=$4
+        local n got in_page a b verdict i what=(annotations fields)
         got=$(pdfinfo "$output" 2>/dev/null | sed -n 's/^Pages: *//p')
         if [ "${got:-0}" -ne "$expected" ]; then
             status=wrong
@@ -154,38 +127,50 @@ compare_one() {
         render "$output" "$dir" "$op" "$dpi" >/dev/null
         mapfile -t out_counts < <(annotations_and_fields "$output")
         for ((n = 1; n <= got && n <= expected; n++)); do
-            compare_page "$op" "$op" "$n" "$("$map_fn" "$n")" out_counts
+            in_page=$((map))
+            a=$(page_image "$dir" in "$in_page")
+            b=$(page_image "$dir" "$op" "$n")
+            compared=$((compared + 1))
+            if [ -z "$b" ]; then
+                differ=$((differ + 1))
+                notes+="$op p$n: not rendered; "
+            elif ! cmp -s "$a" "$b" && ! verdict=$("$page_compare" "$a" "$b" 2>&1); then
+                differ=$((differ + 1))
+                notes+="$op p$n (from p$in_page): $verdict; "
+            fi
+            local before=(${in_counts[$((in_page - 1))]:-0 0}) after=(${out_counts[$((n - 1))]:-0 0})
+            for i in 0 1; do
+                [ "${after[i]}" -lt "${before[i]}" ] || continue
+                lost[i]=$((lost[i] + before[i] - after[i]))
+                notes+="$op p$n: ${before[i]} ${what[i]}, ${after[i]} kept; "
+            done
         done
     }
-    same_page() { echo "$1"; }
-    appended_page() { echo $((($1 - 1) % pages + 1)); }
-    replaced_page() { if [ "$1" -eq "$pages" ]; then echo 1; else echo "$1"; fi; }
-    part_page() { echo "$k"; } # part k holds page k
 
     if run_op stamp stamp "$file" "$work/letterhead.pdf" --all -o "$dir/stamp.pdf"; then
-        check_output stamp "$dir/stamp.pdf" "$pages" same_page
+        check_output stamp "$dir/stamp.pdf" "$pages" n
         if [ "$pages" -gt 1 ] && run_op split split "$dir/stamp.pdf" "$dir/part"; then
             local k
             for ((k = 1; k <= pages; k++)); do
-                check_output "split-part$k" "$dir/part_$k" 1 part_page
+                check_output "split-part$k" "$dir/part_$k" 1 k # part k holds page k
                 rm -f "$dir/split-part$k"-*.pgm "$dir/part_$k"
             done
         fi
     fi
     rm -f "$dir"/stamp-*.pgm
     if run_op append append "$file" "$file" -o "$dir/append.pdf"; then
-        check_output append "$dir/append.pdf" $((2 * pages)) appended_page
+        check_output append "$dir/append.pdf" $((2 * pages)) "(n - 1) % pages + 1"
     fi
     rm -f "$dir"/append-*.pgm
     if run_op replace replace "$file" "$pages" "$file" 1 1 -o "$dir/replace.pdf"; then
-        check_output replace "$dir/replace.pdf" "$pages" replaced_page
+        check_output replace "$dir/replace.pdf" "$pages" "n == pages ? 1 : n"
     fi
 
     rm -rf "$dir"
     [ "$crashed" -eq 0 ] || status=crash
-    [ "$status" != ok ] || [ "$differ$annots_lost$fields_lost" = 000 ] || status=differs
-    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$status" "$compared" "$differ" "$annots_lost" \
-        "$fields_lost" "$crashed" "$file" "$notes"
+    [ "$status" != ok ] || [ "$differ${lost[0]}${lost[1]}" = 000 ] || status=differs
+    printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$status" "$compared" "$differ" "${lost[0]}" \
+        "${lost[1]}" "$crashed" "$file" "$notes"
 }
 # One file in a process of its own, at low priority, with the time limit for all its work.
 compare_with_limit() {

@@ -13,11 +13,6 @@
 // Has PDFBox secure IN.pdf for the holders of the certificates with a key of BITS bits (40 and
 // 128: RC4, 128-aes: AES-128, 256: AES-256) and write OUT.pdf: files of another writer for zpdf to
 // open. Exit status 0 when written, 3 when PDFBox refused (the reason follows "error:").
-//
-//   java PubKeyProbe --password FILE.pdf PASSWORD
-//
-// Opens a password-secured FILE.pdf with PDFBox and prints its revision, its P and its text;
-// exit status 3 when PDFBox refused it.
 import java.io.*;
 import java.security.*;
 import java.security.cert.*;
@@ -66,21 +61,10 @@ public final class PubKeyProbe {
         }
     }
 
-    private static void openWithPassword(String[] args) throws Exception {
-        try (PDDocument document = PDDocument.load(new File(args[1]), args[2])) {
-            System.out.println("R: " + document.getEncryption().getRevision());
-            System.out.println("P: " + document.getEncryption().getPermissions());
-            System.out.println("text:");
-            System.out.print(new PDFTextStripper().getText(document));
-        }
-    }
-
     // Any failure, reading the arguments' files included, is a refusal: exit status 3.
     public static void main(String[] args) {
         try {
-            if (args.length == 3 && args[0].equals("--password")) {
-                openWithPassword(args);
-            } else if (args.length >= 5 && args[0].equals("--encrypt")) {
+            if (args.length >= 5 && args[0].equals("--encrypt")) {
                 encrypt(args);
             } else {
                 openAsRecipient(args);

@@ -42,7 +42,6 @@ class FaultInjectingStream final : public ByteStream {
     int Reads() const { return reads_; }
     int Writes() const { return writes_; }
     const std::vector<std::uint8_t>& Bytes() const { return inner_.Bytes(); }
-    std::uint64_t Position() const { return inner_.Position(); }
 
   private:
     MemoryByteStream inner_;

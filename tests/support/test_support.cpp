@@ -19,8 +19,7 @@ std::filesystem::path ScratchDir() {
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
     std::string name =
         info != nullptr ? std::string(info->test_suite_name()) + "." + info->name() : "misc";
-    std::replace_if(
-        name.begin(), name.end(), [](char c) { return c == '/' || c == ' '; }, '_');
+    std::ranges::replace(name, '/', '_');  // parameterized tests
     const std::filesystem::path dir =
         (base ? std::filesystem::path(base)
               : std::filesystem::temp_directory_path() / "zpdf-tests") /
@@ -197,82 +196,72 @@ std::string InteractivePdf(const std::string& tag, const std::string& dest, int 
     };
     const std::string link = "/Type /Annot /Subtype /Link /Border [0 0 0] ";
     const std::string widget = "/Type /Annot /Subtype /Widget /F 4 /P 5 0 R ";
-    const std::map<int, std::string> objects = {
-        {1,
-         "<< /Type /Catalog /Pages 2 0 R /Outlines 20 0 R"
-         " /Names << /Dests << /Names [(" +
-             dest +
-             ") [5 0 R /XYZ 0 842 0]] >> >>"
-             " /AcroForm << /Fields [12 0 R 13 0 R 14 0 R 23 0 R] /DA 34 0 R"
-             " /DR << /Font << /Helv 3 0 R >> >> /NeedAppearances true /SigFlags 3 >>"
-             " /PageLabels << /Nums [0 << /S /r >> 1 << /S /D /P (A-) /St 5 >>] >>"
-             " /OutputIntents [<< /Type /OutputIntent /S /GTS_PDFX"
-             " /OutputConditionIdentifier (FOGRA39) /Info (Coated) >>]"
-             " /Lang (en-GB) /StructTreeRoot 25 0 R /MarkInfo << /Marked true >> >>"},
+    // Object numbers follow the order of the list.
+    return PdfFile({
+        "<< /Type /Catalog /Pages 2 0 R /Outlines 20 0 R"
+        " /Names << /Dests << /Names [(" +
+            dest +
+            ") [5 0 R /XYZ 0 842 0]] >> >>"
+            " /AcroForm << /Fields [12 0 R 13 0 R 14 0 R 23 0 R] /DA 34 0 R"
+            " /DR << /Font << /Helv 3 0 R >> >> /NeedAppearances true /SigFlags 3 >>"
+            " /PageLabels << /Nums [0 << /S /r >> 1 << /S /D /P (A-) /St 5 >>] >>"
+            " /OutputIntents [<< /Type /OutputIntent /S /GTS_PDFX"
+            " /OutputConditionIdentifier (FOGRA39) /Info (Coated) >>]"
+            " /Lang (en-GB) /StructTreeRoot 25 0 R /MarkInfo << /Marked true >> >>",  // 1
         // Resources and media box inherited from the root.
-        {2,
-         "<< /Type /Pages /Kids [4 0 R 5 0 R 6 0 R 7 0 R] /Count 4 /MediaBox [0 0 595 842]"
-         " /Resources << /Font << /F1 3 0 R /Helv 3 0 R >> >> >>"},
-        {3, "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>"},
-        {4,
-         "<< /Type /Page /Parent 2 0 R /Contents 8 0 R /Annots [15 0 R 16 0 R 17 0 R]"
-         " /StructParents 0 >>"},
-        {5,
-         "<< /Type /Page /Parent 2 0 R /Contents 9 0 R"
-         " /Annots [12 0 R 13 0 R 14 0 R 18 0 R] >>"},
-        {6, "<< /Type /Page /Parent 2 0 R /Contents 10 0 R /Annots [19 0 R 26 0 R] >>"},
-        {7, "<< /Type /Page /Parent 2 0 R /Contents 11 0 R /Annots [23 0 R 24 0 R] >>"},
-        {8, content("one", 1)},
-        {9, content("two", 2)},
-        {10, content("three", 3)},
-        {11, content("four", 4)},
-        {12, "<< " + widget + "/FT /Tx /T (name) /V (" + tag +
-                 ") /Rect [72 600 300 620] /DA (/Helv 12 Tf 0 g) >>"},
-        {13, "<< " + widget +
-                 "/FT /Btn /T (agree) /V /Yes /AS /Yes /Rect [72 560 92 580]"
-                 " /AP << /N << /Yes 21 0 R /Off 22 0 R >> >> >>"},
-        {14, "<< " + widget +
-                 "/FT /Ch /Ff 131072 /T (colour) /Opt [(Red) (Blue)] /V (Blue)"
-                 " /Rect [72 520 200 540] /DA (/Helv 12 Tf 0 g) >>"},
-        {15, "<< " + link +
-                 "/Rect [72 700 200 720] /Dest [6 0 R /Fit] /P 4 0 R"
-                 " /StructParent 1 >>"},
-        {16, "<< " + link + "/Rect [72 650 200 670] /A << /S /URI /URI (https://example.com/" +
-                 tag + ") >> /P 7 0 R >>"},
-        {17, "<< " + link + "/Rect [72 600 200 620] /Dest (" + dest + ") /P 4 0 R >>"},
-        {18, "<< " + link + "/Rect [72 480 200 500] /A << /S /GoTo /D [7 0 R /Fit] >> /P 5 0 R >>"},
-        {19, "<< /Type /Annot /Subtype /Text /Rect [72 700 92 720] /Contents (note " + tag +
-                 ") /P 6 0 R /Popup 26 0 R >>"},
-        {20, "<< /Type /Outlines /First 27 0 R /Last 29 0 R /Count 4 >>"},
-        {21, PdfStream("/Type /XObject /Subtype /Form /BBox [0 0 20 20]", "0 g 4 4 12 12 re f")},
-        {22, PdfStream("/Type /XObject /Subtype /Form /BBox [0 0 20 20]", "")},
-        {23,
-         "<< /Type /Annot /Subtype /Widget /F 4 /P 7 0 R /FT /Sig /T (sign) /V 31 0 R"
-         " /Rect [0 0 0 0] >>"},
-        {24, "<< " + link + "/Rect [72 700 200 720] /Dest [4 0 R /Fit] /P 7 0 R >>"},
-        {25,
-         "<< /Type /StructTreeRoot /K 32 0 R /ParentTree << /Nums [0 [32 0 R] 1 32 0 R] >>"
-         " /ParentTreeNextKey 2 >>"},
-        {26, "<< /Type /Annot /Subtype /Popup /Rect [100 600 300 700] /Parent 19 0 R /P 6 0 R >>"},
-        {27,
-         "<< /Title (Chapter A) /Parent 20 0 R /Next 29 0 R /First 28 0 R /Last 28 0 R"
-         " /Count 1 /Dest [4 0 R /Fit] >>"},
-        {28, "<< /Title (Section A.1) /Parent 27 0 R /Dest (" + dest + ") >>"},
-        {29,
-         "<< /Title 33 0 R /Parent 20 0 R /Prev 27 0 R /First 30 0 R /Last 30 0 R"
-         " /Count 1 /A << /S /GoTo /D [6 0 R /Fit] >> >>"},
-        {30, "<< /Title (Section B.1) /Parent 29 0 R /Dest [7 0 R /Fit] >>"},
-        {31,
-         "<< /Type /Sig /Filter /Adobe.PPKLite /SubFilter /adbe.pkcs7.detached"
-         " /ByteRange [0 0 0 0] /Contents <00> >>"},
-        {32, "<< /Type /StructElem /S /Document /P 25 0 R /Pg 4 0 R /K [0] >>"},
+        "<< /Type /Pages /Kids [4 0 R 5 0 R 6 0 R 7 0 R] /Count 4 /MediaBox [0 0 595 842]"
+        " /Resources << /Font << /F1 3 0 R /Helv 3 0 R >> >> >>",                             // 2
+        "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica /Encoding /WinAnsiEncoding >>",  // 3
+        "<< /Type /Page /Parent 2 0 R /Contents 8 0 R /Annots [15 0 R 16 0 R 17 0 R]"
+        " /StructParents 0 >>",  // 4
+        "<< /Type /Page /Parent 2 0 R /Contents 9 0 R"
+        " /Annots [12 0 R 13 0 R 14 0 R 18 0 R] >>",                                 // 5
+        "<< /Type /Page /Parent 2 0 R /Contents 10 0 R /Annots [19 0 R 26 0 R] >>",  // 6
+        "<< /Type /Page /Parent 2 0 R /Contents 11 0 R /Annots [23 0 R 24 0 R] >>",  // 7
+        content("one", 1),                                                           // 8
+        content("two", 2),                                                           // 9
+        content("three", 3),                                                         // 10
+        content("four", 4),                                                          // 11
+        "<< " + widget + "/FT /Tx /T (name) /V (" + tag +
+            ") /Rect [72 600 300 620] /DA (/Helv 12 Tf 0 g) >>",  // 12
+        "<< " + widget +
+            "/FT /Btn /T (agree) /V /Yes /AS /Yes /Rect [72 560 92 580]"
+            " /AP << /N << /Yes 21 0 R /Off 22 0 R >> >> >>",  // 13
+        "<< " + widget +
+            "/FT /Ch /Ff 131072 /T (colour) /Opt [(Red) (Blue)] /V (Blue)"
+            " /Rect [72 520 200 540] /DA (/Helv 12 Tf 0 g) >>",  // 14
+        "<< " + link +
+            "/Rect [72 700 200 720] /Dest [6 0 R /Fit] /P 4 0 R"
+            " /StructParent 1 >>",  // 15
+        "<< " + link + "/Rect [72 650 200 670] /A << /S /URI /URI (https://example.com/" + tag +
+            ") >> /P 7 0 R >>",                                                    // 16
+        "<< " + link + "/Rect [72 600 200 620] /Dest (" + dest + ") /P 4 0 R >>",  // 17
+        "<< " + link +
+            "/Rect [72 480 200 500] /A << /S /GoTo /D [7 0 R /Fit] >> /P 5 0 R >>",  // 18
+        "<< /Type /Annot /Subtype /Text /Rect [72 700 92 720] /Contents (note " + tag +
+            ") /P 6 0 R /Popup 26 0 R >>",                                                   // 19
+        "<< /Type /Outlines /First 27 0 R /Last 29 0 R /Count 4 >>",                         // 20
+        PdfStream("/Type /XObject /Subtype /Form /BBox [0 0 20 20]", "0 g 4 4 12 12 re f"),  // 21
+        PdfStream("/Type /XObject /Subtype /Form /BBox [0 0 20 20]", ""),                    // 22
+        "<< /Type /Annot /Subtype /Widget /F 4 /P 7 0 R /FT /Sig /T (sign) /V 31 0 R"
+        " /Rect [0 0 0 0] >>",                                                   // 23
+        "<< " + link + "/Rect [72 700 200 720] /Dest [4 0 R /Fit] /P 7 0 R >>",  // 24
+        "<< /Type /StructTreeRoot /K 32 0 R /ParentTree << /Nums [0 [32 0 R] 1 32 0 R] >>"
+        " /ParentTreeNextKey 2 >>",                                                            // 25
+        "<< /Type /Annot /Subtype /Popup /Rect [100 600 300 700] /Parent 19 0 R /P 6 0 R >>",  // 26
+        "<< /Title (Chapter A) /Parent 20 0 R /Next 29 0 R /First 28 0 R /Last 28 0 R"
+        " /Count 1 /Dest [4 0 R /Fit] >>",                                 // 27
+        "<< /Title (Section A.1) /Parent 27 0 R /Dest (" + dest + ") >>",  // 28
+        "<< /Title 33 0 R /Parent 20 0 R /Prev 27 0 R /First 30 0 R /Last 30 0 R"
+        " /Count 1 /A << /S /GoTo /D [6 0 R /Fit] >> >>",                // 29
+        "<< /Title (Section B.1) /Parent 29 0 R /Dest [7 0 R /Fit] >>",  // 30
+        "<< /Type /Sig /Filter /Adobe.PPKLite /SubFilter /adbe.pkcs7.detached"
+        " /ByteRange [0 0 0 0] /Contents <00> >>",                          // 31
+        "<< /Type /StructElem /S /Document /P 25 0 R /Pg 4 0 R /K [0] >>",  // 32
         // Strings kept as objects of their own, as some writers keep them.
-        {33, "(Chapter B)"},
-        {34, "(/Helv 0 Tf 0 g)"},
-    };
-    std::vector<std::string> list;
-    for (const auto& entry : objects) list.push_back(entry.second);
-    return PdfFile(list);
+        "(Chapter B)",       // 33
+        "(/Helv 0 Tf 0 g)",  // 34
+    });
 }
 
 }  // namespace zpdf::test

@@ -74,10 +74,10 @@ TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
     const Path letterhead = dir / "letterhead.pdf";
     WriteBytes(letterhead, LabelledBytes({"Head"}, 300, 200));
     // Per operation: the result's pages and their texts, by pdftotext.
-    const std::pair<int, std::vector<std::string>> results[] = {
-        {1, {"HeadLonely page"}},     {2, {"Lonely page", "Head"}},
-        {2, {"Head", "Lonely page"}}, {2, {"Lonely page", "Lonely page"}},
-        {1, {"Lonely page"}},
+    const std::vector<std::string> results[] = {
+        {"HeadLonely page"},     {"Lonely page", "Head"},
+        {"Head", "Lonely page"}, {"Lonely page", "Lonely page"},
+        {"Lonely page"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -95,9 +95,8 @@ TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
             const Path out = dir / "out.pdf";
             std::filesystem::remove(out);
             ASSERT_EQ(Quiet([&] { return (op.into_head ? head : doc).SaveTo(out); }), hr::kOk);
-            EXPECT_EQ(QpdfPageCount(out), results[i].first);
             EXPECT_TRUE(QpdfCheckPasses(out));
-            EXPECT_EQ(PdfPageTexts(out), results[i].second);
+            EXPECT_EQ(PdfPageTexts(out), results[i]);
         }
     }
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/open_object.h"
+#include "platform/raster.h"
 
 namespace zpdf {
 namespace {
@@ -44,7 +45,10 @@ const Operation kOperations[] = {
 
 // Pages other readers find where the catalog's /Pages is the one page of the document, or
 // where the last trailer of a file whose table must be rebuilt names as its catalog an object
-// that is none, while the file's own catalog is still there.
+// that is none, while the file's own catalog is still there. And changes that survive the
+// rebuild of a table whose font entry is wrong: drawing after the change reads the font, and
+// the engine then read everything from the file again, changes lost, until the table was
+// checked, and rebuilt if need be, before the first change.
 TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
     const Path dir = ScratchDir();
     const struct Case {
@@ -52,6 +56,7 @@ TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
         std::vector<std::string> objects;
         int root = 1;
         std::string update = "";  // added at the end of the file
+        int misplaced = 0;        // the object whose table entry is wrong
     } cases[] = {
         {"typed /Page",
          {"<< /Type /Catalog /Pages 2 0 R >>",
@@ -70,6 +75,14 @@ TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
           kText, kFont},
          2,
          "trailer\n<< /Size 7 /Root 1 0 R >>\nstartxref\n9\n%%EOF\n"},
+        {"font not where the table says",
+         {"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+          "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 300 200] /Contents 4 0 R "
+          "/Resources << /Font << /F1 5 0 R >> >> >>",
+          kText, kFont},
+         1,
+         "",
+         5},
     };
     const Path letterhead = dir / "letterhead.pdf";
     WriteBytes(letterhead, LabelledBytes({"Head"}, 300, 200));
@@ -82,7 +95,7 @@ TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const Path file = dir / "root-page.pdf";
-        WriteBytes(file, PdfFile(c.objects, -1, 0, c.root) + c.update);
+        WriteBytes(file, PdfFile(c.objects, -1, c.misplaced, c.root) + c.update);
         for (std::size_t i = 0; i < std::size(kOperations); ++i) {
             const Operation& op = kOperations[i];
             SCOPED_TRACE(op.name);
@@ -92,6 +105,9 @@ TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
             EXPECT_EQ(Pages(doc), 1);
             EXPECT_EQ(PageSize(doc, 1), Size(300, 200));
             ASSERT_EQ(Quiet([&] { return op.run(doc, head); }), hr::kOk) << doc.LastErrorText();
+            RasterDeviceContext dc(300, 200);
+            EXPECT_EQ(Quiet([&] { return doc.DrawPageToDC(dc, 1, 0, 0, 300, 200, 0, 0, 0, 0, 0); }),
+                      hr::kOk);
             const Path out = dir / "out.pdf";
             std::filesystem::remove(out);
             ASSERT_EQ(Quiet([&] { return (op.into_head ? head : doc).SaveTo(out); }), hr::kOk);

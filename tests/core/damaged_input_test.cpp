@@ -1,7 +1,7 @@
 // Damaged and malformed inputs that other readers open must not come out worse: a page tree
 // whose root is a page keeps its page through every operation, and an encrypted file the engine
 // had to repair is written with encryption that opens with the same password, checked by qpdf
-// and by opening the result again.
+// and poppler.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/open_object.h"
+#include "platform/raster.h"
 
 namespace zpdf {
 namespace {
@@ -18,29 +19,9 @@ using namespace test;  // NOLINT: the helpers of these tests
 
 // ---- A page tree whose root is a page ----
 
-// A file of the given objects (object i + 1 is objects[i]) with a correct cross-reference
-// table; the trailer's /Root is object `root`.
-std::string FileOf(const std::vector<std::string>& objects, int root = 1) {
-    std::string out = "%PDF-1.4\n";
-    std::string table = "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
-    for (std::size_t i = 0; i < objects.size(); ++i) {
-        char entry[24];
-        std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", out.size());
-        table += entry;
-        out += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
-    }
-    return out + table + "trailer\n<< /Size " + std::to_string(objects.size() + 1) + " /Root " +
-           std::to_string(root) + " 0 R >>\nstartxref\n" + std::to_string(out.size()) + "\n%%EOF\n";
-}
-
 const std::string kFont = "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>";
 const std::string kText = PdfStream("", "BT /F1 20 Tf 30 100 Td (Lonely page) Tj ET");
 const std::string kResources = "/Resources << /Font << /F1 4 0 R >> >>";
-
-// The page count poppler reads.
-std::string PopplerPages(const Path& file) {
-    return test::Run("pdfinfo " + Quote(file) + " 2>/dev/null | sed -n 's/^Pages: *//p'").output;
-}
 
 // What a document goes through, with a one-page letterhead; `into_head`: the letterhead's
 // document is the result.
@@ -64,52 +45,57 @@ const Operation kOperations[] = {
 
 // Pages other readers find where the catalog's /Pages is the one page of the document, or
 // where the last trailer of a file whose table must be rebuilt names as its catalog an object
-// that is none, while the file's own catalog is still there.
+// that is none, while the file's own catalog is still there. And changes that survive the
+// rebuild of a table whose font entry is wrong: drawing after the change reads the font, and
+// the engine then read everything from the file again, changes lost, until the table was
+// checked, and rebuilt if need be, before the first change.
 TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
     const Path dir = ScratchDir();
     const struct Case {
         const char* name;
         std::vector<std::string> objects;
-        std::function<std::string(const Path&)> reader;  // prints "1\n" for the source
         int root = 1;
         std::string update = "";  // added at the end of the file
+        int misplaced = 0;        // the object whose table entry is wrong
     } cases[] = {
         {"typed /Page",
          {"<< /Type /Catalog /Pages 2 0 R >>",
           "<< /Type /Page /MediaBox [0 0 300 200] /Contents 3 0 R " + kResources + " >>", kText,
-          kFont},
-         PopplerPages},
+          kFont}},
         {"its own parent",
          {"<< /Type /Catalog /Pages 2 0 R >>",
           "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 300 200] /Contents 3 0 R " + kResources +
               " >>",
-          kText, kFont},
-         PopplerPages},
+          kText, kFont}},
         {"last trailer naming the information as the catalog",
          {"<< /Producer (Old) >>", "<< /Type /Catalog /Pages 3 0 R >>",
           "<< /Type /Pages /Kids [4 0 R] /Count 1 >>",
           "<< /Type /Page /Parent 3 0 R /MediaBox [0 0 300 200] /Contents 5 0 R "
           "/Resources << /Font << /F1 6 0 R >> >> >>",
           kText, kFont},
-         [](const Path& file) { return std::to_string(QpdfPageCount(file)) + "\n"; },
          2,
          "trailer\n<< /Size 7 /Root 1 0 R >>\nstartxref\n9\n%%EOF\n"},
+        {"font not where the table says",
+         {"<< /Type /Catalog /Pages 2 0 R >>", "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+          "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 300 200] /Contents 4 0 R "
+          "/Resources << /Font << /F1 5 0 R >> >> >>",
+          kText, kFont},
+         1,
+         "",
+         5},
     };
     const Path letterhead = dir / "letterhead.pdf";
     WriteBytes(letterhead, LabelledBytes({"Head"}, 300, 200));
     // Per operation: the result's pages and their texts, by pdftotext.
-    const std::pair<int, std::vector<std::string>> results[] = {
-        {1, {"HeadLonely page"}},     {2, {"Lonely page", "Head"}},
-        {2, {"Head", "Lonely page"}}, {2, {"Lonely page", "Lonely page"}},
-        {1, {"Lonely page"}},
+    const std::vector<std::string> results[] = {
+        {"HeadLonely page"},     {"Lonely page", "Head"},
+        {"Head", "Lonely page"}, {"Lonely page", "Lonely page"},
+        {"Lonely page"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const Path file = dir / "root-page.pdf";
-        std::string bytes = FileOf(c.objects, c.root);
-        bytes += c.update;
-        WriteBytes(file, bytes);
-        ASSERT_EQ(c.reader(file), "1\n");
+        WriteBytes(file, PdfFile(c.objects, -1, c.misplaced, c.root) + c.update);
         for (std::size_t i = 0; i < std::size(kOperations); ++i) {
             const Operation& op = kOperations[i];
             SCOPED_TRACE(op.name);
@@ -119,12 +105,14 @@ TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
             EXPECT_EQ(Pages(doc), 1);
             EXPECT_EQ(PageSize(doc, 1), Size(300, 200));
             ASSERT_EQ(Quiet([&] { return op.run(doc, head); }), hr::kOk) << doc.LastErrorText();
+            RasterDeviceContext dc(300, 200);
+            EXPECT_EQ(Quiet([&] { return doc.DrawPageToDC(dc, 1, 0, 0, 300, 200, 0, 0, 0, 0, 0); }),
+                      hr::kOk);
             const Path out = dir / "out.pdf";
             std::filesystem::remove(out);
             ASSERT_EQ(Quiet([&] { return (op.into_head ? head : doc).SaveTo(out); }), hr::kOk);
-            EXPECT_EQ(QpdfPageCount(out), results[i].first);
             EXPECT_TRUE(QpdfCheckPasses(out));
-            EXPECT_EQ(PdfPageTexts(out), results[i].second);
+            EXPECT_EQ(PdfPageTexts(out), results[i]);
         }
     }
 }
@@ -164,11 +152,6 @@ std::string Damaged(std::string bytes, Damage damage) {
         bytes.replace(entry, 10, std::string(moved).substr(0, 10));
     }
     return bytes;
-}
-
-std::string ShowEncryption(const Path& file, const std::string& password) {
-    return test::Run("qpdf --show-encryption --password=" + Quote(password) + " " + Quote(file))
-        .output;
 }
 
 TEST(DamagedInput, KeptEncryptionOpensWithTheSamePasswordAfterARepair) {
@@ -216,12 +199,6 @@ TEST(DamagedInput, KeptEncryptionOpensWithTheSamePasswordAfterARepair) {
                 const auto text = test::Run("pdftotext -q -upw " + Quote(password) + " " +
                                             Quote(out) + " - | grep -c Sheet");
                 EXPECT_EQ(text.output, "3\n");
-
-                Obj reopened;
-                ASSERT_EQ(
-                    reopened.SetPdfDocument(FromPath(out), 0, FromAnsi(std::string(password))),
-                    hr::kOk);
-                EXPECT_EQ(Pages(reopened), i == 2 ? 4 : 3);
             }
         }
     }

@@ -91,6 +91,11 @@ class PrivateCopyTest : public ::testing::Test {
     const TempFolderOverride tmp_override_{tmp_};
 };
 
+// What qpdf shows of `file`'s encryption, opened with `password`.
+inline std::string ShowEncryption(const Path& file, const std::string& password) {
+    return Run("qpdf --show-encryption --password=" + Quote(password) + " " + Quote(file)).output;
+}
+
 // A self-signed certificate for `name` with a new key of `key` (an openssl -newkey argument),
 // written as <name>-cert.pem and <name>-key.pem in `dir`; returns the certificate's PEM text.
 inline OptionalText MakeCertificate(const Path& dir, const std::string& name,

@@ -52,10 +52,6 @@ std::string Between(const std::string& text, const std::string& from, const std:
     const auto start = text.find(from), begin = start + from.size();
     return start == std::string::npos ? "" : text.substr(begin, text.find(to, begin) - begin);
 }
-std::string ShowEncryption(const Path& file, const std::string& password) {
-    return test::Run("qpdf --show-encryption --password=" + Quote(password) + " " + Quote(file))
-        .output;
-}
 bool OpensAs(const Path& file, const std::string& password, const std::string& role) {
     return ShowEncryption(file, password).find("Supplied password is " + role + " password") !=
            std::string::npos;

@@ -2,9 +2,10 @@
 // format, the level gate, and the platform seams it stands on.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <ctime>
-#include <regex>
 #include <sstream>
 #include <tuple>
 
@@ -220,9 +221,10 @@ TEST(Logger, Sinks) {
     manager.Configure("T", LogInfo, (dir / "t.log").string()).Info("message");
     const std::string line = test::ReadBytes(dir / "t.log");
     ASSERT_EQ(line.substr(27), "INF;" + UserAtComputer() + ";T;message\n");
-    EXPECT_TRUE(std::regex_match(line.substr(0, 27),
-                                 std::regex(R"(\d\d\.\d\d\.\d{4};\d\d:\d\d:\d\d\.\d{6};)")))
-        << line;
+    std::string shape = line.substr(0, 27);  // every digit as 0
+    std::replace_if(
+        shape.begin(), shape.end(), [](unsigned char c) { return std::isdigit(c); }, '0');
+    EXPECT_EQ(shape, "00.00.0000;00:00:00.000000;") << line;
     const std::time_t now = std::time(nullptr);
     char today[16];
     std::strftime(today, sizeof today, "%d.%m.%Y", std::localtime(&now));

@@ -58,10 +58,9 @@ int EditSession::Commit() {
     const HResult result = to_output_ ? object_.SaveTo(destination_) : object_.Save();
     if (shown) std::fputs("\r\033[K", stderr);
     if (hr::Failed(result)) {
-        // A system error is the output's; anything else is the document's own data, read from
-        // FILE while the result is written.
-        const bool output_fault = (static_cast<std::uint32_t>(result) & 0xFFFF0000u) == 0x80070000u;
-        if (!output_fault && to_output_) {
+        // A failure of the file being written is the output's; anything else is the document's
+        // own data, read from FILE while the result is written.
+        if (!object_.LastSaveFailedAtTarget() && to_output_) {
             return Failure(
                 command_, input_name_,
                 object_.LastErrorText() + " (found while writing " + DestinationName() + ")",

@@ -217,6 +217,9 @@ HResult CZPdfContentObject::ReplacePages(std::int32_t destPage, CZPdfContentObje
         // As many pages go as the arguments name, whatever the import added; deletions past
         // the end of the document do nothing.
         const std::int64_t count = std::int64_t{srcEnd} - srcStart + 1;
+        // Links to the pages that go reach the pages put in their places.
+        engine::RetargetDestinations(doc, static_cast<int>(at + count), static_cast<int>(at),
+                                     static_cast<int>(count));
         for (std::int64_t i = 0; i < count; ++i)
             engine::DeletePage(doc, static_cast<int>(at + count));
     } catch (const engine::EngineError& e) {

@@ -23,6 +23,7 @@ namespace zpdf {
 namespace engine {
 class Document;
 }
+struct SideFileSaveResult;
 
 // VARIANT_BOOL as the client passed it: 0 is false, anything else true (normally -1).
 using VariantBool = std::int16_t;
@@ -180,6 +181,9 @@ class CZPdfContentObject final : public PageDrawing {
 
     // Why the last failing call failed, in words (for error info and messages).
     const std::string& LastErrorText() const { return last_error_; }
+    // Whether the last failed save failed at its target file (creating, writing, flushing or
+    // moving it into place) rather than in making the document's bytes from its sources.
+    bool LastSaveFailedAtTarget() const { return save_failed_at_target_; }
 
     // Largest band the drawing code renders at once, in bytes of BGRA pixels.
     static constexpr std::size_t kBandBytes = 8u << 20;
@@ -190,6 +194,7 @@ class CZPdfContentObject final : public PageDrawing {
 
   private:
     HResult Fail(HResult result, std::string why) const;
+    HResult Saved(const SideFileSaveResult& saved);
     HResult EnsureBothDocuments(CZPdfContentObject& source);
     void CloseStream();
 
@@ -202,6 +207,7 @@ class CZPdfContentObject final : public PageDrawing {
     bool viewer_ready_ = false;
     std::int32_t dirty_ = 1;
     mutable std::string last_error_;
+    bool save_failed_at_target_ = false;
 };
 
 }  // namespace zpdf

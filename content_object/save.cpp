@@ -16,6 +16,10 @@ namespace {
 SideFileSaveResult Failure(HResult result, std::string why) {
     return SideFileSaveResult{result, std::move(why)};
 }
+// The file road refused: creating, writing, flushing or moving the target's side file.
+SideFileSaveResult TargetFailure(const fs::FileReplacement& file) {
+    return SideFileSaveResult{hr::kFail, file.Problem(), true};
+}
 
 }  // namespace
 
@@ -26,20 +30,20 @@ SideFileSaveResult SaveThroughSideFile(CZPdfContentObject& object,
     const auto started = std::chrono::steady_clock::now();
     fs::FileReplacement file(target);
     if (read_from) file.ExpectVersion(*read_from);
-    if (file.Open() != 0) return Failure(hr::kFail, file.Problem());
+    if (file.Open() != 0) return TargetFailure(file);
     FileReplacementSink sink(file);
     try {
         serialise(sink);
     } catch (const std::bad_alloc&) {
         return Failure(hr::kOutOfMemory, "Out of memory writing " + target.string());
     } catch (const std::exception& e) {
-        if (sink.Error() != 0) return Failure(hr::kFail, file.Problem());
+        if (sink.Error() != 0) return TargetFailure(file);
         return Failure(hr::kFail, e.what());
     }
-    if (file.FinishData() != 0) return Failure(hr::kFail, file.Problem());
+    if (file.FinishData() != 0) return TargetFailure(file);
 
     object.CloseDocuments();
-    if (file.Replace() != 0) return Failure(hr::kFail, file.Problem());
+    if (file.Replace() != 0) return TargetFailure(file);
     ZPDF_LOG_INFO(diagnostics::Save(), "saved %s: %llu bytes in %lld ms", target.string().c_str(),
                   static_cast<unsigned long long>(file.BytesWritten()),
                   static_cast<long long>(std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -63,6 +67,11 @@ std::optional<fs::FileIdentity> CZPdfContentObject::VersionReadFrom(
     return identity;
 }
 
+HResult CZPdfContentObject::Saved(const SideFileSaveResult& saved) {
+    save_failed_at_target_ = saved.at_target;
+    return hr::Failed(saved.result) ? Fail(saved.result, saved.why) : hr::kOk;
+}
+
 HResult CZPdfContentObject::Save() {
     if (!HasPath()) return Fail(hr::kUnexpected, "No document is set");
     if (!IsDocumentOpen()) return hr::kOk;  // never opened, so nothing can have changed
@@ -75,8 +84,7 @@ HResult CZPdfContentObject::SaveTo(const std::filesystem::path& target) {
     const SideFileSaveResult saved = SaveThroughSideFile(
         *this, target, [this](engine::ByteSink& sink) { engine::WriteDocument(*document_, sink); },
         VersionReadFrom(target));
-    if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
-    return hr::kOk;
+    return Saved(saved);
 }
 
 }  // namespace zpdf

@@ -30,8 +30,7 @@ HResult CZPdfContentObject::SaveWithSecurityTo(const std::filesystem::path& targ
         *this, target,
         [&](engine::ByteSink& sink) { engine::SaveWithPasswords(*document_, sink, user, owner); },
         VersionReadFrom(target));
-    if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
-    return hr::kOk;
+    return Saved(saved);
 }
 
 HResult CZPdfContentObject::SaveWithPubKeySecurity(const std::vector<OptionalText>* recipients) {
@@ -55,8 +54,7 @@ HResult CZPdfContentObject::SaveWithPubKeySecurityTo(const std::filesystem::path
         *this, target,
         [&](engine::ByteSink& sink) { engine::SaveWithRecipients(*document_, sink, certificates); },
         VersionReadFrom(target));
-    if (hr::Failed(saved.result)) return Fail(saved.result, saved.why);
-    return hr::kOk;
+    return Saved(saved);
 }
 
 }  // namespace zpdf

@@ -34,7 +34,8 @@ using DocumentSerialiser = std::function<void(engine::ByteSink& sink)>;
 
 struct SideFileSaveResult {
     HResult result = hr::kOk;
-    std::string why;  // empty on success
+    std::string why;         // empty on success
+    bool at_target = false;  // the target's file failed, not the making of the document's bytes
 };
 
 // The saves of the content object: the data is made durable, the object's documents are closed

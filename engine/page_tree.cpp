@@ -432,6 +432,15 @@ int RemoveFromParent(Document::Impl& impl, int index) {
                          pdf_dict_get_int(ctx, node, PDF_NAME(Count)) - 1);
         if (pdf_to_num(ctx, node) == pdf_to_num(ctx, root)) break;
     }
+    // A node left without kids goes as well, and so on upwards: deleting a run of pages (the
+    // pages an import only borrowed, say) leaves no empty nodes in the tree.
+    for (pdf_obj* node = parent; pdf_to_num(ctx, node) != pdf_to_num(ctx, root);) {
+        if (pdf_array_len(ctx, pdf_dict_get(ctx, node, PDF_NAME(Kids))) > 0) break;
+        pdf_obj* up = pdf_dict_get(ctx, node, PDF_NAME(Parent));
+        pdf_array_delete(ctx, pdf_dict_get(ctx, up, PDF_NAME(Kids)),
+                         KidIndex(ctx, up, pdf_to_num(ctx, node)));
+        node = up;
+    }
     return 1;
 }
 

@@ -214,9 +214,10 @@ TEST_F(FilesProcess, MessagesNameTheFileAtFault) {
         SCOPED_TRACE(args);
         const auto result = Zpdf(args + " 2>&1 >/dev/null");
         EXPECT_EQ(result.exit_code, 1) << result.output;
-        EXPECT_EQ(result.output.rfind("zpdf " + args.substr(0, args.find(' ')) + ": ", 0), 0u)
+        // The file at fault comes first, right after the command.
+        EXPECT_EQ(result.output.rfind("zpdf " + args.substr(0, args.find(' ')) + ": " + file, 0),
+                  0u)
             << result.output;
-        EXPECT_NE(result.output.find(file), std::string::npos) << result.output;
         EXPECT_NE(result.output.find(reason), std::string::npos) << result.output;
         EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
         EXPECT_EQ(contents(), before);

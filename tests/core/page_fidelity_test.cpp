@@ -139,7 +139,8 @@ std::string KeysPdf(const std::string& second) {
 }
 
 // Source "Src" and target "Dst" go through an operation; every file written is read back. Links
-// reach the pages the result holds and lose the others; named destinations come along, renamed
+// reach the pages the result holds and lose the others, and links to a replaced page reach the
+// page in its place; named destinations come along, renamed
 // where the name is taken; fields keep their values (two of one name stay two, renamed); a copied
 // signature is unsigned; split parts keep their pages' outline entries (an entry pointing out of
 // the part stays as the heading of those pointing in), restarted labels and the document's
@@ -164,6 +165,12 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
                "labels: r1 A-D5 A-D6 A-D7 A-D8 A-D9 A-D10 A-D11\n"
                "intent: FOGRA39 lang: en-GB\ncatalogs: 1 nodes: 2 structure keys: 2\n";
     };
+    // "Dst" with all its pages in place; its page 3 reads like the source's.
+    const std::string kept = Annots("Dst", {1, 2, 3, 4}, "chap2=p2", false) +
+                             "fields: name=Dst agree=/Yes colour=Blue sign=ref\n"
+                             "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3(Section B.1>p4)\n"
+                             "labels: r1 A-D5 A-D6 A-D7\nintent: FOGRA39 lang: en-GB\n"
+                             "catalogs: 1 nodes: 1 structure keys: 2\n";
     const std::string kNoParts =
         "outline: \nlabels:\nintent: - lang: -\ncatalogs: 1 nodes: 2 structure keys: 0\n";
     const std::string kSplitParts =
@@ -193,6 +200,9 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
          "d1|Src one|Src two@@nd@@Src\u2713Blue",
          "p1:\n" + Annots("Src", {2, 3, 0, 0}, "chap2=p3") +
              "fields: name=Src agree=/Yes colour=Blue\n" + kNoParts},
+        {"replace a page others link to", src, dst,
+         [](Obj& d, Obj& s, const Path&) { return d.ReplacePages(3, &s, 3, 3); },
+         "Dst one|Dst two@@nd@@Dst\u2713Blue|Src three|Dst four", kept},
         {"append to plain", src, plain, append, "d1|d2|d3|" + Texts("Src"),
          "p1:\np2:\np3:\n" + Annots("Src", {4, 5, 6, 7}, "chap2=p5") +
              "fields: name=Src agree=/Yes colour=Blue sign=-\n" + kNoParts},
@@ -216,11 +226,7 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
              return result;
          },
          "Dst oneHead one|Dst two@@nd@@Dst\u2713BlueHead one|Dst threeHead one|Dst fourHead one",
-         Annots("Dst", {1, 2, 3, 4}, "chap2=p2", false) +
-             "fields: name=Dst agree=/Yes colour=Blue sign=ref\n"
-             "outline: Chapter A>p1(Section A.1>p2) Chapter B>p3(Section B.1>p4)\n"
-             "labels: r1 A-D5 A-D6 A-D7\nintent: FOGRA39 lang: en-GB\n"
-             "catalogs: 1 nodes: 1 structure keys: 2\n"},
+         kept},
         {"hidden content into a plain document", OptionalContentPdf(), LabelledBytes({"d1"}),
          append, "d1|shown@@nd@@|last"},
         {"hidden content into one that hides by default", OptionalContentPdf(), hiding, append,

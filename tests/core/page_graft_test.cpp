@@ -15,7 +15,8 @@ using namespace test;  // NOLINT: the helpers of these tests
 
 // The page tree of a saved file as qpdf lists its objects: how many pages, the longest Kids
 // array, and `problem` naming every node whose /Count is not the number of pages below it, every
-// kid whose /Parent is not its node and every kid that is neither page nor node.
+// kid whose /Parent is not its node, every kid that is neither page nor node and every node
+// below the root without kids.
 struct PageTree {
     int pages = 0, widest = 0;
     std::string problem;
@@ -26,7 +27,8 @@ def walk($r): d($r) as $n | if $n["/Type"] == "/Page" then [1, 0, ""]
   elif $n["/Type"] != "/Pages" then [0, 0, "\($r) is no node; "] else
   reduce ($n["/Kids"][] as $k | walk($k) + [$k, d($k)["/Parent"] == $r]) as $w
     ([0, ($n["/Kids"] | length), ""]; [.[0] + $w[0], ([.[1], $w[1]] | max),
-      .[2] + $w[2] + if $w[4] then "" else "\($w[3]) has the wrong parent; " end])
+      .[2] + $w[2] + if $w[4] then "" else "\($w[3]) has the wrong parent; " end
+      + if d($w[3])["/Kids"] == [] then "\($w[3]) is an empty node; " else "" end])
   | if .[0] == $n["/Count"] then . else .[2] += "\($r) counts wrong; " end end;
 walk(d($o.trailer.value["/Root"])["/Pages"]) | "\(.[0]) \(.[1]) \(.[2])"
 )jq";
@@ -85,6 +87,9 @@ TEST(PageGraft, RunsLandInOrderUnderASoundTree) {
             expected.insert(expected.begin() + run.at, pages.begin(), pages.end());
             EXPECT_EQ(Pages(dst), static_cast<std::int32_t>(expected.size()));
         }
+        // Forms made of the source's pages: the pages imported for them go again, nodes and all.
+        std::vector<std::uint32_t> forms;
+        EXPECT_EQ(dst.ImportContent(&src, &forms), c.source_pages > 0 ? hr::kOk : hr::kUnexpected);
         ASSERT_EQ(dst.Save(), hr::kOk);
         EXPECT_EQ(PdfPageTexts(target), expected);
         const PageTree tree = ReadPageTree(target);

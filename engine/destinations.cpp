@@ -66,6 +66,7 @@ void RetargetAll(Document::Impl& impl, const MovedPages& moved) {
         pdf_obj* actions = pdf_dict_get(ctx, page, PDF_NAME(AA));
         RetargetAction(ctx, pdf_dict_get(ctx, actions, PDF_NAME(O)), moved);
         RetargetAction(ctx, pdf_dict_get(ctx, actions, PDF_NAME(C)), moved);
+        NoteWork(impl);  // a long document's pages are not all held at once
     }
     pdf_obj* catalog = pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root));
     pdf_obj* open = pdf_dict_gets(ctx, catalog, "OpenAction");

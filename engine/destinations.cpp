@@ -1,5 +1,6 @@
 // Destinations that name pages: links, outline entries, page and document actions and named
 // destinations, sent on to the pages that take the places of pages about to go.
+#include <algorithm>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -51,11 +52,14 @@ void RetargetOutline(fz_context* ctx, pdf_obj* outlines, const MovedPages& moved
     }
 }
 
-void RetargetAll(Document::Impl& impl, const MovedPages& moved) {
+// The `going` pages from index `from` on are about to go: what they hold does not matter.
+void RetargetAll(Document::Impl& impl, const MovedPages& moved, int from, int going) {
     fz_context* ctx = impl.ctx;
     pdf_document* doc = impl.doc;
     const int pages = CountDocumentPages(impl);
     for (int index = 0; index < pages; ++index) {
+        if (index == from) index += going;
+        if (index >= pages) break;
         pdf_obj* page = LookupPage(impl, index);
         pdf_obj* annots = pdf_dict_get(ctx, page, PDF_NAME(Annots));
         for (int i = 0; i < pdf_array_len(ctx, annots); ++i) {
@@ -66,7 +70,8 @@ void RetargetAll(Document::Impl& impl, const MovedPages& moved) {
         pdf_obj* actions = pdf_dict_get(ctx, page, PDF_NAME(AA));
         RetargetAction(ctx, pdf_dict_get(ctx, actions, PDF_NAME(O)), moved);
         RetargetAction(ctx, pdf_dict_get(ctx, actions, PDF_NAME(C)), moved);
-        NoteWork(impl);  // a long document's pages are not all held at once
+        // A long document's pages are not all held at once.
+        if (index % kObjectsBetweenReleases == 0) ReleaseUnchangedObjects(ctx, doc);
     }
     pdf_obj* catalog = pdf_dict_get(ctx, pdf_trailer(ctx, doc), PDF_NAME(Root));
     pdf_obj* open = pdf_dict_gets(ctx, catalog, "OpenAction");
@@ -107,7 +112,7 @@ void RetargetDestinations(Document& doc, int from, int to, int count) {
             const int new_page = pdf_obj_parent_num(ctx, LookupPage(impl, to + i));
             if (old_page > 0 && new_page > 0) moved.to.emplace(old_page, new_page);
         }
-        if (!moved.to.empty()) RetargetAll(impl, moved);
+        if (!moved.to.empty()) RetargetAll(impl, moved, from, std::min(count, pages - from));
     }
     fz_catch(ctx) {
         ThrowCaught(ctx, ErrorCategory::Other, "cannot send links on to the new pages");

@@ -1,6 +1,7 @@
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <mutex>
 
 #include "engine/internal.h"
@@ -8,20 +9,35 @@
 namespace zpdf::engine {
 namespace {
 
-// Recursive: the engine takes its allocation lock while it compares the keys of its store, and
-// comparing two equal dictionaries can grow the document's cross-reference table, which
-// allocates and takes that lock again on the same thread. An engine context without locks lets
-// that pass; a plain mutex would wait for itself forever.
-std::array<std::recursive_mutex, FZ_LOCK_MAX> g_locks;
+// The engine's locks. Recursive: the engine takes its allocation lock while it compares the keys
+// of its store, and comparing two equal dictionaries can grow the document's cross-reference
+// table, which allocates and takes that lock again on the same thread. An engine context without
+// locks lets that pass; a plain mutex would wait for itself forever.
+//
+// The allocation lock guards reference counts and the store, which belong to one context; a
+// document's context shares neither with the others, and one document is used by one thread at
+// a time, so each context has an allocation lock of its own. One shared lock made every document
+// of the process wait for every other one's allocations. The other locks guard what the engine
+// keeps once per process (the font and image libraries are handed the context of the caller
+// through a global), so they stay shared by every context.
+struct ContextLocks {
+    std::recursive_mutex allocation;
+};
+std::array<std::recursive_mutex, FZ_LOCK_MAX> g_shared_locks;
 
-void LockEngine(void* /*user*/, int lock) {
-    g_locks[static_cast<std::size_t>(lock)].lock();
+std::recursive_mutex& LockOf(void* user, int lock) {
+    if (lock == FZ_LOCK_ALLOC) return static_cast<ContextLocks*>(user)->allocation;
+    return g_shared_locks[static_cast<std::size_t>(lock)];
 }
-void UnlockEngine(void* /*user*/, int lock) {
-    g_locks[static_cast<std::size_t>(lock)].unlock();
+void LockEngine(void* user, int lock) {
+    LockOf(user, lock).lock();
+}
+void UnlockEngine(void* user, int lock) {
+    LockOf(user, lock).unlock();
 }
 
-fz_locks_context g_lock_context{nullptr, LockEngine, UnlockEngine};
+ContextLocks g_process_locks;
+fz_locks_context g_lock_context{&g_process_locks, LockEngine, UnlockEngine};
 
 std::mutex g_start_mutex;
 fz_context* g_process_context = nullptr;
@@ -83,11 +99,21 @@ fz_context* ProcessContext() {
 fz_context* NewDocumentContext() {
     if (ProcessContext() == nullptr)
         throw EngineError(ErrorCategory::Other, "the PDF engine could not start");
-    fz_context* ctx = fz_new_context(nullptr, &g_lock_context, FZ_STORE_DEFAULT);
+    auto locks = std::make_unique<ContextLocks>();
+    const fz_locks_context callbacks{locks.get(), LockEngine, UnlockEngine};
+    fz_context* ctx = fz_new_context(nullptr, &callbacks, FZ_STORE_DEFAULT);
     if (ctx == nullptr)
         throw EngineError(ErrorCategory::Other, "out of memory for an engine context");
+    locks.release();  // DropDocumentContext frees it with the context
     RouteDiagnostics(ctx);
     return ctx;
+}
+
+void DropDocumentContext(fz_context* ctx) {
+    if (ctx == nullptr) return;
+    auto* locks = static_cast<ContextLocks*>(ctx->locks.user);
+    fz_drop_context(ctx);
+    delete locks;  // NOLINT(cppcoreguidelines-owning-memory): owned by the context until now
 }
 
 void ThrowCaught(fz_context* ctx, ErrorCategory category, const char* doing) {

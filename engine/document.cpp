@@ -145,7 +145,7 @@ Document::Document() : impl_(std::make_unique<Impl>()) {
 
 Document::~Document() {
     Close();
-    fz_drop_context(impl_->ctx);
+    DropDocumentContext(impl_->ctx);
 }
 
 bool Document::IsOpen() const {

@@ -23,12 +23,14 @@ namespace zpdf::engine {
 // The process context, started once before any document is opened.
 fz_context* ProcessContext();
 
-// A context of its own for one document, with the process context's locks and a store of its
-// own. Contexts cloned from one another share their store, and the store tells keys that are
-// dictionaries written inside a page apart by their words alone, across documents: a document
-// was drawn with another one's font of the same words, and the comparison looked one
-// document's object number up in the other's table, writing past its end.
+// A context of its own for one document, with locks and a store of its own. Contexts cloned from
+// one another share their store, and the store tells keys that are dictionaries written inside a
+// page apart by their words alone, across documents: a document was drawn with another one's font
+// of the same words, and the comparison looked one document's object number up in the other's
+// table, writing past its end.
 fz_context* NewDocumentContext();
+// Drops a context made by NewDocumentContext, and its locks with it.
+void DropDocumentContext(fz_context* ctx);
 
 // Reads the message of the error just caught and throws it as an EngineError. Call only from
 // an fz_catch block.

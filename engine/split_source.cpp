@@ -651,7 +651,7 @@ SplitSource::~SplitSource() {
     fz_drop_stream(ctx, impl_->stream);
     fz_free(ctx, impl_->index.numbers);
     fz_free(ctx, impl_->text.chars);
-    fz_drop_context(ctx);
+    DropDocumentContext(ctx);
 }
 
 void SplitSource::Open(std::FILE* file, const std::optional<std::string>& password) {

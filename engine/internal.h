@@ -79,6 +79,15 @@ bool DocumentHoldsEmptyName(fz_context* ctx, pdf_document* doc);
 
 // Deeper page trees are broken or hostile.
 inline constexpr int kMaxPageTreeDepth = 64;
+// Visits the pages of the document's page tree in the order the engine's page lookup finds
+// them: `visit` gets each page as its node lists it (a reference, or a page written inside the
+// node) and its index. The nodes on the way down are held and the objects parsed so far are
+// released every kObjectsBetweenReleases pages, so that a long document is never held whole.
+// Returns the number of pages visited, or -1 when the tree cannot be walked (a cycle, too deep,
+// more than `limit` pages) or a visit failed. Never throws.
+using PageVisitor = void (*)(fz_context* ctx, pdf_obj* kid, int index, void* state);
+int VisitPages(fz_context* ctx, pdf_document* doc, int limit, PageVisitor visit,
+               void* state) noexcept;
 // Whether a kid of a page tree node is a node itself or a page, decided as the engine's page
 // lookup decides it. Throws only what reading the kid throws.
 bool IsPageTreeNode(fz_context* ctx, pdf_obj* kid);

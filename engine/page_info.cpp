@@ -167,9 +167,6 @@ PageGeometry ReadPageGeometry(Document& document, int index) {
 
 namespace {
 
-// Page objects read between two releases of the objects the document has parsed.
-constexpr int kPagesBetweenReleases = 1024;
-
 // The page tree nodes above the page being read, kept so that a release does not drop them:
 // a node with thousands of kids costs more to parse again than all its pages.
 struct HeldAncestors {
@@ -197,74 +194,15 @@ void HoldAncestors(fz_context* ctx, pdf_obj* page, HeldAncestors* held) {
     held->parent = number;
 }
 
-// Reads every page in one walk of the page tree, in the order the page lookup finds them, so
-// that each page object is parsed once. The nodes on the way down are held across releases.
-struct GeometryWalk {
-    pdf_document* doc;
-    PageGeometry* results;  // room for `count`
-    int count;
-    int found;
-};
-
-void WalkGeometries(fz_context* ctx, pdf_obj* node, GeometryWalk* walk, int depth) {
-    if (depth > kMaxPageTreeDepth) fz_throw(ctx, FZ_ERROR_GENERIC, "page tree too deep");
-    if (pdf_mark_obj(ctx, node)) fz_throw(ctx, FZ_ERROR_GENERIC, "cycle in the page tree");
-    pdf_obj* kids = nullptr;
-    pdf_obj* child = nullptr;
-    fz_var(kids);
-    fz_var(child);
-    fz_try(ctx) {
-        kids =
-            pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, pdf_dict_get(ctx, node, PDF_NAME(Kids))));
-        const int length = pdf_array_len(ctx, kids);
-        for (int i = 0; i < length; ++i) {
-            child = pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, pdf_array_get(ctx, kids, i)));
-            if (IsPageTreeNode(ctx, child)) {
-                WalkGeometries(ctx, child, walk, depth + 1);
-            } else {
-                if (walk->found >= walk->count)
-                    fz_throw(ctx, FZ_ERROR_GENERIC, "more pages than counted");
-                ReadGeometry(ctx, child, &walk->results[walk->found++]);
-                if (walk->found % kPagesBetweenReleases == 0) {
-                    pdf_drop_obj(ctx, child);
-                    child = nullptr;
-                    ReleaseUnchangedObjects(ctx, walk->doc);
-                }
-            }
-            pdf_drop_obj(ctx, child);
-            child = nullptr;
-        }
-    }
-    fz_always(ctx) {
-        pdf_drop_obj(ctx, child);
-        pdf_drop_obj(ctx, kids);
-        pdf_unmark_obj(ctx, node);
-    }
-    fz_catch(ctx) {
-        fz_rethrow(ctx);
-    }
+void NoteGeometry(fz_context* ctx, pdf_obj* kid, int index, void* state) {
+    ReadGeometry(ctx, pdf_resolve_indirect(ctx, kid), &static_cast<PageGeometry*>(state)[index]);
 }
 
-// Every page of the document in one walk; false (and `results` to be ignored) when the walk
-// does not find the pages the document counts, where lookups page by page are the way.
+// Every page of the document in one walk of the page tree, so that each page object is parsed
+// once; false (and `results` to be ignored) when the walk does not find the pages the document
+// counts, where lookups page by page are the way.
 bool ReadAllGeometries(Document::Impl& impl, int count, PageGeometry* results) {
-    fz_context* ctx = impl.ctx;
-    GeometryWalk walk{impl.doc, results, count, 0};
-    GeometryWalk* const state = &walk;
-    pdf_obj* root = nullptr;
-    fz_var(root);
-    fz_try(ctx) {
-        pdf_obj* pages = pdf_dict_getp(ctx, pdf_trailer(ctx, impl.doc), "Root/Pages");
-        root = pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, pages));
-        WalkGeometries(ctx, root, state, 0);
-    }
-    fz_always(ctx) {
-        pdf_drop_obj(ctx, root);
-    }
-    fz_catch(ctx) {
-        state->found = -1;
-    }
-    return walk.found == count;
+    return VisitPages(impl.ctx, impl.doc, count, NoteGeometry, results) == count;
 }
 
 }  // namespace
@@ -297,7 +235,7 @@ void ReadPageGeometries(Document& document, const std::vector<int>& indexes,
             pdf_obj* page = LookupPage(impl, wanted[i]);
             HoldAncestors(ctx, page, ancestors);
             ReadGeometry(ctx, page, &results[i]);
-            if ((i + 1) % kPagesBetweenReleases == 0) ReleaseUnchangedObjects(ctx, doc);
+            if ((i + 1) % kObjectsBetweenReleases == 0) ReleaseUnchangedObjects(ctx, doc);
         }
     }
     fz_always(ctx) {

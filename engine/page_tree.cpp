@@ -268,23 +268,18 @@ int CountDocumentPages(Document::Impl& impl) {
 
 namespace {
 
-// Fills the page number cache from one walk of the page tree. Leaves it empty when the tree
-// cannot be walked; lookups then take the engine's own way.
-struct PageNumberWalk {
+// One walk of the page tree: the visitor, and how far it got.
+struct PageVisitWalk {
     pdf_document* doc;
-    int* numbers;  // room for `count`
-    int count;
+    int limit;
     int found;
-    unsigned since_release;
+    PageVisitor visit;
+    void* state;
 };
 
-// Pages looked at between two releases while the page numbers are collected.
-constexpr unsigned kPagesBetweenReleases = 1024;
-
-// Collects the object numbers of the pages below `node` in page order, as the engine's page
-// lookup finds them. The nodes on the way down are held, so that releasing the pages parsed
-// so far can let go of everything else: the engine's own page map parses every page at once.
-void CollectPageNumbers(fz_context* ctx, pdf_obj* node, PageNumberWalk* walk, int depth) {
+// Visits the pages below `node` in page order. The nodes on the way down are held, so that
+// releasing the pages parsed so far can let go of everything else.
+void VisitPagesBelow(fz_context* ctx, pdf_obj* node, PageVisitWalk* walk, int depth) {
     if (depth > kMaxPageTreeDepth) fz_throw(ctx, FZ_ERROR_GENERIC, "page tree too deep");
     if (pdf_mark_obj(ctx, node)) fz_throw(ctx, FZ_ERROR_GENERIC, "cycle in the page tree");
     pdf_obj* kids = nullptr;
@@ -299,18 +294,15 @@ void CollectPageNumbers(fz_context* ctx, pdf_obj* node, PageNumberWalk* walk, in
             pdf_obj* kid = pdf_array_get(ctx, kids, i);
             if (IsPageTreeNode(ctx, kid)) {
                 child = pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, kid));
-                CollectPageNumbers(ctx, child, walk, depth + 1);
+                VisitPagesBelow(ctx, child, walk, depth + 1);
                 pdf_drop_obj(ctx, child);
                 child = nullptr;
                 continue;
             }
-            if (walk->found >= walk->count)
+            if (walk->found >= walk->limit)
                 fz_throw(ctx, FZ_ERROR_GENERIC, "more pages than counted");
-            walk->numbers[walk->found++] = pdf_is_indirect(ctx, kid) ? pdf_to_num(ctx, kid) : 0;
-            if (++walk->since_release >= kPagesBetweenReleases) {
-                walk->since_release = 0;
-                ReleaseUnchangedObjects(ctx, walk->doc);
-            }
+            walk->visit(ctx, kid, walk->found++, walk->state);
+            if (walk->found % kObjectsBetweenReleases == 0) ReleaseUnchangedObjects(ctx, walk->doc);
         }
     }
     fz_always(ctx) {
@@ -323,34 +315,44 @@ void CollectPageNumbers(fz_context* ctx, pdf_obj* node, PageNumberWalk* walk, in
     }
 }
 
+void NotePageNumber(fz_context* ctx, pdf_obj* kid, int index, void* state) {
+    static_cast<int*>(state)[index] = pdf_is_indirect(ctx, kid) ? pdf_to_num(ctx, kid) : 0;
+}
+
 // Fills the page number cache; leaves it empty when the tree does not hold `count` pages
 // where the lookup finds them.
 void LoadPageNumbers(Document::Impl& impl, int count) noexcept {
-    fz_context* ctx = impl.ctx;
     try {
         impl.page_numbers.assign(static_cast<std::size_t>(count), 0);
     } catch (const std::bad_alloc&) {
         impl.page_numbers.clear();
         return;
     }
-    PageNumberWalk walk{impl.doc, impl.page_numbers.data(), count, 0, 0};
+    if (VisitPages(impl.ctx, impl.doc, count, NotePageNumber, impl.page_numbers.data()) != count)
+        impl.page_numbers.clear();
+}
+
+}  // namespace
+
+int VisitPages(fz_context* ctx, pdf_document* doc, int limit, PageVisitor visit,
+               void* state) noexcept {
+    PageVisitWalk walk{doc, limit, 0, visit, state};
+    PageVisitWalk* const held = &walk;
     pdf_obj* root = nullptr;
     fz_var(root);
     fz_try(ctx) {
-        pdf_obj* pages = pdf_dict_getp(ctx, pdf_trailer(ctx, impl.doc), "Root/Pages");
+        pdf_obj* pages = pdf_dict_getp(ctx, pdf_trailer(ctx, doc), "Root/Pages");
         root = pdf_keep_obj(ctx, pdf_resolve_indirect(ctx, pages));
-        CollectPageNumbers(ctx, root, &walk, 0);
+        VisitPagesBelow(ctx, root, held, 0);
     }
     fz_always(ctx) {
         pdf_drop_obj(ctx, root);
     }
     fz_catch(ctx) {
-        walk.found = -1;
+        held->found = -1;
     }
-    if (walk.found != count) impl.page_numbers.clear();
+    return walk.found;
 }
-
-}  // namespace
 
 bool IsPageTreeNode(fz_context* ctx, pdf_obj* kid) {
     pdf_obj* type = pdf_dict_get(ctx, kid, PDF_NAME(Type));

@@ -6,17 +6,16 @@
 #include <vector>
 
 #include "cli/sample_pdf.h"
+#include "cli/zpdf_test.h"
 #include "support/test_support.h"
 
 namespace zpdf {
 namespace {
 
 namespace stdfs = std::filesystem;
+using test::Contains;
 using test::Quote;
-
-test::ToolResult Zpdf(const std::string& args) {
-    return test::Run(std::string(ZPDF_BINARY) + " " + args);
-}
+using test::Zpdf;
 
 // Runs a command that must succeed; its output.
 std::string Ok(const std::string& args) {
@@ -32,21 +31,15 @@ std::string OnTerminal(const std::string& args) {
         .output;
 }
 
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 // Each test in a fresh folder of its own, which holds doc.pdf (pages "D1", "D2", "D3") and the
 // letterhead lh.pdf ("LH").
-class Cli : public ::testing::Test {
+class Cli : public test::InScratchFolder {
   protected:
     void SetUp() override {
-        stdfs::current_path(test::ScratchDir());
+        InScratchFolder::SetUp();
         test::TextPdf("doc.pdf", {"D1", "D2", "D3"});
         test::TextPdf("lh.pdf", {"LH"});
     }
-    void TearDown() override { stdfs::current_path(start_); }
-    const stdfs::path start_ = stdfs::current_path();
 };
 
 TEST_F(Cli, HelpExplainsEveryCommand) {

@@ -10,21 +10,16 @@
 #include <tuple>
 #include <vector>
 
+#include "cli/zpdf_test.h"
 #include "support/test_support.h"
 
 namespace zpdf {
 namespace {
 
 namespace stdfs = std::filesystem;
+using test::Contains;
 using test::Quote;
-
-test::ToolResult Zpdf(const std::string& args) {
-    return test::Run(std::string(ZPDF_BINARY) + " " + args);
-}
-
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
+using test::Zpdf;
 
 // A self-signed certificate and its private key: NAME-cert.pem and NAME-key.pem.
 void MakeCertificate(const std::string& name, const std::string& key = "rsa:2048") {
@@ -61,14 +56,12 @@ std::string ShowEncryption(const std::string& file, const std::string& password)
 }
 
 // Each test in a fresh folder of its own, which holds plain.pdf.
-class EncryptionCli : public ::testing::Test {
+class EncryptionCli : public test::InScratchFolder {
   protected:
     void SetUp() override {
-        stdfs::current_path(test::ScratchDir());
+        InScratchFolder::SetUp();
         test::TextPdf("plain.pdf", {"secret words"});
     }
-    void TearDown() override { stdfs::current_path(start_); }
-    const stdfs::path start_ = stdfs::current_path();
 };
 
 // ---- A certificate-secured file written by hand, in the layout other writers use: objects in

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "cli/sample_pdf.h"
+#include "cli/zpdf_test.h"
 #include "support/test_support.h"
 
 namespace zpdf {
@@ -24,10 +25,7 @@ namespace {
 
 namespace stdfs = std::filesystem;
 using test::Quote;
-
-test::ToolResult Zpdf(const std::string& args) {
-    return test::Run(std::string(ZPDF_BINARY) + " " + args);
-}
+using test::Zpdf;
 
 std::vector<std::string> Entries(const stdfs::path& dir = ".") {
     std::vector<std::string> names;
@@ -85,14 +83,12 @@ int Wait(pid_t pid) {
 }
 
 // Each test in a fresh folder of its own, with a one-page letterhead lh.pdf ("LETTERHEAD").
-class FilesProcess : public ::testing::Test {
+class FilesProcess : public test::InScratchFolder {
   protected:
     void SetUp() override {
-        stdfs::current_path(test::ScratchDir());
+        InScratchFolder::SetUp();
         test::TextPdf("lh.pdf", {"LETTERHEAD"});
     }
-    void TearDown() override { stdfs::current_path(start_); }
-    const stdfs::path start_ = stdfs::current_path();
 };
 
 // Interrupted at random moments of an in-place stamp, zpdf leaves the file as it was or complete

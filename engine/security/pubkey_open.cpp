@@ -570,6 +570,18 @@ void OpenHiddenSecurity(Document::Impl& impl, const std::vector<unsigned char>& 
     impl.stream = stm;
 }
 
+// A certificate-secured file, read whole and opened with its encryption dictionary hidden, so
+// that the engine reads the objects as they are stored. The bytes are declared before the
+// document that reads them, so the document is closed first.
+struct HiddenSecurityFile {
+    explicit HiddenSecurityFile(std::FILE* file) : bytes(ReadWholeFile(file)) {
+        HideEncryptEntries(bytes);
+        OpenHiddenSecurity(document.Internals(), bytes);
+    }
+    std::vector<unsigned char> bytes;
+    Document document;
+};
+
 }  // namespace
 
 void SaveDecryptedForRecipient(std::FILE* file, const std::string& key_pem,
@@ -581,11 +593,8 @@ void SaveDecryptedForRecipient(std::FILE* file, const std::string& key_pem,
         throw RecipientKeyError(Subject::Key, "is not the private key of the certificate");
     }
 
-    std::vector<unsigned char> bytes = ReadWholeFile(file);
-    HideEncryptEntries(bytes);
-    Document document;  // declared after the bytes it reads, so it is closed first
-    Document::Impl& impl = document.Internals();
-    OpenHiddenSecurity(impl, bytes);
+    HiddenSecurityFile opened(file);
+    Document::Impl& impl = opened.document.Internals();
     fz_context* ctx = impl.ctx;
 
     SecurityEntries entries;
@@ -615,11 +624,8 @@ void SaveDecryptedForRecipient(std::FILE* file, const std::string& key_pem,
 }
 
 EncryptionFacts ReadRecipientEncryption(std::FILE* file) {
-    std::vector<unsigned char> bytes = ReadWholeFile(file);
-    HideEncryptEntries(bytes);
-    Document document;  // declared after the bytes it reads, so it is closed first
-    Document::Impl& impl = document.Internals();
-    OpenHiddenSecurity(impl, bytes);
+    HiddenSecurityFile opened(file);
+    Document::Impl& impl = opened.document.Internals();
     fz_context* ctx = impl.ctx;
     EncryptionFacts facts;
     fz_try(ctx) {

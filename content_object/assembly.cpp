@@ -216,12 +216,7 @@ HResult CZPdfContentObject::ReplacePages(std::int32_t destPage, CZPdfContentObje
         engine::ImportPages(doc, srcObject->EngineDocument(), &*pages, static_cast<int>(at));
         // As many pages go as the arguments name, whatever the import added; deletions past
         // the end of the document do nothing.
-        const std::int64_t count = std::int64_t{srcEnd} - srcStart + 1;
-        // Links to the pages that go reach the pages put in their places.
-        engine::RetargetDestinations(doc, static_cast<int>(at + count), static_cast<int>(at),
-                                     static_cast<int>(count));
-        for (std::int64_t i = 0; i < count; ++i)
-            engine::DeletePage(doc, static_cast<int>(at + count));
+        engine::RemoveReplacedPages(doc, static_cast<int>(at), srcEnd - srcStart + 1);
     } catch (const engine::EngineError& e) {
         return Fail(hr::kUnexpected, std::string("Cannot replace the pages: ") + e.what());
     }

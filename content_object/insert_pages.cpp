@@ -29,13 +29,9 @@ HResult CZPdfContentObject::InsertSelectedPages(std::int32_t destPage,
                         "Pages cannot be inserted before page " + std::to_string(destPage));
         }
         engine::ImportPages(doc, srcObject->EngineDocument(), &indexes, static_cast<int>(at));
-        if (replace) {
-            const auto count = static_cast<std::int64_t>(indexes.size());
-            engine::RetargetDestinations(doc, static_cast<int>(at + count), static_cast<int>(at),
-                                         static_cast<int>(count));
-            for (std::int64_t i = 0; i < count; ++i)
-                engine::DeletePage(doc, static_cast<int>(at + count));
-        }
+        if (replace)
+            engine::RemoveReplacedPages(doc, static_cast<int>(at),
+                                        static_cast<int>(indexes.size()));
     } catch (const engine::EngineError& e) {
         return Fail(hr::kUnexpected, std::string("Cannot copy the pages: ") + e.what());
     }

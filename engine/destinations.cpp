@@ -119,4 +119,9 @@ void RetargetDestinations(Document& doc, int from, int to, int count) {
     }
 }
 
+void RemoveReplacedPages(Document& doc, int at, int count) {
+    RetargetDestinations(doc, at + count, at, count);
+    for (int i = 0; i < count; ++i) DeletePage(doc, at + count);
+}
+
 }  // namespace zpdf::engine

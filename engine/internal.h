@@ -79,6 +79,9 @@ bool DocumentHoldsEmptyName(fz_context* ctx, pdf_document* doc);
 
 // Deeper page trees are broken or hostile.
 inline constexpr int kMaxPageTreeDepth = 64;
+// Sends every link, outline entry, page or document action and named destination that goes to
+// one of the `count` pages from index `from` to the page as many places on from index `to`.
+void RetargetDestinations(Document& doc, int from, int to, int count);
 // Visits the pages of the document's page tree in the order the engine's page lookup finds
 // them: `visit` gets each page as its node lists it (a reference, or a page written inside the
 // node) and its index. The nodes on the way down are held and the objects parsed so far are

@@ -39,10 +39,10 @@ bool DiffersFromItsFile(Document& doc);
 // past the end does nothing.
 void DeletePage(Document& doc, int index);
 
-// Sends every link, outline entry, page or document action and named destination that goes to
-// one of the `count` pages from index `from` to the page as many places on from index `to`:
-// pages that take the places of pages about to be deleted take the links to them as well.
-void RetargetDestinations(Document& doc, int from, int to, int count);
+// The second half of a replacement, once `count` new pages stand at index `at`: the `count`
+// pages that follow them leave the page tree (as many as there are), and the links, outline
+// entries, actions and named destinations that went to them go to the new pages, one for one.
+void RemoveReplacedPages(Document& doc, int at, int count);
 
 struct FormXObjectInfo {
     std::uint32_t object_number = 0;  // 0: the page has no content, nothing was made

@@ -194,6 +194,9 @@ class CZPdfContentObject final : public PageDrawing {
 
   private:
     HResult Fail(HResult result, std::string why) const;
+    // The 1-based `pages` of a document of `count` pages as indexes; E_INVALIDARG naming the
+    // first page that does not exist.
+    HResult PageIndexes(const std::vector<int>& pages, int count, std::vector<int>* indexes) const;
     HResult Saved(const SideFileSaveResult& saved);
     HResult EnsureBothDocuments(CZPdfContentObject& source);
     void CloseStream();

@@ -38,6 +38,17 @@ HResult CZPdfContentObject::InsertSelectedPages(std::int32_t destPage,
     return hr::kOk;
 }
 
+HResult CZPdfContentObject::PageIndexes(const std::vector<int>& pages, int count,
+                                        std::vector<int>* indexes) const {
+    indexes->reserve(pages.size());
+    for (const int page : pages) {
+        if (page < 1 || page > count)
+            return Fail(hr::kInvalidArg, "Page " + std::to_string(page) + " does not exist");
+        indexes->push_back(page - 1);
+    }
+    return hr::kOk;
+}
+
 HResult CZPdfContentObject::KeepSelectedPages(const std::vector<int>& pages) {
     if (pages.empty()) return Fail(hr::kInvalidArg, "No page was selected");
     if (const HResult result = EnsurePdfDocument(); hr::Failed(result)) return result;
@@ -45,12 +56,8 @@ HResult CZPdfContentObject::KeepSelectedPages(const std::vector<int>& pages) {
         engine::Document& doc = EngineDocument();
         const int count = doc.PageCount();
         std::vector<int> indexes;
-        indexes.reserve(pages.size());
-        for (const int page : pages) {
-            if (page < 1 || page > count)
-                return Fail(hr::kInvalidArg, "Page " + std::to_string(page) + " does not exist");
-            indexes.push_back(page - 1);
-        }
+        if (const HResult result = PageIndexes(pages, count, &indexes); hr::Failed(result))
+            return result;
         // The selection goes in front, copied from the document itself; the old pages follow it
         // and are removed.
         engine::ImportPages(doc, doc, &indexes, 0);

@@ -30,12 +30,8 @@ HResult CZPdfContentObject::GetPageGeometries(const std::vector<int>& pages,
     try {
         const int count = document_->PageCount();
         std::vector<int> indexes;
-        indexes.reserve(pages.size());
-        for (const int page : pages) {
-            if (page < 1 || page > count)
-                return Fail(hr::kInvalidArg, "Page " + std::to_string(page) + " does not exist");
-            indexes.push_back(page - 1);
-        }
+        if (const HResult result = PageIndexes(pages, count, &indexes); hr::Failed(result))
+            return result;
         engine::ReadPageGeometries(*document_, indexes, geometries);
     } catch (const engine::EngineError& e) {
         return Fail(hr::kUnexpected, e.what());

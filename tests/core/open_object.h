@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -76,6 +77,15 @@ inline std::string LabelledBytes(const std::vector<std::string>& labels, double 
 inline Path LabelledPdf(const Path& path, const std::vector<std::string>& labels) {
     WriteBytes(path, LabelledBytes(labels));
     return path;
+}
+
+// `call` with every file step of kind `op` failing for want of disk space.
+inline HResult Failing(fs::FileOp op, const std::function<HResult()>& call) {
+    fs::SetFaultHook(
+        [op](fs::FileOp seen, const Path&) { return seen == op ? fs::kErrorDiskFull : 0; });
+    const HResult result = call();
+    fs::SetFaultHook(nullptr);
+    return result;
 }
 
 // A test whose private copies go to a temporary folder of its own, so that leftovers can be

@@ -351,7 +351,7 @@ TEST(Assembly, DeletingFromNestedPageTrees) {
         for (const int index : c.deleted) engine::DeletePage(object.EngineDocument(), index);
         EXPECT_EQ(Pages(object), PageCount(c.pages));
         ASSERT_EQ(object.Save(), hr::kOk);
-        ASSERT_TRUE(QpdfCheckPasses(target));
+        EXPECT_EQ(ReadPageTree(target).problem, "");
         EXPECT_EQ(Stamped(target), c.pages);
     }
 }

@@ -170,9 +170,8 @@ TEST(Place, ContentSplicingAndResourceNames) {
     EXPECT_EQ(dst.PlaceContent(form, 5, 0, 0, 1, 1, 0), hr::kInvalidArg);
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const float inf = std::numeric_limits<float>::infinity();
-    const std::array<float, 4> unwritable[] = {{nan, 0, 1, 1}, {0, inf, 1, 1},   {0, 0, -inf, 1},
-                                               {0, 0, 1, nan}, {32768, 0, 1, 1}, {0, 0, 1e-7f, 1},
-                                               {0, 0, 1, 0}};
+    const std::array<float, 4> unwritable[] = {{32768, 0, 1, 1}, {0, inf, 1, 1},   {0, 0, -inf, 1},
+                                               {0, 0, 1, nan},   {0, 0, 1e-7f, 1}, {0, 0, 1, 0}};
     for (const auto& [tx, ty, sx, sy] : unwritable)
         EXPECT_EQ(dst.PlaceContent(form, 4, tx, ty, sx, sy, 0), hr::kInvalidArg) << tx << sy;
     EXPECT_FALSE(PlacementValueProblem(-32767, 32767, -32767, 0.000001f).has_value());

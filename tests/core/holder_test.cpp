@@ -200,8 +200,8 @@ int OpenDescriptors() {
 }
 
 // Opens `file`, and with `draw` draws and measures it too.
-void Open(Obj& object, const Path& file, const OptionalText& password = u"", bool draw = false) {
-    ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, password), hr::kOk);
+void Open(Obj& object, const Path& file, bool draw = false) {
+    ASSERT_EQ(object.SetPdfDocument(FromPath(file), 0, u""), hr::kOk);
     ASSERT_GT(Pages(object), 0) << object.LastErrorText();
     RasterDeviceContext dc(100, 140);
     if (!draw) return;
@@ -233,9 +233,9 @@ TEST(OpenHandles, EveryRoadThatClosesGivesTheHandlesBack) {
         std::function<HResult()> close;
         HResult result = hr::kOk;
     } cases[] = {
-        {"drawn, CloseDocuments", [&] { Open(*object, document, u"", true); }, 1,
+        {"drawn, CloseDocuments", [&] { Open(*object, document, true); }, 1,
          [&] { return close(hr::kOk); }},
-        {"drawn, Save", [&] { Open(*object, document, u"", true); }, 1, save},
+        {"drawn, Save", [&] { Open(*object, document, true); }, 1, save},
         // The appended pages are read from a private copy of the source until the save.
         {"appended pages, Save, CloseDocuments of the source",
          [&] {
@@ -254,7 +254,7 @@ TEST(OpenHandles, EveryRoadThatClosesGivesTheHandlesBack) {
          -1, [&] { return close(hr::kOk); }},
         {"another document set", [&] { Open(*object, document); }, 1,
          [&] { return object->SetPdfDocument(FromPath(extra), 0, u""); }},
-        {"the object destroyed", [&] { Open(*object, document, u"", true); }, 1,
+        {"the object destroyed", [&] { Open(*object, document, true); }, 1,
          [&] { return object.reset(), hr::kOk; }},
         {"SplitPdf", [] {}, 0, split},
     };
@@ -262,7 +262,7 @@ TEST(OpenHandles, EveryRoadThatClosesGivesTheHandlesBack) {
     ::testing::internal::CaptureStderr();
     // Whatever the engine opens once per process (and keeps) is opened before counting.
     object = std::make_unique<Obj>();
-    Open(*object, document, u"", true);
+    Open(*object, document, true);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         object = std::make_unique<Obj>();

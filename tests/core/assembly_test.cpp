@@ -149,7 +149,7 @@ TEST(PageRange, RangesAndListsWithinTheDocument) {
 // q and Q, a background one goes in front, and an array that another page draws too is copied
 // for this page. A page inheriting its resources gets its own copy with the form added under a
 // name not taken yet; the others keep inheriting. Values that cannot be written into content
-// ("nan", "inf", hundreds of digits, a scale six decimals write as zero) change nothing. The
+// ("nan", "inf", beyond 32767 either way, a scale six decimals write as zero) change nothing. The
 // producer is stamped.
 TEST(Place, ContentSplicingAndResourceNames) {
     const Path dir = ScratchDir();

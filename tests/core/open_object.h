@@ -1,6 +1,6 @@
 // Helpers of the content object's tests: documents whose pages show a label, opening them with
-// the engine's warnings kept off the test's output, a temporary folder whose private copies can
-// be counted, certificates.
+// the engine's warnings kept off the test's output, a step of the file road failing, the page
+// tree of a saved file, a temporary folder whose private copies can be counted, certificates.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -78,6 +80,15 @@ inline Path LabelledPdf(const Path& path, const std::vector<std::string>& labels
     return path;
 }
 
+// `call` with every file step of kind `op` failing for want of disk space.
+inline HResult Failing(fs::FileOp op, const std::function<HResult()>& call) {
+    fs::SetFaultHook(
+        [op](fs::FileOp seen, const Path&) { return seen == op ? fs::kErrorDiskFull : 0; });
+    const HResult result = call();
+    fs::SetFaultHook(nullptr);
+    return result;
+}
+
 // A test whose private copies go to a temporary folder of its own, so that leftovers can be
 // counted. The file fault hook is cleared after it.
 class PrivateCopyTest : public ::testing::Test {
@@ -90,6 +101,38 @@ class PrivateCopyTest : public ::testing::Test {
     const Path tmp_ = dir_ / "tmp";  // its temporary folder
     const TempFolderOverride tmp_override_{tmp_};
 };
+
+// The page tree of a saved file as qpdf lists its objects: how many pages, the longest Kids
+// array, and `problem` naming every node whose /Count is not the number of pages below it, every
+// kid whose /Parent is not its node, every kid that is neither page nor node and every node
+// below the root without kids.
+struct PageTree {
+    int pages = 0, widest = 0;
+    std::string problem;
+};
+constexpr const char* kPageTree = R"jq(
+.qpdf[1] as $o | def d($r): $o["obj:" + $r].value;
+def walk($r): d($r) as $n | if $n["/Type"] == "/Page" then [1, 0, ""]
+  elif $n["/Type"] != "/Pages" then [0, 0, "\($r) is no node; "] else
+  reduce ($n["/Kids"][] as $k | walk($k) + [$k, d($k)["/Parent"] == $r]) as $w
+    ([0, ($n["/Kids"] | length), ""]; [.[0] + $w[0], ([.[1], $w[1]] | max),
+      .[2] + $w[2] + if $w[4] then "" else "\($w[3]) has the wrong parent; " end
+      + if d($w[3])["/Kids"] == [] then "\($w[3]) is an empty node; " else "" end])
+  | if .[0] == $n["/Count"] then . else .[2] += "\($r) counts wrong; " end end;
+walk(d($o.trailer.value["/Root"])["/Pages"]) | "\(.[0]) \(.[1]) \(.[2])"
+)jq";
+
+inline PageTree ReadPageTree(const Path& file) {
+    const Path program = file.parent_path() / "tree.jq";
+    WriteBytes(program, kPageTree);
+    std::istringstream read(
+        Run("qpdf --json=2 --json-key=qpdf " + Quote(file) + " | jq -r -f " + Quote(program))
+            .output);
+    PageTree tree;
+    read >> tree.pages >> tree.widest;
+    std::getline(read >> std::ws, tree.problem);
+    return tree;
+}
 
 // What qpdf shows of `file`'s encryption, opened with `password`.
 inline std::string ShowEncryption(const Path& file, const std::string& password) {

@@ -203,9 +203,6 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
         {"replace a page others link to", src, dst,
          [](Obj& d, Obj& s, const Path&) { return d.ReplacePages(3, &s, 3, 3); },
          "Dst one|Dst two@@nd@@Dst\u2713Blue|Src three|Dst four", kept},
-        {"append to plain", src, plain, append, "d1|d2|d3|" + Texts("Src"),
-         "p1:\np2:\np3:\n" + Annots("Src", {4, 5, 6, 7}, "chap2=p5") +
-             "fields: name=Src agree=/Yes colour=Blue sign=-\n" + kNoParts},
         {"split", src, "", split, "Src one|Src two@@nd@@Src\u2713Blue / Src three|Src four",
          Annots("Src", {1, 2, 0, 0}, "chap2=p2") + "fields: name=Src agree=/Yes colour=Blue\n" +
              "outline: Chapter A>p1(Section A.1>p2)\nlabels: r1 A-D5\n" + kSplitParts + "--\n" +

@@ -18,6 +18,7 @@ TEST(Text, Utf16AndUtf8) {
         {u"Gr\u00fc\u00df!", "Gr\xC3\xBC\xC3\x9F!"},
         {u"\u20AC 5", "\xE2\x82\xAC 5"},
         {u"\U0010FFFF", "\xF4\x8F\xBF\xBF"},  // a surrogate pair, both halves at their top
+        {u"\u0080\u07FF\U00010000", "\xC2\x80\xDF\xBF\xF0\x90\x80\x80"},  // length edges
     };
     for (const auto& [wide, narrow] : round_trips) {
         EXPECT_EQ(Utf16ToUtf8(wide), narrow);

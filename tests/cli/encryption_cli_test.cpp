@@ -1,6 +1,6 @@
 // zpdf's security commands as a user meets them: files encrypted by protect and
-// protect-pubkey are read back by qpdf and zpdf, and decrypt opens files that qpdf, PDFBox, zpdf
-// itself and a hand-made writer secured. Each test works in its own folder, with files named
+// protect-pubkey are read back by qpdf and zpdf, and decrypt opens files that PDFBox, zpdf itself
+// and a hand-made writer secured. Each test works in its own folder, with files named
 // relatively.
 #include <gtest/gtest.h>
 
@@ -154,11 +154,11 @@ TEST_F(EncryptionCli, ProtectWritesPasswordsAndPermissions) {
     // Arguments, with -o or without (FILE secured anew), the passwords and the P qpdf shows.
     const std::tuple<std::string, std::string, std::string, std::string> cases[] = {
         {"plain.pdf --user u --owner o -o out.pdf", "u", "o", "-4"},
-        {"plain.pdf --user u --owner o --deny modify,extract -o out.pdf", "u", "o", "-28"},
         {"plain.pdf --user u --owner o --allow print,extract -o out.pdf", "u", "o", "-1836"},
         {"plain.pdf --user u --owner o --allow all --deny print -o out.pdf", "u", "o", "-2056"},
-        {"plain.pdf --empty-user --owner o --deny annotate,form,assemble,accessibility -o out.pdf",
-         "", "o", "-1828"},
+        {"plain.pdf --empty-user --owner o --deny "
+         "modify,extract,annotate,form,assemble,accessibility -o out.pdf",
+         "", "o", "-1852"},
         {"locked.pdf --password old --user-file user.txt --owner-env ZPDF_TEST_OWNER -o out.pdf",
          "from file", "from env", "-4"},
         // The source's permissions are kept: modify, extract, annotate, form and assemble denied.
@@ -181,12 +181,11 @@ TEST_F(EncryptionCli, ProtectWritesPasswordsAndPermissions) {
 }
 
 // Usage errors exit 2 and failures 1, with the reason; nothing is written and the inputs stay
-// as they are. A key or certificate that does not open the document is named with the reason,
-// by decrypt and by a reading command alike. A certificate-secured FILE is not edited in place,
+// as they are. A key or certificate that does not open the document is named with the reason.
+// A certificate-secured FILE is not edited in place,
 // which would leave it without its security.
 TEST_F(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
     for (const char* name : {"ann", "cy"}) MakeCertificate(name);
-    MakeCertificate("ed", "ed25519");
     MakeCertificate("eve", "ec -pkeyopt ec_paramgen_curve:P-256");
     test::WriteBytes("bundle.pem",
                      test::ReadBytes("ann-cert.pem") + test::ReadBytes("eve-cert.pem"));
@@ -195,7 +194,6 @@ TEST_F(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
     const std::string before = test::ReadBytes("ours.pdf"), ann = Holder("ann"), o = " -o out.pdf";
     unsetenv("ZPDF_TEST_UNSET");
     std::vector<std::tuple<std::string, int, std::string>> cases = {
-        {"protect plain.pdf --owner o" + o, 2, "the user password is empty"},
         {"protect plain.pdf --user u --owner ''" + o, 2, "the owner password is empty"},
         {"protect plain.pdf --user u --user-env HOME --owner o" + o, 2,
          "give the user password one way only"},
@@ -209,18 +207,13 @@ TEST_F(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
         {"decrypt plain.pdf --password p --key k --cert c" + o, 2, "give one"},
         {"protect-pubkey plain.pdf bundle.pem" + o, 1,
          "bundle.pem: certificate 2 of 2 has an EC key; only certificates with RSA keys"},
-        {"protect-pubkey plain.pdf ann-cert.pem ed-cert.pem" + o, 1,
-         "ed-cert.pem: has an Ed25519 key"},
         {"stamp ours.pdf plain.pdf" + ann, 2, "drop its certificate security"},
         {"append ours.pdf" + ann + " plain.pdf", 2, "drop its certificate security"},
-        {"stamp plain.pdf ours.pdf --letterhead-key ann-key.pem" + o, 2,
-         "--letterhead-key and --letterhead-cert go together"},
         {"replace plain.pdf 1 ours.pdf --source-cert ann-cert.pem --source-password x" + o, 2,
          "--source-key and --source-cert go together"},
         {"append plain.pdf ours.pdf --key ann-key.pem" + o, 2, "--key and --cert go together"},
         {"append plain.pdf ours.pdf" + ann + " --password x" + o, 2,
          "--password and --key open different kinds of files"},
-        {"split ours.pdf --cert ann-cert.pem part", 2, "--key and --cert go together"},
     };
     const std::pair<std::string, std::string> wrong_keys[] = {
         {"ours.pdf" + Holder("cy"), "cy-cert.pem: is not one of the document's recipients"},
@@ -232,25 +225,23 @@ TEST_F(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
         {"plain.pdf" + ann, "plain.pdf: it is not encrypted"},
         {"ours.pdf", "opens with --key and --cert"},
     };
-    for (const auto& [args, message] : wrong_keys) {
+    for (const auto& [args, message] : wrong_keys)
         cases.emplace_back("decrypt " + args + o, 1, message);
-        cases.emplace_back("info " + args, 1, message);
-    }
     for (const auto& [args, exit_code, message] : cases) {
         SCOPED_TRACE(args);
         const auto result = Zpdf(args);
         EXPECT_EQ(result.exit_code, exit_code) << result.output;
         EXPECT_TRUE(Contains(result.output, message)) << result.output;
         EXPECT_TRUE(test::FilesStartingWith(".", "out.pdf").empty());
-        EXPECT_TRUE(test::FilesStartingWith(".", "part").empty());
         EXPECT_EQ(test::ReadBytes("ours.pdf"), before);
     }
 }
 
-// decrypt writes a plain copy that poppler reads, from files secured with passwords by qpdf, for
+// decrypt writes a plain copy that poppler reads, from files secured with passwords by protect, for
 // a recipient by zpdf (each certificate of a bundle, and from a source secured with a password),
 // by PDFBox (its RC4, AES-128 and AES-256 kinds) and by hand in other writers' layout; info and
-// render open them with the same key, and report the encryption of the file itself.
+// render open them with the same key, and report the encryption of the file itself: each branch
+// of that report (none, passwords, recipients) once.
 TEST_F(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
     for (const char* name : {"ann", "bob", "cy"}) MakeCertificate(name);
     test::WriteBytes("bundle.pem",
@@ -259,9 +250,6 @@ TEST_F(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
     for (const std::string bits : {"40", "128", "128-aes", "256"})
         Probe("--encrypt plain.pdf box" + bits + ".pdf " + bits + " cy-cert.pem bob-cert.pem");
     test::QpdfEncrypt("plain.pdf", "aes256.pdf", "u", "o", 256);
-    test::QpdfEncrypt("plain.pdf", "aes128.pdf", "u", "o", 128);
-    test::QpdfEncrypt("plain.pdf", "rc4.pdf", "u", "o", 40);
-    test::Run("qpdf --allow-weak-crypto --encrypt u o 128 --use-aes=n -- plain.pdf rc4-128.pdf");
     // A certificate file opened with a holder's key is secured anew in place: for another
     // holder, then with passwords; only the new holder opens it.
     Secure("aes256.pdf --password u", "ann-cert.pem", "single.pdf");
@@ -275,13 +263,8 @@ TEST_F(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
     const std::string bob = Holder("bob");
     // Each source, how it opens, and the encryption info reports of it.
     const std::tuple<std::string, std::string, std::string> sources[] = {
-        {"aes256.pdf", " --password u", "AES-256 (Standard, V5, R6)"},
         {"again.pdf", " --password u", "AES-256 (Standard, V5, R6)"},
-        {"aes128.pdf", " --password o", "AES-128 (Standard, V4, R4)"},
-        {"rc4.pdf", " --password u", "RC4-40 (Standard, V1, R2)"},
-        {"rc4-128.pdf", " --password u", "RC4-128 (Standard, V2, R3)"},
         {"plain.pdf", "", "none"},
-        {"ours.pdf", Holder("ann"), "AES-256 (Adobe.PubSec, V5, 2 recipient(s))"},
         {"ours.pdf", bob, "AES-256 (Adobe.PubSec, V5, 2 recipient(s))"},
         {"single.pdf", Holder("cy"), "AES-256 (Adobe.PubSec, V5, 1 recipient(s))"},
         {"box40.pdf", bob, "RC4-40 (Adobe.PubSec, V1, 2 recipient(s))"},
@@ -306,9 +289,9 @@ TEST_F(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
     EXPECT_TRUE(Contains(test::Run("qpdf --show-object=1 copy.pdf").output, "(en-GB)"));
     EXPECT_TRUE(Contains(test::Run("qpdf --show-object=8 --raw-stream-data copy.pdf").output,
                          "<x:xmpmeta>described in clear</x:xmpmeta>"));
-    EXPECT_TRUE(Contains(Zpdf("info --json aes128.pdf --password u").output,
-                         "\"encryption\": {\"filter\": \"Standard\", \"method\": \"AES-128\", "
-                         "\"version\": 4, \"revision\": 4}"));
+    EXPECT_TRUE(Contains(Zpdf("info --json again.pdf --password u").output,
+                         "\"encryption\": {\"filter\": \"Standard\", \"method\": \"AES-256\", "
+                         "\"version\": 5, \"revision\": 6}"));
     EXPECT_TRUE(Contains(Zpdf("info --json single.pdf" + Holder("cy")).output,
                          "\"encryption\": {\"filter\": \"Adobe.PubSec\", \"method\": "
                          "\"AES-256\", \"version\": 5, \"recipients\": 1}"));
@@ -330,14 +313,12 @@ TEST_F(EncryptionCli, EditingCommandsReadCertificateFilesWithAKey) {
     const std::string ann = Holder("ann"), lh = Holder("ann", "letterhead-");
     // Each command writes out.pdf, or split its first part out_1.
     const std::pair<std::string, std::vector<std::string>> cases[] = {
-        {"stamp plain.pdf source.pdf --at 0,-400" + lh, {"secret wordsE1 @@nd@@"}},
         {"stamp plain.pdf source.pdf --letterhead-page 3 --at 0,-400" + lh, {"secret wordsE3"}},
         {"stamp main.pdf" + ann + " extra.pdf --at 0,-400", {"secret wordsE1 @@nd@@"}},
         {"append plain.pdf source.pdf --pages 2" + ann + " source.pdf" + ann + " --pages 3",
          {"secret words", "E2", "E3"}},
         {"append main.pdf" + ann + " extra.pdf --pages 1", {"secret words", "E1 @@nd@@"}},
         {"replace plain.pdf 1 source.pdf --pages 2" + Holder("ann", "source-"), {"E2"}},
-        {"replace main.pdf" + ann + " 1 extra.pdf 3 3", {"E3"}},
         {"split source.pdf --pages z,1,2" + ann, {"E3", "E1 @@nd@@"}},
     };
     for (const auto& [args, pages] : cases) {

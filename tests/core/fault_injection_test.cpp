@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -56,14 +55,14 @@ struct Attempt {
     std::int32_t parts = -1;  // SplitPdf's count
 };
 
-// `steps`: how often, at least, a clean run passes each the hook; `prepare` runs without the
+// `steps`: how many steps, at least, a clean run passes the hook; `prepare` runs without the
 // hook; a failure returns HRESULT_FROM_WIN32(error) with `win32_failure`, E_FAIL otherwise;
 // `failed` checks what holds after the failure of a step of kind `op` at `path`, `succeeded`
 // what holds after success; the object holds `private_copies` "zpf" files after success and
 // `copies_while_open` after a failure that leaves its documents open.
 struct Scenario {
     const char* name;
-    std::map<fs::FileOp, int> steps;
+    std::size_t steps;
     std::function<void(Attempt&)> prepare;
     std::function<HResult(Attempt&)> call;
     bool win32_failure;
@@ -98,16 +97,14 @@ const Scenario kScenarios[] = {
     // is then in place. The append reads its page from a private copy of the extra file until
     // the documents close. (The secured saves take the same side-file road, with another
     // serialiser.)
-    {"Save",
-     {{Create, 1}, {Write, 2}, {Flush, 1}, {Attributes, 1}, {Close, 1}, {Move, 1}, {SyncFolder, 1}},
+    {"Save", 8,
      [](Attempt& a) {
          stdfs::copy_file(a.in.document, a.user_file = a.dir / "doc.pdf");
          ASSERT_EQ(a.object.SetPdfDocument(FromPath(a.user_file), 0, u""), hr::kOk);
          ASSERT_EQ(a.extra.SetPdfDocument(FromPath(a.in.extra), 0, u""), hr::kOk);
          ASSERT_EQ(a.object.AppendPages(&a.extra), hr::kOk) << a.object.LastErrorText();
      },
-     [](Attempt& a) { return a.object.Save(); },
-     false,
+     [](Attempt& a) { return a.object.Save(); }, false,
      [](Attempt& a, fs::FileOp op, const Path&) {
          EXPECT_EQ(a.object.IsDocumentOpen(), op != Move && op != SyncFolder);
          // Opened again, as the host does, and saved unchanged.
@@ -115,12 +112,8 @@ const Scenario kScenarios[] = {
              EXPECT_EQ(Pages(a.object), a.pages = 2);
          }
      },
-     [](Attempt& a) { EXPECT_EQ(QpdfPageCount(a.user_file), a.pages); },
-     0,
-     1},
-    {"SplitPdf",
-     {{Create, 3}, {Write, 3}, {Flush, 3}, {Close, 3}, {Move, 3}},
-     [](Attempt& a) { a.user_file = a.in.split_source; },
+     [](Attempt& a) { EXPECT_EQ(QpdfPageCount(a.user_file), a.pages); }, 0, 1},
+    {"SplitPdf", 15, [](Attempt& a) { a.user_file = a.in.split_source; },
      [](Attempt& a) {
          return a.object.SplitPdf(FromPath(a.in.split_source), FromPath(a.dir / "part"), &a.parts);
      },
@@ -130,29 +123,18 @@ const Scenario kScenarios[] = {
          const std::string name = path.filename().string();
          ExpectParts(a, std::stoi(name.substr(name.find('_') + 1)) - 1);
      },
-     [](Attempt& a) { ExpectParts(a, 3); },
-     0},
-    {"SetPdfDocumentEmbed",
-     {{Create, 1}, {Copy, 1}},
-     [](Attempt& a) { a.user_file = a.in.document; },
-     [](Attempt& a) { return a.object.SetPdfDocument(FromPath(a.in.document), -1, u""); },
-     true,
-     ExpectNoPath,
-     ExpectPrivateCopy,
-     1},
+     [](Attempt& a) { ExpectParts(a, 3); }, 0},
+    {"SetPdfDocumentEmbed", 2, [](Attempt& a) { a.user_file = a.in.document; },
+     [](Attempt& a) { return a.object.SetPdfDocument(FromPath(a.in.document), -1, u""); }, true,
+     ExpectNoPath, ExpectPrivateCopy, 1},
     // The temporary file is made and written through the handle that made it. A failure leaves
     // the object reset, with the fields read before the content (persistence_test checks those).
-    {"LoadEmbeddedRecord",
-     {{Create, 1}, {Write, 3}, {Flush, 1}, {Close, 1}},
-     [](Attempt&) {},
+    {"LoadEmbeddedRecord", 6, [](Attempt&) {},
      [](Attempt& a) {
          MemoryByteStream stream(a.in.record);
          return a.object.Load(stream);
      },
-     true,
-     ExpectNoPath,
-     ExpectPrivateCopy,
-     1},
+     true, ExpectNoPath, ExpectPrivateCopy, 1},
 };
 
 // Side files (".part") anywhere below `dir`.
@@ -190,57 +172,50 @@ TEST_P(FaultInjectionTest, EveryStepFailsCleanly) {
     std::vector<std::pair<fs::FileOp, Path>> clean;  // the steps of the clean run, n = 0
     for (std::size_t n = 0; n <= clean.size(); ++n) {
         const fs::FileOp op = n == 0 ? Read : clean[n - 1].first;
-        std::vector<int> errors = {n == 0 ? 0 : fs::kErrorDiskFull};
-        if (op == Create || op == Move) errors.push_back(fs::kErrorAccessDenied);
-        for (const int error : errors) {
-            const std::string name = "step" + std::to_string(n) + "-error" + std::to_string(error);
-            SCOPED_TRACE(name + (n == 0 ? "" : ": " + std::string(fs::FileOpName(op))));
-            Attempt a{in_, dir_ / "runs" / name};
-            stdfs::create_directories(a.dir);
-            scenario.prepare(a);
-            if (HasFatalFailure()) return;
-            const std::string before = a.user_file.empty() ? "" : ReadBytes(a.user_file);
-            // Every step the hook is asked about recorded; the n-th fails with `error`.
-            std::vector<std::pair<fs::FileOp, Path>> steps;
-            fs::SetFaultHook([&steps, n, error](fs::FileOp step, const Path& path) {
-                steps.emplace_back(step, path);
-                return steps.size() == n ? error : 0;
-            });
-            const HResult result = scenario.call(a);
-            fs::SetFaultHook(nullptr);
-            if (n == 0) {
-                clean = steps;
-                ASSERT_EQ(result, hr::kOk) << a.object.LastErrorText();
-            } else {
-                ASSERT_EQ(steps.size(), n) << "nothing is written after the failing step";
-                EXPECT_EQ(result, scenario.win32_failure ? hr::FromWin32(error) : hr::kFail);
-                EXPECT_FALSE(a.object.LastErrorText().empty());
-                // After the move only the folder's flush can fail: the new file is in place (the
-                // checks of success below look at it) and there is nothing to do again.
-                const bool moved = op == SyncFolder;
-                if (moved)
-                    EXPECT_NE(ReadBytes(a.user_file), before);
-                else
-                    EXPECT_EQ(a.user_file.empty() ? "" : ReadBytes(a.user_file), before);
-                EXPECT_EQ(SideFiles(dir_), 0);
-                EXPECT_EQ(PrivateCopies(),
-                          a.object.IsDocumentOpen() ? scenario.copies_while_open : 0u);
-                scenario.failed(a, op, clean[n - 1].second);
-                // The disk works again: the same object succeeds.
-                if (!moved) {
-                    EXPECT_EQ(scenario.call(a), hr::kOk) << a.object.LastErrorText();
-                }
-            }
-            scenario.succeeded(a);
+        const int error = n == 0 ? 0 : fs::kErrorDiskFull;
+        const std::string name = "step" + std::to_string(n);
+        SCOPED_TRACE(name + (n == 0 ? "" : ": " + std::string(fs::FileOpName(op))));
+        Attempt a{in_, dir_ / "runs" / name};
+        stdfs::create_directories(a.dir);
+        scenario.prepare(a);
+        if (HasFatalFailure()) return;
+        const std::string before = a.user_file.empty() ? "" : ReadBytes(a.user_file);
+        // Every step the hook is asked about recorded; the n-th fails with `error`.
+        std::vector<std::pair<fs::FileOp, Path>> steps;
+        fs::SetFaultHook([&steps, n, error](fs::FileOp step, const Path& path) {
+            steps.emplace_back(step, path);
+            return steps.size() == n ? error : 0;
+        });
+        const HResult result = scenario.call(a);
+        fs::SetFaultHook(nullptr);
+        if (n == 0) {
+            clean = steps;
+            ASSERT_EQ(result, hr::kOk) << a.object.LastErrorText();
+        } else {
+            ASSERT_EQ(steps.size(), n) << "nothing is written after the failing step";
+            EXPECT_EQ(result, scenario.win32_failure ? hr::FromWin32(error) : hr::kFail);
+            EXPECT_FALSE(a.object.LastErrorText().empty());
+            // After the move only the folder's flush can fail: the new file is in place (the
+            // checks of success below look at it) and there is nothing to do again.
+            const bool moved = op == SyncFolder;
+            if (moved)
+                EXPECT_NE(ReadBytes(a.user_file), before);
+            else
+                EXPECT_EQ(a.user_file.empty() ? "" : ReadBytes(a.user_file), before);
             EXPECT_EQ(SideFiles(dir_), 0);
-            EXPECT_EQ(PrivateCopies(), scenario.private_copies);
+            EXPECT_EQ(PrivateCopies(), a.object.IsDocumentOpen() ? scenario.copies_while_open : 0u);
+            scenario.failed(a, op, clean[n - 1].second);
+            // The disk works again: the same object succeeds.
+            if (!moved) {
+                EXPECT_EQ(scenario.call(a), hr::kOk) << a.object.LastErrorText();
+            }
         }
+        scenario.succeeded(a);
+        EXPECT_EQ(SideFiles(dir_), 0);
+        EXPECT_EQ(PrivateCopies(), scenario.private_copies);
     }
     EXPECT_EQ(PrivateCopies(), 0u) << "every object deletes its private copy";
-    std::map<fs::FileOp, int> seen;
-    for (const auto& step : clean) ++seen[step.first];
-    for (const auto& [op, count] : scenario.steps)
-        EXPECT_GE(seen[op], count) << fs::FileOpName(op) << " steps of a clean run";
+    EXPECT_GE(clean.size(), scenario.steps) << "steps of a clean run";
 }
 
 INSTANTIATE_TEST_SUITE_P(Writes, FaultInjectionTest, ::testing::ValuesIn(kScenarios),

@@ -34,7 +34,7 @@ public final class PubKeyProbe {
     private static final char[] STORE_PASSWORD = "probe".toCharArray();
 
     private static String valueOf(COSDictionary dict, String key) {
-        COSBase value = dict == null ? null : dict.getDictionaryObject(COSName.getPDFName(key));
+        COSBase value = dict.getDictionaryObject(COSName.getPDFName(key));
         if (value == null) return "absent";
         return value instanceof COSName ? ((COSName) value).getName() : value.toString();
     }
@@ -95,30 +95,27 @@ public final class PubKeyProbe {
                          "StmF", "StrF", "EncryptMetadata"}) {
                 System.out.println(entry + ": " + valueOf(dict, entry));
             }
+            // A missing entry or envelope ends the probe with an error: exit status 3.
             COSDictionary filters = (COSDictionary) dict.getDictionaryObject(COSName.CF);
-            COSDictionary filter = filters == null ? null
-                    : (COSDictionary) filters.getDictionaryObject(COSName.getPDFName("DefaultCryptFilter"));
-            System.out.println("CF keys: " + (filters == null ? "absent" : filters.keySet()));
+            COSDictionary filter = (COSDictionary) filters.getDictionaryObject(
+                    COSName.getPDFName("DefaultCryptFilter"));
+            System.out.println("CF keys: " + filters.keySet());
             System.out.println("CFM: " + valueOf(filter, "CFM"));
             System.out.println("CF Length: " + valueOf(filter, "Length"));
-            COSArray recipients = filter == null ? null
-                    : (COSArray) filter.getDictionaryObject(COSName.getPDFName("Recipients"));
-            System.out.println("Recipients: " + (recipients == null ? 0 : recipients.size()));
-            if (recipients != null && recipients.size() > 0) {
-                CMSEnvelopedData data =
-                        new CMSEnvelopedData(((COSString) recipients.getObject(0)).getBytes());
-                System.out.println("recipient infos: " + data.getRecipientInfos().size());
-                System.out.println("content cipher: " + data.getEncryptionAlgOID());
-                RecipientInformation mine = data.getRecipientInfos().get(new KeyTransRecipientId(
-                        new X500Name(certificate.getIssuerX500Principal().getName()),
-                        certificate.getSerialNumber()));
-                if (mine != null) {
-                    StringBuilder hex = new StringBuilder();
-                    for (byte b : mine.getContent(new JceKeyTransEnvelopedRecipient(key)))
-                        hex.append(String.format("%02x", b & 0xff));
-                    System.out.println("envelope content: " + hex);
-                }
-            }
+            COSArray recipients =
+                    (COSArray) filter.getDictionaryObject(COSName.getPDFName("Recipients"));
+            System.out.println("Recipients: " + recipients.size());
+            CMSEnvelopedData data =
+                    new CMSEnvelopedData(((COSString) recipients.getObject(0)).getBytes());
+            System.out.println("recipient infos: " + data.getRecipientInfos().size());
+            System.out.println("content cipher: " + data.getEncryptionAlgOID());
+            RecipientInformation mine = data.getRecipientInfos().get(new KeyTransRecipientId(
+                    new X500Name(certificate.getIssuerX500Principal().getName()),
+                    certificate.getSerialNumber()));
+            StringBuilder hex = new StringBuilder();
+            for (byte b : mine.getContent(new JceKeyTransEnvelopedRecipient(key)))
+                hex.append(String.format("%02x", b & 0xff));
+            System.out.println("envelope content: " + hex);
             System.out.println("Producer: " + document.getDocumentInformation().getProducer());
             System.out.println("pages: " + document.getNumberOfPages());
             System.out.println("text:");

@@ -125,8 +125,10 @@ bool QpdfCheckPasses(const std::filesystem::path& path) {
     return Run("qpdf --check " + Quote(path)).exit_code == 0;
 }
 
-std::string PdfToText(const std::filesystem::path& path) {
-    return Run("pdftotext -q " + Quote(path) + " -").output;
+std::string PdfToText(const std::filesystem::path& path, const std::string& password) {
+    const std::string open =
+        password.empty() ? "" : " -opw " + Quote(password) + " -upw " + Quote(password);
+    return Run("pdftotext -q" + open + " " + Quote(path) + " -").output;
 }
 
 TempFolderOverride::TempFolderOverride(const std::filesystem::path& folder) {

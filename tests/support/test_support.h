@@ -44,7 +44,8 @@ std::filesystem::path QpdfObjectStreams(const std::filesystem::path& in,
 // Independent readers.
 int QpdfPageCount(const std::filesystem::path& path);  // -1 when qpdf cannot read the file
 bool QpdfCheckPasses(const std::filesystem::path& path);
-std::string PdfToText(const std::filesystem::path& path);
+// The text of the document, opened with `password` (user's or owner's) when one is given.
+std::string PdfToText(const std::filesystem::path& path, const std::string& password = "");
 // The text of each page, by pdftotext, line breaks removed.
 std::vector<std::string> PdfPageTexts(const std::filesystem::path& path);
 

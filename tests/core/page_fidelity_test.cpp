@@ -200,6 +200,13 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
          "d1|Src one|Src two@@nd@@Src\u2713Blue",
          "p1:\n" + Annots("Src", {2, 3, 0, 0}, "chap2=p3") +
              "fields: name=Src agree=/Yes colour=Blue\n" + kNoParts},
+        // Copied within its document, a page gets annotations of its own.
+        {"replace with a page of its own", dst, dst,
+         [](Obj& d, Obj&, const Path&) { return d.ReplacePages(4, &d, 3, 3); },
+         "Dst one|Dst two@@nd@@Dst\u2713Blue|Dst three|Dst three",
+         kept.substr(0, kept.find("p4:")) +
+             "p4: Text Popup\nfields: name=Dst agree=/Yes colour=Blue\n" +
+             kept.substr(kept.find("outline:"))},
         {"replace a page others link to", src, dst,
          [](Obj& d, Obj& s, const Path&) { return d.ReplacePages(3, &s, 3, 3); },
          "Dst one|Dst two@@nd@@Dst\u2713Blue|Src three|Dst four", kept},

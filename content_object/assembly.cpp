@@ -139,11 +139,11 @@ HResult CZPdfContentObject::ImportContent(CZPdfContentObject* srcObject,
                     engine::MakePageFormXObject(doc, base + i).object_number;
             }
         } catch (const engine::EngineError&) {
-            for (int i = base; i < total; ++i) engine::DeletePage(doc, base);
+            engine::RemoveImportedPages(doc, base);
             throw;
         }
         // The imported pages only served as the source of the forms.
-        for (int i = base; i < total; ++i) engine::DeletePage(doc, base);
+        engine::RemoveImportedPages(doc, base);
         *pages = std::move(ids);
     } catch (const engine::EngineError& e) {
         return Fail(hr::kUnexpected, std::string("Cannot import the content: ") + e.what());

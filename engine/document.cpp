@@ -357,7 +357,7 @@ void Document::Write(ByteSink& sink) {
     options.do_encrypt = PDF_ENCRYPT_KEEP;
     MakePendingChanges(*impl_, -1);
     PlaceObjectsBeforeChanges(*impl_);
-    RunEngineWriter(impl_->ctx, impl_->doc, sink, options);
+    RunEngineWriter(*impl_, sink, options);
 }
 
 }  // namespace zpdf::engine

@@ -109,6 +109,8 @@ void PrepareForNewPages(fz_context* ctx, pdf_document* doc);
 // security restores its encryption dictionary first. Throws EngineError.
 void RunEngineWriter(fz_context* ctx, pdf_document* doc, ByteSink& sink,
                      const pdf_write_options& options);
+// The same for the document of `impl`, which frees what its removed pages left first.
+void RunEngineWriter(Document::Impl& impl, ByteSink& sink, const pdf_write_options& options);
 
 // A form XObject to be drawn on a page, recorded instead of made at once: a long print file
 // stamped on every page would otherwise hold every changed page in memory until it is written.
@@ -172,7 +174,18 @@ struct Document::Impl {
     SharedPlacementStreams placed_streams;
     // What is recorded to change in the pages and not made in the document yet.
     PendingPageChanges pending;
+    // The object numbers of the pages removed since the document was opened or last written,
+    // and of the forms made of imported pages: what the one left behind is freed before a
+    // write, what the other needs is kept.
+    std::vector<int> removed_pages;
+    std::vector<int> made_forms;
 };
+
+// Frees the objects that nothing in the document reaches any more once pages were removed from
+// it: the removed pages, and what only they used. Objects the forms made of imported pages and
+// the recorded placements use stay. Call it before any write of the document. Throws
+// EngineError.
+void FreeObjectsOfRemovedPages(Document::Impl& impl);
 
 // Makes the pending placements of the page at `index`, or all of them for -1, in the document
 // (placement.cpp). Throws EngineError.

@@ -35,9 +35,14 @@ bool RecordAppend(Document& dst, std::unique_ptr<AppendSource>& source);
 // appends recorded. Never throws.
 bool DiffersFromItsFile(Document& doc);
 
-// Removes page `index` from the page tree; the objects it used stay in the document. An index
-// past the end does nothing.
+// Removes page `index` from the page tree. The objects only it used stay in the document
+// until it is written, and are left out then. An index past the end does nothing.
 void DeletePage(Document& doc, int index);
+
+// Removes the pages from index `from` to the end that an import added only to make forms of
+// them. Unlike pages removed by DeletePage, what they used stays when the document is written:
+// the forms use it.
+void RemoveImportedPages(Document& doc, int from);
 
 // The second half of a replacement, once `count` new pages stand at index `at`: the `count`
 // pages that follow them leave the page tree (as many as there are), and the links, outline

@@ -482,8 +482,10 @@ void DeletePage(Document& doc, int index) {
     PlaceObjectsBeforeChanges(impl);
     fz_context* ctx = impl.ctx;
     volatile int removed_here = 0;
+    volatile int page = 0;
     fz_try(ctx) {
         if (index >= 0 && index < CountDocumentPages(impl)) {
+            page = pdf_obj_parent_num(ctx, LookupPage(impl, index));
             removed_here = RemoveFromParent(impl, index);
             if (removed_here == 0) pdf_delete_page(ctx, impl.doc, index);
         }
@@ -492,12 +494,20 @@ void DeletePage(Document& doc, int index) {
         PageTreeChanged(impl);
         ThrowCaught(ctx, ErrorCategory::Other, "cannot delete a page");
     }
+    if (page > 0) impl.removed_pages.push_back(static_cast<int>(page));
     // The cache follows a removal of our own; the engine's may have changed the tree otherwise.
     if (removed_here != 0) {
         impl.page_numbers.erase(impl.page_numbers.begin() + index);
     } else {
         PageTreeChanged(impl);
     }
+}
+
+void RemoveImportedPages(Document& doc, int from) {
+    Document::Impl& impl = doc.Internals();
+    const std::size_t removed_before = impl.removed_pages.size();
+    for (int i = from, total = doc.PageCount(); i < total; ++i) DeletePage(doc, from);
+    impl.removed_pages.resize(removed_before);
 }
 
 }  // namespace zpdf::engine

@@ -382,6 +382,7 @@ FormXObjectInfo MakePageFormXObject(Document& doc, int page_index) {
     fz_catch(ctx) {
         ThrowCaught(ctx, ErrorCategory::Page, "cannot make a form of the page");
     }
+    if (number > 0) doc.Internals().made_forms.push_back(static_cast<int>(number));
     return FormXObjectInfo{number, width, height};
 }
 

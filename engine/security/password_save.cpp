@@ -73,7 +73,7 @@ void SaveWithPasswords(Document& doc, ByteSink& sink,
     CopyPassword(options.opwd_utf8, owner_password);
 
     const VersionOverride header(impl.doc, 17);
-    RunEngineWriter(impl.ctx, impl.doc, sink, options);
+    RunEngineWriter(impl, sink, options);
 }
 
 }  // namespace zpdf::engine

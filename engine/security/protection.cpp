@@ -60,7 +60,7 @@ void SaveProtected(Document& doc, ByteSink& sink, const std::string& user_passwo
     options.permissions = permissions;
     CopyPassword(options.upwd_utf8, user_password);
     CopyPassword(options.opwd_utf8, owner_password);
-    RunEngineWriter(impl.ctx, impl.doc, sink, options);
+    RunEngineWriter(impl, sink, options);
 }
 
 void SaveDecrypted(Document& doc, ByteSink& sink) {

@@ -549,12 +549,14 @@ class DocumentWriter {
 
 void WriteEncryptedDocument(Document::Impl& impl, pdf_obj* encrypt_dict,
                             ObjectEncryption& encryption, ByteSink& sink) {
+    FreeObjectsOfRemovedPages(impl);
     DocumentWriter writer(impl, sink, &encryption);
     writer.Write(encrypt_dict);
 }
 
 void WritePlainDocument(Document::Impl& impl, ByteSink& sink) {
     CheckCatalog(impl.ctx, impl.doc);
+    FreeObjectsOfRemovedPages(impl);
     DocumentWriter writer(impl, sink, nullptr);
     writer.Write(nullptr);
     // Reading every object can make the engine rebuild a damaged table, and a rebuild that

@@ -111,4 +111,9 @@ void RunEngineWriter(fz_context* ctx, pdf_document* doc, ByteSink& sink,
     }
 }
 
+void RunEngineWriter(Document::Impl& impl, ByteSink& sink, const pdf_write_options& options) {
+    FreeObjectsOfRemovedPages(impl);
+    RunEngineWriter(impl.ctx, impl.doc, sink, options);
+}
+
 }  // namespace zpdf::engine

@@ -1,0 +1,109 @@
+// Pages taken out of a document leave nothing of theirs in the file written next, whichever
+// writer writes it, while everything still in use stays.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "core/open_object.h"
+
+namespace zpdf {
+namespace {
+
+using namespace test;  // NOLINT: the helpers of these tests
+
+// Every object of `file`, those nothing refers to included, its streams as they are stored.
+std::string AllObjects(const Path& file, const std::string& password) {
+    return test::Run("qpdf --qdf --object-streams=disable --preserve-unreferenced --password=" +
+                     Quote(password) + " " + Quote(file) + " -")
+        .output;
+}
+
+// Page 1 shows "SECRET one" and has a note "SECRET note"; a structure element names it. Page 2
+// shows "kept two".
+std::string DocumentBytes() {
+    return PdfFile({"<< /Type /Catalog /Pages 2 0 R /StructTreeRoot 8 0 R >>",
+                    "<< /Type /Pages /Kids [3 0 R 4 0 R] /Count 2 /MediaBox [0 0 300 300] "
+                    "/Resources << /Font << /F1 7 0 R >> >> >>",
+                    "<< /Type /Page /Parent 2 0 R /Contents 5 0 R /Annots [9 0 R] >>",
+                    "<< /Type /Page /Parent 2 0 R /Contents 6 0 R >>",
+                    PdfStream("", "BT /F1 12 Tf 20 200 Td (SECRET one) Tj ET"),
+                    PdfStream("", "BT /F1 12 Tf 20 200 Td (kept two) Tj ET"),
+                    "<< /Type /Font /Subtype /Type1 /BaseFont /Helvetica >>",
+                    "<< /Type /StructTreeRoot /K 10 0 R >>",
+                    "<< /Type /Annot /Subtype /Text /Rect [0 0 20 20] /Contents (SECRET note) "
+                    "/P 3 0 R >>",
+                    "<< /Type /StructElem /S /P /P 8 0 R /Pg 3 0 R /K 0 >>"});
+}
+
+// Page 1 replaced by a page "new", the letterhead placed or not, written by the engine's writer,
+// ours, or with passwords.
+TEST(RemovedPages, LeaveNothingOfTheirsInTheFile) {
+    const Path dir = ScratchDir(), file = dir / "doc.pdf", out = dir / "out.pdf";
+    const Path replacement = LabelledPdf(dir / "new.pdf", {"new"});
+    const Path letterhead = LabelledPdf(dir / "lh.pdf", {"letterhead"});
+    const auto form_of = [&](Obj& object) {
+        Obj source;
+        OpenQuietly(source, letterhead);
+        std::vector<std::uint32_t> ids;
+        EXPECT_EQ(object.ImportContent(&source, &ids), hr::kOk);
+        return ids.at(0);
+    };
+    const auto replace = [&](Obj& object) {
+        Obj source;
+        OpenQuietly(source, replacement);
+        return object.ReplacePages(1, &source, 1, 1);
+    };
+    const struct {
+        const char* name;
+        std::function<HResult(Obj&)> run;  // on the document, which writes `out`
+        std::vector<std::string> pages;
+        const char* password = "";  // of the document and of `out`
+    } cases[] = {
+        {"saved",
+         [&](Obj& o) { return replace(o) == hr::kOk ? o.SaveTo(out) : hr::kFail; },
+         {"new", "kept two"}},
+        {"stamped after the replacement",
+         [&](Obj& o) {
+             const std::uint32_t form = form_of(o);
+             return replace(o) == hr::kOk && o.PlaceContent(form, 2, 0, -560, 1, 1, 0) == hr::kOk
+                        ? o.SaveTo(out)
+                        : hr::kFail;
+         },
+         {"new", "kept twoletterhead"}},
+        {"a form imported before, placed after a save",
+         [&](Obj& o) {
+             const std::uint32_t form = form_of(o);
+             if (replace(o) != hr::kOk || o.Save() != hr::kOk) return hr::kFail;
+             return o.PlaceContent(form, 1, 0, -560, 1, 1, 0) == hr::kOk ? o.SaveTo(out)
+                                                                         : hr::kFail;
+         },
+         {"newletterhead", "kept two"}},
+        {"saved with passwords",
+         [&](Obj& o) {
+             return replace(o) == hr::kOk ? o.SaveWithSecurityTo(out, u"u", u"o") : hr::kFail;
+         },
+         {"new", "kept two"},
+         "u"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        WriteBytes(file, DocumentBytes());
+        if (*c.password != '\0') {
+            QpdfEncrypt(file, dir / "locked.pdf", c.password, "o", 256);
+            std::filesystem::rename(dir / "locked.pdf", file);
+        }
+        Obj object;
+        OpenQuietly(object, file, FromAnsi(c.password));
+        ASSERT_EQ(c.run(object), hr::kOk) << object.LastErrorText();
+        const std::string objects = AllObjects(out, c.password);
+        EXPECT_EQ(objects.find("SECRET"), std::string::npos);
+        EXPECT_NE(objects.find("kept two"), std::string::npos) << objects;
+        const ToolResult plain = test::Run("qpdf --decrypt --password=" + Quote(c.password) + " " +
+                                           Quote(out) + " " + Quote(dir / "plain.pdf"));
+        EXPECT_EQ(plain.exit_code, 0) << plain.output;
+        EXPECT_EQ(PdfPageTexts(dir / "plain.pdf"), c.pages);
+    }
+}
+
+}  // namespace
+}  // namespace zpdf

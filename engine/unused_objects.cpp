@@ -55,6 +55,7 @@ void ReleaseListedPage(fz_context* ctx, pdf_obj* kid, int, void* state) {
 // The object `num`, a new reference; null for one that is free or cannot be read.
 pdf_obj* LoadIfReadable(fz_context* ctx, pdf_document* doc, int num) {
     pdf_obj* obj = nullptr;
+    fz_var(obj);
     fz_try(ctx) {
         const pdf_xref_entry* entry = pdf_get_xref_entry_no_null(ctx, doc, num);
         if (entry->type == 'n' || entry->type == 'o') obj = pdf_load_object(ctx, doc, num);

@@ -35,53 +35,32 @@ std::string DocumentBytes() {
                     "<< /Type /StructElem /S /P /P 8 0 R /Pg 3 0 R /K 0 >>"});
 }
 
-// Page 1 replaced by a page "new", the letterhead placed or not, written by the engine's writer,
-// ours, or with passwords.
+// Page 1 replaced by a page "new", then the letterhead placed or not, and the document written
+// by the engine's writer, ours, or with passwords.
 TEST(RemovedPages, LeaveNothingOfTheirsInTheFile) {
     const Path dir = ScratchDir(), file = dir / "doc.pdf", out = dir / "out.pdf";
     const Path replacement = LabelledPdf(dir / "new.pdf", {"new"});
     const Path letterhead = LabelledPdf(dir / "lh.pdf", {"letterhead"});
-    const auto form_of = [&](Obj& object) {
-        Obj source;
-        OpenQuietly(source, letterhead);
-        std::vector<std::uint32_t> ids;
-        EXPECT_EQ(object.ImportContent(&source, &ids), hr::kOk);
-        return ids.at(0);
-    };
-    const auto replace = [&](Obj& object) {
-        Obj source;
-        OpenQuietly(source, replacement);
-        return object.ReplacePages(1, &source, 1, 1);
+    const auto place = [](Obj& o, std::uint32_t form, std::int32_t page) {
+        return o.PlaceContent(form, page, 0, -560, 1, 1, 0) == hr::kOk;
     };
     const struct {
         const char* name;
-        std::function<HResult(Obj&)> run;  // on the document, which writes `out`
+        std::function<bool(Obj&, std::uint32_t form)> finish;  // writes `out`
         std::vector<std::string> pages;
         const char* password = "";  // of the document and of `out`
     } cases[] = {
-        {"saved",
-         [&](Obj& o) { return replace(o) == hr::kOk ? o.SaveTo(out) : hr::kFail; },
-         {"new", "kept two"}},
+        {"saved", [&](Obj& o, auto) { return o.SaveTo(out) == hr::kOk; }, {"new", "kept two"}},
         {"stamped after the replacement",
-         [&](Obj& o) {
-             const std::uint32_t form = form_of(o);
-             return replace(o) == hr::kOk && o.PlaceContent(form, 2, 0, -560, 1, 1, 0) == hr::kOk
-                        ? o.SaveTo(out)
-                        : hr::kFail;
-         },
+         [&](Obj& o, auto form) { return place(o, form, 2) && o.SaveTo(out) == hr::kOk; },
          {"new", "kept twoletterhead"}},
         {"a form imported before, placed after a save",
-         [&](Obj& o) {
-             const std::uint32_t form = form_of(o);
-             if (replace(o) != hr::kOk || o.Save() != hr::kOk) return hr::kFail;
-             return o.PlaceContent(form, 1, 0, -560, 1, 1, 0) == hr::kOk ? o.SaveTo(out)
-                                                                         : hr::kFail;
+         [&](Obj& o, auto form) {
+             return o.Save() == hr::kOk && place(o, form, 1) && o.SaveTo(out) == hr::kOk;
          },
          {"newletterhead", "kept two"}},
         {"saved with passwords",
-         [&](Obj& o) {
-             return replace(o) == hr::kOk ? o.SaveWithSecurityTo(out, u"u", u"o") : hr::kFail;
-         },
+         [&](Obj& o, auto) { return o.SaveWithSecurityTo(out, u"u", u"o") == hr::kOk; },
          {"new", "kept two"},
          "u"},
     };
@@ -92,9 +71,14 @@ TEST(RemovedPages, LeaveNothingOfTheirsInTheFile) {
             QpdfEncrypt(file, dir / "locked.pdf", c.password, "o", 256);
             std::filesystem::rename(dir / "locked.pdf", file);
         }
-        Obj object;
+        Obj object, source, head;
         OpenQuietly(object, file, FromAnsi(c.password));
-        ASSERT_EQ(c.run(object), hr::kOk) << object.LastErrorText();
+        OpenQuietly(source, replacement);
+        OpenQuietly(head, letterhead);
+        std::vector<std::uint32_t> forms;
+        ASSERT_EQ(object.ImportContent(&head, &forms), hr::kOk);
+        ASSERT_EQ(object.ReplacePages(1, &source, 1, 1), hr::kOk);
+        ASSERT_TRUE(c.finish(object, forms.at(0))) << object.LastErrorText();
         const std::string objects = AllObjects(out, c.password);
         EXPECT_EQ(objects.find("SECRET"), std::string::npos);
         EXPECT_NE(objects.find("kept two"), std::string::npos) << objects;

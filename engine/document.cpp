@@ -132,6 +132,19 @@ void ReleaseUnchangedObjects(fz_context* ctx, pdf_document* doc) noexcept {
     }
 }
 
+pdf_obj* LoadReadableObject(fz_context* ctx, pdf_document* doc, int num) noexcept {
+    pdf_obj* obj = nullptr;
+    fz_var(obj);
+    fz_try(ctx) {
+        const pdf_xref_entry* entry = pdf_get_xref_entry_no_null(ctx, doc, num);
+        if (entry->type == 'n' || entry->type == 'o') obj = pdf_load_object(ctx, doc, num);
+    }
+    fz_catch(ctx) {
+        obj = nullptr;
+    }
+    return obj;
+}
+
 void NoteWork(Document::Impl& impl) noexcept {
     constexpr unsigned kWorkBetweenReleases = 256;
     if (++impl.work_since_release < kWorkBetweenReleases) return;

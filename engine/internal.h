@@ -214,6 +214,18 @@ inline void MakePendingChanges(Document::Impl& impl, int index) {
 // long document would hold all of it. A pointer borrowed into a dropped object dangles: call it
 // only where nothing up the stack holds one. Never throws.
 void ReleaseUnchangedObjects(fz_context* ctx, pdf_document* doc) noexcept;
+// The object `num` (a new reference), or null for one that is free or cannot be read. Never
+// throws.
+pdf_obj* LoadReadableObject(fz_context* ctx, pdf_document* doc, int num) noexcept;
+// Object streams, cross-reference streams and the linearization dictionary describe the
+// layout of the file the document was read from; nothing refers to them, and no writer keeps
+// them.
+inline bool IsSourceStructure(fz_context* ctx, pdf_obj* obj) {
+    if (!pdf_is_dict(ctx, obj)) return false;
+    pdf_obj* type = pdf_dict_get(ctx, obj, PDF_NAME(Type));
+    return pdf_name_eq(ctx, type, PDF_NAME(ObjStm)) || pdf_name_eq(ctx, type, PDF_NAME(XRef)) ||
+           pdf_dict_get(ctx, obj, PDF_NAME(Linearized)) != nullptr;
+}
 // Objects a pass over the whole document (a writer, a search) reads between two releases.
 inline constexpr int kObjectsBetweenReleases = 1024;
 // Counts one unit of per-page work on the document of `impl` and releases its unchanged objects

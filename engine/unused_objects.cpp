@@ -52,28 +52,6 @@ void ReleaseListedPage(fz_context* ctx, pdf_obj* kid, int, void* state) {
     if (num > 0 && num < std::ssize(barred)) barred[num] = false;
 }
 
-// The object `num`, a new reference; null for one that is free or cannot be read.
-pdf_obj* LoadIfReadable(fz_context* ctx, pdf_document* doc, int num) {
-    pdf_obj* obj = nullptr;
-    fz_var(obj);
-    fz_try(ctx) {
-        const pdf_xref_entry* entry = pdf_get_xref_entry_no_null(ctx, doc, num);
-        if (entry->type == 'n' || entry->type == 'o') obj = pdf_load_object(ctx, doc, num);
-    }
-    fz_catch(ctx) {
-        obj = nullptr;
-    }
-    return obj;
-}
-
-// Object streams, cross-reference streams and the linearization dictionary are never referred
-// to, yet the objects packed in them are read through them.
-bool DescribesTheFile(fz_context* ctx, pdf_obj* obj) {
-    pdf_obj* type = pdf_dict_get(ctx, obj, PDF_NAME(Type));
-    return pdf_name_eq(ctx, type, PDF_NAME(ObjStm)) || pdf_name_eq(ctx, type, PDF_NAME(XRef)) ||
-           pdf_dict_get(ctx, obj, PDF_NAME(Linearized)) != nullptr;
-}
-
 }  // namespace
 
 void FreeObjectsOfRemovedPages(Document::Impl& impl) {
@@ -96,7 +74,7 @@ void FreeObjectsOfRemovedPages(Document::Impl& impl) {
     for (int walked = 1; !reach.todo.empty(); ++walked) {
         const int num = reach.todo.back();
         reach.todo.pop_back();
-        if (pdf_obj* obj = LoadIfReadable(ctx, doc, num)) {
+        if (pdf_obj* obj = LoadReadableObject(ctx, doc, num)) {
             reach.AddReferences(ctx, obj);
             pdf_drop_obj(ctx, obj);
         }
@@ -105,9 +83,9 @@ void FreeObjectsOfRemovedPages(Document::Impl& impl) {
     fz_try(ctx) {
         for (int num = 1; num < std::ssize(reach.reached); ++num) {
             if (reach.reached[num]) continue;
-            pdf_obj* obj = LoadIfReadable(ctx, doc, num);
+            pdf_obj* obj = LoadReadableObject(ctx, doc, num);
             if (obj == nullptr) continue;
-            const bool keep = DescribesTheFile(ctx, obj);
+            const bool keep = IsSourceStructure(ctx, obj);
             pdf_drop_obj(ctx, obj);
             if (!keep) pdf_delete_object(ctx, doc, num);
         }

@@ -263,15 +263,6 @@ struct AppendedRun {
     }
 };
 
-// Object streams, cross-reference streams and the linearization dictionary describe the
-// source's layout, which is not kept.
-bool IsSourceStructure(fz_context* ctx, pdf_obj* obj) {
-    if (!pdf_is_dict(ctx, obj)) return false;
-    pdf_obj* type = pdf_dict_get(ctx, obj, PDF_NAME(Type));
-    return pdf_name_eq(ctx, type, PDF_NAME(ObjStm)) || pdf_name_eq(ctx, type, PDF_NAME(XRef)) ||
-           pdf_dict_get(ctx, obj, PDF_NAME(Linearized)) != nullptr;
-}
-
 // ---- The writer: the document's own objects, each page with its placements drawn in, the
 // pages of recorded appends with the objects they use, the table and the trailer ----
 

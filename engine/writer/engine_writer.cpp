@@ -59,14 +59,14 @@ bool HoldsEmptyName(fz_context* ctx, pdf_obj* obj, int depth) {
 // The objects are loaded here as the writer loads them next; one it cannot read is left to
 // the writer to report.
 int ObjectHoldsEmptyName(fz_context* ctx, pdf_document* doc, int num) {
+    pdf_obj* obj = LoadReadableObject(ctx, doc, num);
+    if (obj == nullptr) return 0;
     volatile int found = 0;
     fz_try(ctx) {
-        const pdf_xref_entry* entry = pdf_get_xref_entry_no_null(ctx, doc, num);
-        if (entry->type == 'n' || entry->type == 'o') {
-            pdf_obj* obj = pdf_load_object(ctx, doc, num);
-            found = HoldsEmptyName(ctx, obj, 0);
-            pdf_drop_obj(ctx, obj);
-        }
+        found = HoldsEmptyName(ctx, obj, 0);
+    }
+    fz_always(ctx) {
+        pdf_drop_obj(ctx, obj);
     }
     fz_catch(ctx) {
         found = 0;

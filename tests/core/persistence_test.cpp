@@ -129,9 +129,10 @@ TEST_F(PersistenceTest, EmbeddedRecordWithAPathReadsNoContentAndKeepsTheFile) {
     EXPECT_EQ(test::ReadBytes(victim), "user data");
 }
 
-// Records the object refuses, or whose n-th stream read fails, loaded over an object holding an
-// embedded document: before the version is accepted nothing changes; after it the object is
-// reset and keeps the fields read so far, and no private copy is left. A refused string record
+// Records the object refuses, or whose n-th stream read fails, or whose private copy finds the
+// disk full, loaded over an object holding an embedded document: before the version is accepted
+// nothing changes; after it the object is reset and keeps the fields read so far, and no private
+// copy is left. A refused string record
 // leaves the stream at its count. The dirty flag stays clear.
 TEST_F(PersistenceTest, RefusedRecords) {
     const Bytes a = Str("a"), over_limit = U32(record::kMaxStringBytes + 1);
@@ -143,12 +144,14 @@ TEST_F(PersistenceTest, RefusedRecords) {
         std::optional<State> state;
         long position;  // where the stream is left; -1: not checked
         int failing_read = 0;
+        bool disk_full = false;
     } cases[] = {
         {U32(2) + a + kEmbedFalse + kNull, hr::kUnexpected, kUntouched, -1},
         // The version, the password's text and a piece of the content fail to read.
         {kEmbedded, test::kStreamReadFault, kUntouched, -1, 1},
         {kEmbedded, test::kStreamReadFault, State{u"", -1, u""}, 12, 6},
         {kEmbedded, test::kStreamReadFault, State{u"", -1, u"pw"}, -1, 9},
+        {kEmbedded, hr::FromWin32(fs::kErrorDiskFull), State{u"", -1, u"pw"}, -1, 0, true},
         {kV1 + HexBytes("0500"), hr::kFail, kReset, 4},  // path count cut short
         {kV1 + U32(1) + HexBytes("0000"), hr::kFail, kReset, 4},
         {kV1 + over_limit, hr::kAccessDenied, kReset, 4},
@@ -166,7 +169,11 @@ TEST_F(PersistenceTest, RefusedRecords) {
         const State before = Of(object);
         test::FaultInjectingStream stream(c.record);
         stream.FailRead(c.failing_read);
+        fs::SetFaultHook([&](fs::FileOp op, const Path&) {
+            return c.disk_full && op == fs::FileOp::Write ? fs::kErrorDiskFull : 0;
+        });
         EXPECT_EQ(object.Load(stream), c.result);
+        fs::SetFaultHook(nullptr);
         EXPECT_EQ(object.IsDirty(), hr::kFalse);
         EXPECT_EQ(Of(object), c.state.value_or(before));
         EXPECT_EQ(stdfs::exists(ToPath(*std::get<0>(before))), !c.state) << "a reset deletes it";
@@ -180,8 +187,7 @@ TEST_F(PersistenceTest, RefusedRecords) {
 
 // A save whose k-th stream write, or k-th read of the private copy, fails, for every k: the
 // failure is returned at once with nothing written after it, and the object is unchanged, dirty
-// flag included. So for a private copy that is gone. (Every failing disk step of a load, which
-// writes the private copy, is in fault_injection_test.cpp.)
+// flag included. So for a private copy that is gone.
 TEST_F(PersistenceTest, FailingSaves) {
     CZPdfContentObject object;
     ASSERT_EQ(LoadBytes(object, kEmbedded), hr::kOk);

@@ -45,7 +45,6 @@ TEST(Concurrency, EightThreadsRunTheTypicalJobAtOnce) {
         std::filesystem::create_directories(root / Label(i));
         documents.push_back(Document(root / Label(i), i));
     }
-    ASSERT_FALSE(HasFailure());
 
     // Standard error is not captured: a sanitizer's report must reach it.
     {

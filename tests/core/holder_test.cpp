@@ -35,45 +35,30 @@ TEST(Holder, RejectedPathKeepsTheEarlierDocument) {
         ASSERT_EQ(object.GetPdfDocument(&held), hr::kOk);
         EXPECT_EQ(held, good);
         EXPECT_EQ(object.PasswordText(), OptionalText(u"pw"));
-        EXPECT_EQ(object.EmbedFlag(), 0);
-        EXPECT_EQ(object.GetPdfDocument(nullptr), hr::kPointer);
     }
 }
 
 // Documents of every kind the holder meets, the password given, and what loading says: the
-// calls that need the document open it once, or try again when it failed. Features the engine
-// does not support are named.
+// calls that need the document open it once, or try again when it failed.
 TEST(Holder, LoadingTable) {
     const Path dir = ScratchDir();
     const Path plain = TextPdf(dir / "plain.pdf", {"first", "second"});
     const Path aes128 = QpdfEncrypt(plain, dir / "aes128.pdf", "user", "owner", 128);
     WriteBytes(dir / "garbage.pdf", std::string(4096, '\x17') + "not a pdf at all");
-    WriteBytes(dir / "features.pdf",
-               samples::PdfFromObjects(
-                   {"<< /Type /Catalog /Pages 2 0 R /Collection << >> /Perms << >> /Names << "
-                    "/EmbeddedFiles << >> >> /AcroForm << /Fields [] /XFA [] /SigFlags 3 >> >>",
-                    "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
-                    "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 100 100] >>"}));
     const std::string kNonLinear = "Non-linearized path...\n",
                       kFailed = "Load pdf docs unsuccessful: ",
                       kPassword = kFailed + "Password required or incorrect password.\n",
                       kDamaged = kFailed + "File not in PDF format or corrupted.\n";
-    const std::vector<std::string> kFeatures = {"XFA", "Portfolios_Packages", "Attachment",
-                                                "Rights_Management", "Digital_Signature"};
     const struct Case {
         Path file;
         OptionalText password;
         int pages;                // -1: refused
         std::string diagnostics;  // of one attempt to open
-        std::vector<std::string> features = {};
     } cases[] = {
         {plain, u"", 2, kNonLinear},
-        {QpdfLinearize(plain, dir / "linear.pdf"), u"", 2, "Linearized path...\n"},
         {aes128, std::nullopt, -1, kNonLinear + kPassword},
-        {aes128, u"", -1, kNonLinear + kPassword},
         {aes128, u"user", 2, kNonLinear},
         {dir / "garbage.pdf", u"", -1, kNonLinear + kDamaged},
-        {dir / "features.pdf", u"", 1, kNonLinear, kFeatures},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file.filename().string());
@@ -83,15 +68,11 @@ TEST(Holder, LoadingTable) {
         double width = 0, height = 0;
         const HResult result = c.pages < 0 ? hr::kUnexpected : hr::kOk;
         ::testing::internal::CaptureStderr();
-        EXPECT_EQ(object.PageCount(&pages), result);
         EXPECT_EQ(object.GetPageSize(1, &width, &height), result);
         EXPECT_EQ(object.PageCount(&pages), result);
         EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-                  c.pages < 0 ? c.diagnostics + c.diagnostics + c.diagnostics : c.diagnostics);
+                  c.pages < 0 ? c.diagnostics + c.diagnostics : c.diagnostics);
         EXPECT_EQ(pages, std::max(c.pages, 0));
-        EXPECT_EQ(object.IsDocumentOpen(), c.pages >= 0);
-        EXPECT_EQ(c.pages > 0 ? object.EngineDocument().UnsupportedFeatures() : c.features,
-                  c.features);
     }
     EXPECT_EQ(LoadErrorText(42), "Unknown error 42");
 }
@@ -103,57 +84,48 @@ TEST(Save, NothingOpenedMeansNothingWritten) {
     const Path file = TextPdf(ScratchDir() / "doc.pdf", {"x"});
     OpenQuietly(object, file);
     ASSERT_EQ(object.Save(), hr::kOk);
-    const std::string bytes = ReadBytes(file);
     const auto written = stdfs::last_write_time(file);
     EXPECT_EQ(object.Save(), hr::kOk);
-    EXPECT_EQ(ReadBytes(file), bytes);
     EXPECT_EQ(stdfs::last_write_time(file), written);
 }
 
 constexpr std::int32_t kWholePage = CZPdfContentObject::kDrawWholePage;
 
-// A 200 x 300 pt page with a black square from (50,100) to (100,150) in page space (y up), so at
-// 72 dpi its pixels are x 50..99 and y 150..199 (y down); and that page rotated, and cropped.
-Path SquarePages() {
+// Without a document the answers are neutral; pages the document does not have are refused.
+// The square lands where the page says, and the draw rectangle clips it.
+TEST(Geometry, SizesAndDrawing) {
+    // A 200 x 300 pt page with a black square from (50,100) to (100,150) in page space (y up),
+    // so at 72 dpi its pixels are x 50..99 and y 150..199 (y down); and that page rotated, and
+    // cropped.
     const std::string square = samples::FilledRect(50, 100, 50, 50);
     const Path file = ScratchDir() / "square.pdf";
-    EXPECT_TRUE(samples::WriteFile(
+    ASSERT_TRUE(samples::WriteFile(
         file, samples::BuildPdf({{200, 300, 0, square, ""},
                                  {200, 300, 90, square, ""},
                                  {200, 300, 0, square, "/CropBox [10 20 110 70]"}})));
-    return file;
-}
-
-// Without a document the answers are neutral; pages the document does not have are refused.
-TEST(Geometry, NeutralAnswersAndRefusals) {
     Obj none, object;
-    OpenQuietly(object, SquarePages());
+    OpenQuietly(object, file);
     EXPECT_EQ(Pages(none), 0);
     EXPECT_EQ(PageSize(none, 1), Size(0, 0));
     EXPECT_EQ(none.PageCount(nullptr), hr::kPointer);
     double width = 5;
     EXPECT_EQ(object.GetPageSize(1, nullptr, &width), hr::kPointer);
-    EXPECT_EQ(object.GetPageSize(1, &width, nullptr), hr::kPointer);
     EXPECT_EQ(object.GetPageSize(4, &width, &width), hr::kInvalidArg);
     EXPECT_EQ(width, 0.0);
     EXPECT_EQ(PageSize(object, 0), Size(-1, -1));
-    RasterDeviceContext dc(20, 20);
-    EXPECT_EQ(none.DrawPageToDC(dc, 1, 0, 0, 20, 20, 0, 0, 0, 0, 0), hr::kFalse);
-    EXPECT_EQ(object.DrawPageToDC(dc, 4, 0, 0, 20, 20, 0, 0, 0, 0, 0), hr::kInvalidArg);
-    EXPECT_EQ(object.DrawPageToDC(dc, 0, 0, 0, 20, 20, 0, 0, 0, 0, kWholePage), hr::kUnexpected);
-    EXPECT_EQ(dc.DrawCalls(), 0u);
+    RasterDeviceContext small(20, 20);
+    EXPECT_EQ(none.DrawPageToDC(small, 1, 0, 0, 20, 20, 0, 0, 0, 0, 0), hr::kFalse);
+    EXPECT_EQ(object.DrawPageToDC(small, 4, 0, 0, 20, 20, 0, 0, 0, 0, 0), hr::kInvalidArg);
+    EXPECT_EQ(object.DrawPageToDC(small, 0, 0, 0, 20, 20, 0, 0, 0, 0, kWholePage), hr::kUnexpected);
     // Sizes as the page shows: turned, and cut to the crop box.
     EXPECT_EQ(PageSize(object, 1), Size(200, 300));
     EXPECT_EQ(PageSize(object, 2), Size(300, 200));
     EXPECT_EQ(PageSize(object, 3), Size(100, 50));
-}
 
-// Large drawings are cut into bands of bounded size: at 8 pixels per point a band holds 1310 rows
-// of the page, and the second starts inside the square.
-TEST(Drawing, SquareLandsWhereThePageSaysAndTheDrawRectangleClips) {
-    // `scale` device pixels per point; the page rectangle at `left`, `top` on the device; the
-    // draw rectangle `draw_width` wide at the device's origin (0: none); `right_half` of the
-    // square drawn.
+    // Large drawings are cut into bands of bounded size: at 8 pixels per point a band holds
+    // 1310 rows of the page, and the second starts inside the square. `scale` device pixels per
+    // point; the page rectangle at `left`, `top` on the device; the draw rectangle `draw_width`
+    // wide at the device's origin (0: none); `right_half` of the square drawn.
     const struct {
         const char* name;
         int scale, left, top, draw_width;
@@ -163,10 +135,7 @@ TEST(Drawing, SquareLandsWhereThePageSaysAndTheDrawRectangleClips) {
         {"576 dpi, moved, in bands", 8, 30, 17, 0, 0, true},
         {"draw rectangle on the left half", 1, 0, 0, 75, 0, false},
         {"whole-page option, draw rectangle ignored", 1, 0, 0, 75, kWholePage, true},
-        {"negative draw rectangle, ignored", 1, 0, 0, -5, 0, true},
     };
-    Obj object;
-    OpenQuietly(object, SquarePages());
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         RasterDeviceContext dc(200 * c.scale + c.left + 10, 300 * c.scale + c.top + 10);
@@ -210,22 +179,18 @@ void Open(Obj& object, const Path& file, bool draw = false) {
 }
 
 TEST(OpenHandles, EveryRoadThatClosesGivesTheHandlesBack) {
-    // Three pages that each end a part for the split, that document encrypted, and one page.
+    // Three pages that each end a part for the split, and one page.
     const Path dir = ScratchDir();
     const Path document =
         LabelledPdf(dir / "document.pdf", {"one @@nd@@", "two @@nd@@", "three @@nd@@"});
     const Path extra = LabelledPdf(dir / "extra.pdf", {"extra"});
-    const Path encrypted = QpdfEncrypt(document, dir / "encrypted.pdf", "user", "owner", 256);
     std::unique_ptr<Obj> object;
     Obj source;
     std::int32_t parts = 0;
-    const auto split = [&] {
-        return object->SplitPdf(FromPath(document), FromPath(dir / "part"), &parts);
-    };
     const auto save = [&] { return object->Save(); };
     const auto close = [&](HResult result) { return object->CloseDocuments(), result; };
-    // `open` leaves documents open, holding `held` handles (-1: not checked); `close` closes
-    // them and gives `result`.
+    // `open` leaves documents open, holding `held` handles; `close` closes them and gives
+    // `result`.
     const struct {
         const char* name;
         std::function<void()> open;
@@ -235,7 +200,6 @@ TEST(OpenHandles, EveryRoadThatClosesGivesTheHandlesBack) {
     } cases[] = {
         {"drawn, CloseDocuments", [&] { Open(*object, document, true); }, 1,
          [&] { return close(hr::kOk); }},
-        {"drawn, Save", [&] { Open(*object, document, true); }, 1, save},
         // The appended pages are read from a private copy of the source until the save.
         {"appended pages, Save, CloseDocuments of the source",
          [&] {
@@ -246,17 +210,8 @@ TEST(OpenHandles, EveryRoadThatClosesGivesTheHandlesBack) {
          3, [&] { return save() == hr::kOk ? (source.CloseDocuments(), hr::kOk) : hr::kFail; }},
         {"Save failing at a write, CloseDocuments", [&] { Open(*object, document); }, 1,
          [&] { return close(Failing(fs::FileOp::Write, save)); }, hr::kFail},
-        {"wrong password, CloseDocuments",
-         [&] {
-             ASSERT_EQ(object->SetPdfDocument(FromPath(encrypted), 0, u"wrong"), hr::kOk);
-             EXPECT_EQ(Pages(*object), -1);
-         },
-         -1, [&] { return close(hr::kOk); }},
-        {"another document set", [&] { Open(*object, document); }, 1,
-         [&] { return object->SetPdfDocument(FromPath(extra), 0, u""); }},
-        {"the object destroyed", [&] { Open(*object, document, true); }, 1,
-         [&] { return object.reset(), hr::kOk; }},
-        {"SplitPdf", [] {}, 0, split},
+        {"SplitPdf", [] {}, 0,
+         [&] { return object->SplitPdf(FromPath(document), FromPath(dir / "part"), &parts); }},
     };
 
     ::testing::internal::CaptureStderr();
@@ -268,7 +223,7 @@ TEST(OpenHandles, EveryRoadThatClosesGivesTheHandlesBack) {
         object = std::make_unique<Obj>();
         const int before = OpenDescriptors();
         c.open();
-        EXPECT_TRUE(c.held < 0 || OpenDescriptors() == before + c.held) << "while open";
+        EXPECT_EQ(OpenDescriptors(), before + c.held) << "while open";
         EXPECT_EQ(c.close(), c.result);
         EXPECT_EQ(OpenDescriptors(), before) << "after closing";
     }

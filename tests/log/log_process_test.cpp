@@ -14,7 +14,6 @@ TEST(LogProcess, ManagerReadsTheFileChosenBeforeFirstUse) {
     test::WriteBytes(ini, "[categories]\nPDF=error," + log + "\n[output]\nlevel=1\ncategory=1\n");
 
     ASSERT_TRUE(LogManager::SetConfigPath(ini));
-    EXPECT_EQ(LogManager::ConfigPath(), ini);
 
     PdfLog().Info("dropped");
     PdfLog().Error("kept %d", 7);

@@ -150,6 +150,7 @@ TEST(Files, ReplaceChangesTheContentAndNothingElse) {
 
 // Two writers of one file in one process: the second cannot start while the first writes, and
 // a writer whose file was replaced or created under it fails at the move instead of winning.
+// A writer that has not finished its data cannot move it.
 TEST(Files, TwoWritersNeverBothSucceed) {
     const Path dir = test::ScratchDir();
     const Path target = dir / "doc.pdf";
@@ -176,6 +177,9 @@ TEST(Files, TwoWritersNeverBothSucceed) {
     fs::FileReplacement third(target);
     ASSERT_EQ(third.Open(), 0);
     ASSERT_EQ(third.Write("three", 5), 0);
+    // A side file still being written never takes the target's place.
+    EXPECT_EQ(third.Replace(), fs::kErrorGenFailure);
+    EXPECT_EQ(test::ReadBytes(target), "two");
     ASSERT_EQ(third.FinishData(), 0);
     test::WriteBytes(target, "outside");
     EXPECT_EQ(third.Replace(), fs::kErrorSharingViolation);

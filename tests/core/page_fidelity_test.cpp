@@ -105,8 +105,7 @@ std::string Annots(const std::string& tag, std::array<int, 4> at, const std::str
     return out;
 }
 
-// A page drawn with an optional content group that its document hides, and a second page; the
-// first ends a part for the split.
+// A page drawn with an optional content group that its document hides, and a second page.
 std::string OptionalContentPdf() {
     return samples::PdfFromObjects({
         "<< /Type /Catalog /Pages 2 0 R /OCProperties << /OCGs [5 0 R 7 0 R]"
@@ -193,8 +192,6 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
          appended("chap2=p2", "Src", "p6")},
         {"append other names", src, InteractivePdf("Dst", "appendix"), append,
          Texts("Dst") + "|" + Texts("Src"), appended("appendix=p2", "Src", "chap2=p6")},
-        {"append itself", dst, dst, [](Obj& d, Obj&, const Path&) { return d.AppendPages(&d); },
-         Texts("Dst") + "|" + Texts("Dst"), appended("chap2=p2", "Dst", "p6")},
         {"replace", src, plain,
          [](Obj& d, Obj& s, const Path&) { return d.ReplacePages(2, &s, 1, 2); },
          "d1|Src one|Src two@@nd@@Src\u2713Blue",
@@ -210,11 +207,6 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
         {"replace a page others link to", src, dst,
          [](Obj& d, Obj& s, const Path&) { return d.ReplacePages(3, &s, 3, 3); },
          "Dst one|Dst two@@nd@@Dst\u2713Blue|Src three|Dst four", kept},
-        {"split", src, "", split, "Src one|Src two@@nd@@Src\u2713Blue / Src three|Src four",
-         Annots("Src", {1, 2, 0, 0}, "chap2=p2") + "fields: name=Src agree=/Yes colour=Blue\n" +
-             "outline: Chapter A>p1(Section A.1>p2)\nlabels: r1 A-D5\n" + kSplitParts + "--\n" +
-             Annots("Src", {0, 0, 1, 2}, "") + "fields: sign=-\n" +
-             "outline: Chapter B>p1(Section B.1>p2)\nlabels: A-D6 A-D7\n" + kSplitParts},
         {"split after page 3", InteractivePdf("Src", "chap2", 3), "", split,
          "Src one|Src twoSrc\u2713Blue|Src three@@nd@@ / Src four",
          Annots("Src", {1, 2, 3, 0}, "chap2=p2") + "fields: name=Src agree=/Yes colour=Blue\n" +
@@ -235,7 +227,6 @@ TEST(PageFidelity, PagesKeepAnnotationsLinksAndFields) {
          append, "d1|shown@@nd@@|last"},
         {"hidden content into one that hides by default", OptionalContentPdf(), hiding, append,
          "d1|shown@@nd@@|last"},
-        {"hidden content split", OptionalContentPdf(), "", split, "shown@@nd@@ / last"},
         {"keys written at save", KeysPdf(""), LabelledBytes({"d1"}), append, "d1|s1|s2",
          "p1:\np2: /AA /Dur /PieceInfo /Tabs open>p3\np3: /Trans\nfields:\n" + kNoParts},
         {"keys copied at once",

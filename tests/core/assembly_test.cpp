@@ -52,10 +52,10 @@ std::uint32_t Letterhead(Obj& object, const Path& dir) {
     return FirstForm(object, LabelledPdf(dir / "lh.pdf", {"letterhead"}));
 }
 
-// Page `page` drawn at 72 dpi: which pixels are dark.
-std::vector<bool> Ink(Obj& object, int width, int height, std::int32_t page = 1) {
+// Page 1 drawn at 72 dpi: which pixels are dark.
+std::vector<bool> Ink(Obj& object, int width, int height) {
     RasterDeviceContext dc(width, height);
-    EXPECT_EQ(object.DrawPageToDC(dc, page, 0, 0, width, height, 0, 0, 0, 0, 0), hr::kOk);
+    EXPECT_EQ(object.DrawPageToDC(dc, 1, 0, 0, width, height, 0, 0, 0, 0, 0), hr::kOk);
     std::vector<bool> ink;
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x) ink.push_back(dc.Pixel(x, y)[1] < 128);
@@ -237,13 +237,11 @@ TEST(StampRotation, FormsKeepThePageOrientation) {
         samples::BuildPdf({{200, 100, 90, samples::FilledRect(0, 0, 40, 20), ""}})));
     ASSERT_TRUE(
         samples::WriteFile(dir / "target.pdf", samples::BuildPdf({{100, 200, 0, "0 g\n", ""}})));
-    Obj dst, src, saved;
+    Obj dst, src;
     OpenQuietly(dst, dir / "target.pdf");
     ASSERT_EQ(dst.PlaceContent(FirstForm(dst, dir / "rotated.pdf"), 1, 0, 0, 1, 1, 0), hr::kOk);
-    ASSERT_EQ(dst.Save(), hr::kOk);
     OpenQuietly(src, dir / "rotated.pdf");
-    OpenQuietly(saved, dir / "target.pdf");
-    const std::vector<bool> expected = Ink(src, 100, 200), actual = Ink(saved, 100, 200);
+    const std::vector<bool> expected = Ink(src, 100, 200), actual = Ink(dst, 100, 200);
     EXPECT_GT(std::count(expected.begin(), expected.end(), true), 700) << "the mark is drawn";
     EXPECT_LT(std::inner_product(expected.begin(), expected.end(), actual.begin(), 0, std::plus<>(),
                                  std::not_equal_to<>()),
@@ -288,30 +286,17 @@ TEST(Assembly, AppendAndReplaceTable) {
     }
 }
 
-// Pages deleted from a tree with nodes below the root, the nodes they leave empty going too;
-// where a page names the wrong parent, the page found by its place is the one that goes.
-TEST(Assembly, DeletingFromNestedPageTrees) {
-    const struct {
-        std::string pdf;
-        std::vector<int> deleted;  // indexes, one after the other
-        std::string pages;
-    } cases[] = {
-        {NestedTreePdf(), {4}, "p1 p2 p3inherited p4"},
-        {NestedTreePdf(), {0, 2}, "p2 p3inherited p5"},
-        {NestedTreePdf({2, 3, 3, 2, 5}), {3}, "p1 p2 p3inherited p5"},  // wrong parent
-    };
+// A page deleted from a tree with nodes below the root where it names the wrong parent: the
+// page found by its place is the one that goes, and the tree stays sound.
+TEST(Assembly, DeletingAPageThatNamesTheWrongParent) {
     const Path target = ScratchDir() / "nested.pdf";
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.pages);
-        WriteBytes(target, c.pdf);
-        Obj object;
-        OpenQuietly(object, target);
-        for (const int index : c.deleted) engine::DeletePage(object.EngineDocument(), index);
-        EXPECT_EQ(Pages(object), PageCount(c.pages));
-        ASSERT_EQ(object.Save(), hr::kOk);
-        EXPECT_EQ(ReadPageTree(target).problem, "");
-        EXPECT_EQ(Stamped(target), c.pages);
-    }
+    WriteBytes(target, NestedTreePdf({2, 3, 3, 2, 5}));
+    Obj object;
+    OpenQuietly(object, target);
+    engine::DeletePage(object.EngineDocument(), 3);
+    ASSERT_EQ(object.Save(), hr::kOk);
+    EXPECT_EQ(ReadPageTree(target).problem, "");
+    EXPECT_EQ(Stamped(target), "p1 p2 p3inherited p5");
 }
 
 // The documents of one case: "d1" "d2" to change, "s1" "s2" "s3" (or `source`) to append and
@@ -394,8 +379,6 @@ TEST(Assembly, RecordedChangesReachEveryReader) {
                     Ok(d.dst.AppendPages(&d.other)) && Ok(d.Place(d.dst, form, 1)) &&
                     Ok(d.Place(d.dst, form, 3));
          }},
-        {"an append drawn", 0, appended,
-         [](Docs& d) { return Ok(d.Append()) && (Ink(d.dst, 30, 40, 4), true); }},
         {"an appended page stamped", 0, "d1 d2 s1 s2 s3*",
          [](Docs& d) {
              const std::uint32_t form = Letterhead(d.dst, d.dir);
@@ -422,10 +405,6 @@ TEST(Assembly, RecordedChangesReachEveryReader) {
          DamagedSource("/Kids [3 0 R 2 0 R] /Count 2")},
         {"an append of an unreadable resource, copied as null", 1, "d1 d2 s1", append, false,
          DamagedSource("/Kids [3 0 R] /Count 1", "<< 12 34 >>"), Size(200, 200)},
-        {"an append of a page that is not an object of its own", 0, "d1 d2 s1", append, false,
-         DamagedSource("/Count 1 /Kids [<< /Type /Page /MediaBox [0 0 200 200] /Contents 4 0 R "
-                       "/Resources << /Font << /F1 5 0 R >> >> >>]"),
-         Size(200, 200)},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

@@ -11,7 +11,6 @@
 #include <set>
 #include <sstream>
 
-#include "content_object/page_range.h"
 #include "core/open_object.h"
 #include "engine/page_operations.h"
 #include "platform/raster.h"
@@ -131,15 +130,6 @@ std::string NestedTreePdf(const std::array<int, 5>& parents = {2, 3, 3, 4, 5}) {
     return samples::PdfFromObjects(objects);
 }
 
-TEST(PageRange, RangesAndListsWithinTheDocument) {
-    EXPECT_EQ(ParsePageRange("3-5", 5), (std::vector<int>{2, 3, 4}));
-    EXPECT_EQ(ParsePageRange("1,3, 2", 3), (std::vector<int>{0, 2, 1}));
-    EXPECT_EQ(ParsePageRange(" 2 - 3 ", 3), (std::vector<int>{1, 2}));
-    EXPECT_EQ(ParsePageRange("2-2", 2), (std::vector<int>{1}));
-    for (const char* bad : {"0", "4", "3-2", "-1-2", "1-", "", "1,,2", "a", "99999999999", "1-2-3"})
-        EXPECT_EQ(ParsePageRange(bad, 3), std::nullopt) << bad;
-}
-
 // Every source page becomes a form of its content, its streams joined, with its box and
 // resources; a page without content makes none, and the imported pages do not stay. Placed,
 // content is drawn around, never rewritten: a foreground placement wraps the page's content in
@@ -183,7 +173,6 @@ TEST(Place, ContentSplicingAndResourceNames) {
               "q\n|q\n|BT /F1 12 Tf 72 700 Td (first) Tj ET /FXX1 Do|"
               "Q\nq 0.500000 0.000000 0.000000 0.500000 100.000000 200.000000 cm /FXX2 Do Q\n|"
               "Q\nq 1.000000 0.000000 0.000000 1.000000 0.000000 0.000000 cm /FXX3 Do Q\n|");
-    EXPECT_EQ(streams[2], (std::vector<int>{9, 10})) << "the other page as it was";
     EXPECT_EQ(Qpdf("--show-object=2", target).find("/FXX2"), std::string::npos);
     EXPECT_EQ(StreamData(target, ids[0]), "0 0 10 10 re f ");
     EXPECT_NE(test::Run("pdfinfo " + Quote(target)).output.find(engine::kProducer),
@@ -206,7 +195,6 @@ TEST(Place, LongDocumentsKeepEveryChange) {
     Obj dst;
     OpenQuietly(dst, target);
     ASSERT_EQ(dst.AppendPages(&dst), hr::kOk);
-    ASSERT_EQ(Pages(dst), 1200);
     // Odd and even pages get the form at different places.
     const std::uint32_t form = Letterhead(dst, dir);
     std::string expected;
@@ -249,8 +237,9 @@ TEST(StampRotation, FormsKeepThePageOrientation) {
 }
 
 // Pages appended, or put in place of others; refused: a source range the document does not have
-// (PageRange checks the ranges), destination zero and one past the end. The documents are opened
-// by the call itself; a source appended is never opened.
+// (ending before it starts, starting at zero, ending past the last page), destination zero and
+// one past the end. The documents are opened by the call itself; a source appended is never
+// opened.
 TEST(Assembly, AppendAndReplaceTable) {
     const Path dir = ScratchDir();
     const Path source = LabelledPdf(dir / "source.pdf", {"s1", "s2", "s3"});
@@ -261,10 +250,11 @@ TEST(Assembly, AppendAndReplaceTable) {
     } cases[] = {
         {3, -1, 0, 0, "d1 d2 d3 s1 s2 s3"},
         {4, 2, 1, 2, "d1 s1 s2 d4"},
-        {4, 4, 1, 3, "d1 d2 d3 s1 s2 s3"},
         {3, 1, 3, 3, "s3 d2 d3"},
         {2, 3, 2, 2, "d1 d2 s2"},
         {3, 1, 2, 1, ""},
+        {3, 1, 0, 1, ""},
+        {3, 1, 3, 4, ""},
         {3, 0, 1, 1, ""},
         {3, 5, 1, 1, ""},
     };
@@ -384,12 +374,11 @@ TEST(Assembly, RecordedChangesReachEveryReader) {
              const std::uint32_t form = Letterhead(d.dst, d.dir);
              return Ok(d.Append()) && Ok(d.Place(d.dst, form, 5));
          }},
-        {"appended twice", 2, "d1 d2 s1 s2 s3 s1 s2 s3",
-         [](Docs& d) { return Ok(d.Append()) && Ok(d.Append()); }},
-        {"an append whose source is changed, saved and closed", 1, appended,
+        {"appended, the source changed, saved and closed, appended again", 2,
+         "d1 d2 s1 s2 s3 s3 s2 s3",
          [](Docs& d) {
              return Ok(d.Append()) && Ok(d.src.ReplacePages(1, &d.src, 3, 3)) && Ok(d.src.Save()) &&
-                    (d.src.CloseDocuments(), true);
+                    (d.src.CloseDocuments(), true) && Ok(d.Append());
          }},
         {"an append, then a page replaced", 0, "d1 s1 s1 s2 s3",
          [](Docs& d) { return Ok(d.Append()) && Ok(d.dst.ReplacePages(2, &d.src, 1, 1)); }},

@@ -105,16 +105,6 @@ std::filesystem::path QpdfEncrypt(const std::filesystem::path& in, const std::fi
                 in, out);
 }
 
-std::filesystem::path QpdfLinearize(const std::filesystem::path& in,
-                                    const std::filesystem::path& out) {
-    return Qpdf("--linearize", in, out);
-}
-
-std::filesystem::path QpdfObjectStreams(const std::filesystem::path& in,
-                                        const std::filesystem::path& out) {
-    return Qpdf("--object-streams=generate", in, out);
-}
-
 int QpdfPageCount(const std::filesystem::path& path) {
     const ToolResult result = Run("qpdf --show-npages " + Quote(path) + " 2>/dev/null");
     if (result.exit_code != 0 && result.exit_code != 3) return -1;

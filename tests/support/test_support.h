@@ -36,10 +36,6 @@ std::filesystem::path TextPdf(const std::filesystem::path& path,
 // qpdf transformations of an existing document.
 std::filesystem::path QpdfEncrypt(const std::filesystem::path& in, const std::filesystem::path& out,
                                   const std::string& user, const std::string& owner, int bits);
-std::filesystem::path QpdfLinearize(const std::filesystem::path& in,
-                                    const std::filesystem::path& out);
-std::filesystem::path QpdfObjectStreams(const std::filesystem::path& in,
-                                        const std::filesystem::path& out);
 
 // Independent readers.
 int QpdfPageCount(const std::filesystem::path& path);  // -1 when qpdf cannot read the file

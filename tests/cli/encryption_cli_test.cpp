@@ -1,8 +1,9 @@
 // zpdf's security commands as a user meets them: files encrypted by protect and
-// protect-pubkey are read back by qpdf and zpdf, and decrypt opens files that PDFBox and zpdf
-// itself secured. Each test works in its own folder, with files named relatively.
+// protect-pubkey are read back by qpdf and zpdf, and decrypt opens files that PDFBox, zpdf itself
+// and a hand-made writer secured. Each test works in its own folder, with files named relatively.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <tuple>
@@ -61,6 +62,77 @@ class EncryptionCli : public test::InScratchFolder {
         test::TextPdf("plain.pdf", {"secret words"});
     }
 };
+
+// ---- A certificate-secured file written by hand, in the layout other writers use: objects in
+// an encrypted object stream, a cross-reference stream, metadata left in clear ----
+
+std::string Hex(const std::string& bytes) {
+    std::string out;
+    char digits[3];
+    for (const unsigned char c : bytes) out.append(digits, std::snprintf(digits, 3, "%02X", c));
+    return out;
+}
+
+// The output of an openssl command reading `input`: named last for dgst, with -in otherwise.
+std::string OpenSsl(const std::string& args, const std::string& input) {
+    test::WriteBytes("ssl-in.bin", input);
+    stdfs::remove("ssl-out.bin");
+    const std::string in = args.rfind("dgst", 0) == 0 ? " ssl-in.bin" : " -in ssl-in.bin";
+    EXPECT_EQ(test::Run("openssl " + args + " -out ssl-out.bin" + in).exit_code, 0) << args;
+    return test::ReadBytes("ssl-out.bin");
+}
+
+// One page secured for the holder of `cert` with AES-256: catalog, page tree and page in an
+// encrypted object stream (5), the content (4), the encryption dictionary (6) and the metadata
+// (7), left in clear, found through a cross-reference stream (8).
+std::string HandMadeCertificateFile(const std::string& cert) {
+    const std::string seed = "twenty bytes of seed", all_allowed = "\xFF\xFF\xFF\xFF";
+    const std::string envelope =
+        OpenSsl("cms -encrypt -binary -outform DER -des3 -recip " + cert, seed + all_allowed);
+    const std::string key = OpenSsl("dgst -sha256 -binary", seed + envelope + all_allowed);
+    const auto aes = [&key](const std::string& data) {  // as AESV3 stores it: the IV in front
+        const std::string iv = "0123456789abcdef";
+        return iv + OpenSsl("enc -aes-256-cbc -K " + Hex(key) + " -iv " + Hex(iv), data);
+    };
+    const std::string packed[] = {
+        "<< /Type /Catalog /Pages 2 0 R /Metadata 7 0 R /Lang (en-GB) >>",
+        "<< /Type /Pages /Kids [3 0 R] /Count 1 >>",
+        "<< /Type /Page /Parent 2 0 R /MediaBox [0 0 300 200] /Contents 4 0 R /Resources << "
+        "/Font << /F1 << /Type /Font /Subtype /Type1 /BaseFont /Helvetica >> >> >> >>",
+    };
+    std::string header, body;
+    for (int i = 0; i < 3; ++i) {
+        header += std::to_string(i + 1) + " " + std::to_string(body.size()) + " ";
+        body += packed[i] + "\n";
+    }
+    const std::string objects[] = {
+        test::PdfStream("", aes("BT /F1 18 Tf 20 100 Td (secret words) Tj ET")),
+        test::PdfStream("/Type /ObjStm /N 3 /First " + std::to_string(header.size()),
+                        aes(header + body)),
+        "<< /Filter /Adobe.PubSec /SubFilter /adbe.pkcs7.s5 /V 5 /R 4 /StmF /DefaultCryptFilter "
+        "/StrF /DefaultCryptFilter /CF << /DefaultCryptFilter << /CFM /AESV3 /Length 256 "
+        "/EncryptMetadata false /Recipients [<" +
+            Hex(envelope) + ">] >> >> >>",
+        test::PdfStream("/Type /Metadata /Subtype /XML",
+                        "<x:xmpmeta>described in clear</x:xmpmeta>"),
+    };
+    // The cross-reference stream's entries: a type, 4 bytes of offset or object stream, 2 of index.
+    std::string file = "%PDF-1.7\n", table("\0\0\0\0\0\xFF\xFF", 7);
+    for (int i = 0; i < 3; ++i) table += std::string("\2\0\0\0\5\0", 6) + static_cast<char>(i);
+    for (int num = 4; num <= 8; ++num) {
+        table += '\1';
+        for (int shift = 24; shift >= 0; shift -= 8)
+            table += static_cast<char>(file.size() >> shift);
+        table += std::string("\0\0", 2);
+        if (num < 8) file += std::to_string(num) + " 0 obj\n" + objects[num - 4] + "\nendobj\n";
+    }
+    return file + "8 0 obj\n" +
+           test::PdfStream(
+               "/Type /XRef /Size 9 /W [1 4 2] /Root 1 0 R /Encrypt 6 0 R /ID "
+               "[<00112233445566778899AABBCCDDEEFF> <00112233445566778899AABBCCDDEEFF>]",
+               table) +
+           "\nendobj\nstartxref\n" + std::to_string(file.size()) + "\n%%EOF\n";
+}
 
 // protect on plain and encrypted sources: revision 6 under the chosen passwords (from the
 // command line, a file or the environment), the permissions as asked, read back by qpdf.
@@ -148,7 +220,7 @@ TEST_F(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
 
 // decrypt writes a plain copy that poppler reads, from files secured with passwords by protect, for
 // a recipient by zpdf (each certificate of a bundle, and from a source secured with a password),
-// by PDFBox (its RC4 and AES-128 kinds); info and
+// by PDFBox (its RC4 and AES-128 kinds) and by hand in other writers' layout; info and
 // render open them with the same key, and report the encryption of the file itself: each branch
 // of that report (none, passwords, recipients) once.
 TEST_F(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
@@ -164,6 +236,7 @@ TEST_F(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
     ASSERT_EQ(Zpdf("protect again.pdf" + Holder("ann") + " --user u --owner o").exit_code, 0);
     Secure("again.pdf --password u", "ann-cert.pem", "single.pdf");
     Secure("single.pdf" + Holder("ann"), "cy-cert.pem", "");
+    test::WriteBytes("packed.pdf", HandMadeCertificateFile("ann-cert.pem"));
     const std::string bob = Holder("bob");
     // Each source, how it opens, and the encryption info reports of it.
     const std::tuple<std::string, std::string, std::string> sources[] = {
@@ -174,6 +247,7 @@ TEST_F(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
         {"box40.pdf", bob, "RC4-40 (Adobe.PubSec, V1, 2 recipient(s))"},
         {"box128.pdf", bob, "RC4-128 (Adobe.PubSec, V2, 2 recipient(s))"},
         {"box128-aes.pdf", bob, "AES-128 (Adobe.PubSec, V4, 2 recipient(s))"},
+        {"packed.pdf", Holder("ann"), "AES-256 (Adobe.PubSec, V5, 1 recipient(s))"},  // the last
     };
     for (const auto& [source, opener, encryption] : sources) {
         SCOPED_TRACE(source + opener);
@@ -184,6 +258,11 @@ TEST_F(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
         const std::string info = Zpdf("info " + source + opener).output;
         EXPECT_TRUE(Contains(info, "\nencryption: " + encryption + "\npages: 1\n")) << info;
     }
+    // The hand-made file's strings were encrypted with their object stream, not one by one; its
+    // metadata was in clear.
+    EXPECT_TRUE(Contains(test::Run("qpdf --show-object=1 copy.pdf").output, "(en-GB)"));
+    EXPECT_TRUE(Contains(test::Run("qpdf --show-object=7 --raw-stream-data copy.pdf").output,
+                         "<x:xmpmeta>described in clear</x:xmpmeta>"));
     EXPECT_TRUE(Contains(Zpdf("info --json again.pdf --password u").output,
                          "\"encryption\": {\"filter\": \"Standard\", \"method\": \"AES-256\", "
                          "\"version\": 5, \"revision\": 6}"));

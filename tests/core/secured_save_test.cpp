@@ -167,6 +167,8 @@ TEST(SecuredSaveTest, CertificateSaveIsReadByPdfBox) {
 TEST(SecuredSaveTest, RefusalsLeaveTheFileAsItWas) {
     const Path dir = ScratchDir();
     const OptionalText good = MakeCertificate(dir, "Alice");
+    const OptionalText curve =
+        MakeCertificate(dir, "Curve", "ec -pkeyopt ec_paramgen_curve:prime256v1");
     using Save = std::function<HResult(Obj&)>;
     const Save password = [](Obj& o) { return o.SaveWithSecurity(u"u", u"o"); };
     const auto to = [](std::vector<OptionalText> list) {
@@ -184,6 +186,7 @@ TEST(SecuredSaveTest, RefusalsLeaveTheFileAsItWas) {
         {kWrongPassword, to({good}), hr::kUnexpected, "Password"},
         {kPlain, to({good}), hr::kFail, "not encrypted"},
         {kEncrypted, to({good, std::nullopt}), hr::kFail, "Recipient 2"},
+        {kEncrypted, to({curve}), hr::kFail, "Recipient 1 has an EC key"},
         {kEncrypted, to({}), hr::kInvalidArg, "empty"},
     };
     const Path plain = TextPdf(dir / "plain.pdf", {"Quarterly figures"});

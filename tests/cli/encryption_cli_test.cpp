@@ -20,14 +20,6 @@ using test::Contains;
 using test::Quote;
 using test::Zpdf;
 
-// A self-signed certificate and its private key: NAME-cert.pem and NAME-key.pem.
-void MakeCertificate(const std::string& name) {
-    ASSERT_EQ(test::Run("openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=" + name +
-                        " -keyout " + name + "-key.pem -out " + name + "-cert.pem 2>/dev/null")
-                  .exit_code,
-              0);
-}
-
 // The options that open a file as NAME's holder, or a letterhead or source with `prefix`.
 std::string Holder(const std::string& name, const std::string& prefix = "") {
     return " --" + prefix + "key " + name + "-key.pem --" + prefix + "cert " + name + "-cert.pem";
@@ -48,10 +40,6 @@ test::ToolResult Probe(const std::string& args) {
     return test::Run(std::string(ZPDF_JAVA) + " -XX:+UseSerialGC -XX:TieredStopAtLevel=1" + cache +
                      " -cp " + Quote(ZPDF_PROBE_CLASSPATH) + " PubKeyProbe " + args +
                      " 2>/dev/null");
-}
-
-std::string ShowEncryption(const std::string& file, const std::string& password) {
-    return test::Run("qpdf --show-encryption --password=" + Quote(password) + " " + file).output;
 }
 
 // Each test in a fresh folder of its own, which holds plain.pdf.
@@ -163,10 +151,11 @@ TEST_F(EncryptionCli, ProtectWritesPasswordsAndPermissions) {
         const auto result = Zpdf("protect " + args);
         ASSERT_EQ(result.exit_code, 0) << result.output;
         EXPECT_TRUE(Contains(result.output, out + ": written")) << result.output;
-        const std::string as_user = ShowEncryption(out, user);
+        const std::string as_user = test::ShowEncryption(out, user);
         EXPECT_TRUE(Contains(as_user, "R = 6\nP = " + p + "\n")) << as_user;
         EXPECT_TRUE(Contains(as_user, "Supplied password is user password")) << as_user;
-        EXPECT_TRUE(Contains(ShowEncryption(out, owner), "Supplied password is owner password"));
+        EXPECT_TRUE(
+            Contains(test::ShowEncryption(out, owner), "Supplied password is owner password"));
     }
     EXPECT_EQ(test::ReadBytes("limited.pdf"), limited_bytes) << "-o leaves the source alone";
 }
@@ -176,7 +165,7 @@ TEST_F(EncryptionCli, ProtectWritesPasswordsAndPermissions) {
 // A certificate-secured FILE is not edited in place,
 // which would leave it without its security.
 TEST_F(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
-    for (const char* name : {"ann", "cy"}) MakeCertificate(name);
+    for (const char* name : {"ann", "cy"}) test::MakeCertificate(".", name);
     Secure("plain.pdf", "ann-cert.pem", "ours.pdf");
     test::QpdfEncrypt("plain.pdf", "locked.pdf", "u", "o", 256);
     const std::string before = test::ReadBytes("ours.pdf"), ann = Holder("ann"), o = " -o out.pdf";
@@ -224,7 +213,7 @@ TEST_F(EncryptionCli, SecurityCommandsRefuseWhatTheyCannotDo) {
 // render open them with the same key, and report the encryption of the file itself: each branch
 // of that report (none, passwords, recipients) once.
 TEST_F(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
-    for (const char* name : {"ann", "bob", "cy"}) MakeCertificate(name);
+    for (const char* name : {"ann", "bob", "cy"}) test::MakeCertificate(".", name);
     test::WriteBytes("bundle.pem",
                      test::ReadBytes("ann-cert.pem") + test::ReadBytes("bob-cert.pem"));
     Secure("plain.pdf", "bundle.pem", "ours.pdf");
@@ -278,7 +267,7 @@ TEST_F(EncryptionCli, DecryptOpensEveryKindOfSecurity) {
 // and certificate, whether it is the file edited (to -o only), a letterhead or a source of
 // pages; the result is written plain, with the pages of both files, page by page.
 TEST_F(EncryptionCli, EditingCommandsReadCertificateFilesWithAKey) {
-    MakeCertificate("ann");
+    test::MakeCertificate(".", "ann");
     test::TextPdf("extra.pdf", {"E1 @@nd@@", "E2", "E3"});
     Secure("plain.pdf", "ann-cert.pem", "main.pdf");
     Secure("extra.pdf", "ann-cert.pem", "source.pdf");

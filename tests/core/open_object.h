@@ -1,6 +1,6 @@
 // Helpers of the content object's tests: documents whose pages show a label, opening them with
 // the engine's warnings kept off the test's output, a step of the file road failing, the page
-// tree of a saved file, a temporary folder whose private copies can be counted, certificates.
+// tree of a saved file, a temporary folder whose private copies can be counted.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -132,22 +132,6 @@ inline PageTree ReadPageTree(const Path& file) {
     read >> tree.pages >> tree.widest;
     std::getline(read >> std::ws, tree.problem);
     return tree;
-}
-
-// What qpdf shows of `file`'s encryption, opened with `password`.
-inline std::string ShowEncryption(const Path& file, const std::string& password) {
-    return Run("qpdf --show-encryption --password=" + Quote(password) + " " + Quote(file)).output;
-}
-
-// A self-signed certificate for `name` with a new key of `key` (an openssl -newkey argument),
-// written as <name>-cert.pem and <name>-key.pem in `dir`; returns the certificate's PEM text.
-inline OptionalText MakeCertificate(const Path& dir, const std::string& name,
-                                    const std::string& key = "rsa:2048") {
-    const ToolResult made = Run(
-        "openssl req -x509 -newkey " + key + " -nodes -days 2 -subj '/CN=" + name + "' -keyout " +
-        Quote(dir / (name + "-key.pem")) + " -out " + Quote(dir / (name + "-cert.pem")));
-    EXPECT_EQ(made.exit_code, 0) << made.output;
-    return FromAnsi(ReadBytes(dir / (name + "-cert.pem")));
 }
 
 }  // namespace zpdf::test

@@ -118,7 +118,7 @@ std::string Fact(const ToolResult& probe, const std::string& key) {
 // draws a seed of its own.
 TEST(SecuredSaveTest, CertificateSaveIsReadByPdfBox) {
     const Path dir = ScratchDir();
-    const OptionalText alice = MakeCertificate(dir, "Alice");
+    const OptionalText alice = FromAnsi(MakeCertificate(dir, "Alice"));
     MakeCertificate(dir, "Bob", "rsa:3072");
     const auto trusted = test::Run("openssl x509 -in " + Quote(dir / "Bob-cert.pem") +
                                    " -addtrust emailProtection -trustout");
@@ -166,9 +166,9 @@ TEST(SecuredSaveTest, CertificateSaveIsReadByPdfBox) {
 // certificate save opens it first and reports a failing open.
 TEST(SecuredSaveTest, RefusalsLeaveTheFileAsItWas) {
     const Path dir = ScratchDir();
-    const OptionalText good = MakeCertificate(dir, "Alice");
+    const OptionalText good = FromAnsi(MakeCertificate(dir, "Alice"));
     const OptionalText curve =
-        MakeCertificate(dir, "Curve", "ec -pkeyopt ec_paramgen_curve:prime256v1");
+        FromAnsi(MakeCertificate(dir, "Curve", "ec -pkeyopt ec_paramgen_curve:prime256v1"));
     using Save = std::function<HResult(Obj&)>;
     const Save password = [](Obj& o) { return o.SaveWithSecurity(u"u", u"o"); };
     const auto to = [](std::vector<OptionalText> list) {

@@ -105,6 +105,19 @@ std::filesystem::path QpdfEncrypt(const std::filesystem::path& in, const std::fi
                 in, out);
 }
 
+std::string MakeCertificate(const std::filesystem::path& dir, const std::string& name,
+                            const std::string& key) {
+    const ToolResult made = Run(
+        "openssl req -x509 -newkey " + key + " -nodes -days 2 -subj '/CN=" + name + "' -keyout " +
+        Quote(dir / (name + "-key.pem")) + " -out " + Quote(dir / (name + "-cert.pem")));
+    EXPECT_EQ(made.exit_code, 0) << made.output;
+    return ReadBytes(dir / (name + "-cert.pem"));
+}
+
+std::string ShowEncryption(const std::filesystem::path& file, const std::string& password) {
+    return Run("qpdf --show-encryption --password=" + Quote(password) + " " + Quote(file)).output;
+}
+
 int QpdfPageCount(const std::filesystem::path& path) {
     const ToolResult result = Run("qpdf --show-npages " + Quote(path) + " 2>/dev/null");
     if (result.exit_code != 0 && result.exit_code != 3) return -1;

@@ -37,7 +37,14 @@ std::filesystem::path TextPdf(const std::filesystem::path& path,
 std::filesystem::path QpdfEncrypt(const std::filesystem::path& in, const std::filesystem::path& out,
                                   const std::string& user, const std::string& owner, int bits);
 
+// A self-signed certificate for `name` with a new key of `key` (an openssl -newkey argument),
+// written as <name>-cert.pem and <name>-key.pem in `dir`; returns the certificate's PEM text.
+std::string MakeCertificate(const std::filesystem::path& dir, const std::string& name,
+                            const std::string& key = "rsa:2048");
+
 // Independent readers.
+// What qpdf shows of `file`'s encryption, opened with `password`.
+std::string ShowEncryption(const std::filesystem::path& file, const std::string& password);
 int QpdfPageCount(const std::filesystem::path& path);  // -1 when qpdf cannot read the file
 bool QpdfCheckPasses(const std::filesystem::path& path);
 // The text of the document, opened with `password` (user's or owner's) when one is given.
